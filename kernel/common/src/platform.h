@@ -1,0 +1,65 @@
+// Operating system interface: files, error texts, the executable's path, run-time library
+// loading and terminal echo. Everything that needs an operating system header lives behind
+// this header, in one source file per platform.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace platform {
+
+using File = std::intptr_t;
+inline constexpr File kInvalidFile = -1;
+
+// Opens an existing file for reading and writing, shared; never creates one.
+File OpenReadWrite(const std::string& path);
+// Opens an existing file for reading only, without any newline translation.
+File OpenReadOnly(const std::string& path);
+// Creates (or truncates) a file for reading and writing. Used by the tools, not the conversion.
+File CreateReadWrite(const std::string& path);
+void Close(File file);
+
+// Reads or writes up to size bytes at an absolute 64-bit position. Returns the number of bytes
+// moved, or -1 with the system error recorded. A short count is not an error here.
+std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position);
+std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position);
+// Sequential read from the file's current position.
+std::int64_t Read(File file, void* buffer, std::size_t size);
+bool SetFileSize(File file, std::uint64_t size);
+std::int64_t FileSize(File file);
+// Start of the next data extent at or after position, or -1 when only a hole follows.
+std::int64_t NextData(File file, std::uint64_t position);
+// Start of the next hole at or after position (the file end counts as a hole).
+std::int64_t NextHole(File file, std::uint64_t position);
+
+// The last system error code, and a way to clear it before a call that may fail silently.
+int LastError();
+void ClearLastError();
+// The system's own text for an error code, or "" when it has none.
+std::string SystemErrorText(int code);
+// True for the codes meaning "file not found" and "path not found".
+bool IsNotFoundError(int code);
+
+// Path of the running executable, or "" when it cannot be had within limit characters.
+std::string ExecutablePath(std::size_t limit);
+// Absolute form of path; "." and ".." folded, links not resolved, the path need not exist.
+std::string FullPathName(const std::string& path);
+inline constexpr char kSeparator = '/';
+
+void* LibraryOpen(const std::string& path);
+void* LibrarySymbol(void* library, const char* name);
+void LibraryClose(void* library);
+bool FileExists(const std::string& path);
+bool RemoveFile(const std::string& path);
+
+// Turns terminal echo off on standard input while a password is typed; a no-op when standard
+// input is not a terminal. RestoreEcho undoes exactly what DisableEcho changed.
+struct EchoState {
+  bool changed = false;
+  unsigned char saved[64] = {};
+};
+void DisableEcho(EchoState& state);
+void RestoreEcho(const EchoState& state);
+
+}  // namespace platform

@@ -1,0 +1,88 @@
+// The only multi-byte accessors of the converters. A field is either reversed in place (whatever
+// the direction), or its value is loaded in a stated order from single bytes, so that nothing
+// depends on the host's order or on alignment.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace bt {
+
+using Bytes = std::span<std::uint8_t>;
+
+inline std::uint16_t LoadLE16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | p[1] << 8); }
+inline std::uint16_t LoadBE16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[1] | p[0] << 8); }
+inline std::uint32_t LoadLE32(const std::uint8_t* p) {
+  return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[3]} << 24;
+}
+inline std::uint32_t LoadBE32(const std::uint8_t* p) {
+  return std::uint32_t{p[3]} | std::uint32_t{p[2]} << 8 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[0]} << 24;
+}
+inline std::uint64_t LoadLE64(const std::uint8_t* p) { return LoadLE32(p) | std::uint64_t{LoadLE32(p + 4)} << 32; }
+inline std::uint64_t LoadBE64(const std::uint8_t* p) { return LoadBE32(p + 4) | std::uint64_t{LoadBE32(p)} << 32; }
+
+inline std::uint16_t Load16(const std::uint8_t* p, bool big) { return big ? LoadBE16(p) : LoadLE16(p); }
+inline std::uint32_t Load32(const std::uint8_t* p, bool big) { return big ? LoadBE32(p) : LoadLE32(p); }
+inline std::uint64_t Load64(const std::uint8_t* p, bool big) { return big ? LoadBE64(p) : LoadLE64(p); }
+
+inline void StoreLE32(std::uint8_t* p, std::uint32_t v) {
+  p[0] = static_cast<std::uint8_t>(v);
+  p[1] = static_cast<std::uint8_t>(v >> 8);
+  p[2] = static_cast<std::uint8_t>(v >> 16);
+  p[3] = static_cast<std::uint8_t>(v >> 24);
+}
+inline void StoreBE32(std::uint8_t* p, std::uint32_t v) {
+  p[3] = static_cast<std::uint8_t>(v);
+  p[2] = static_cast<std::uint8_t>(v >> 8);
+  p[1] = static_cast<std::uint8_t>(v >> 16);
+  p[0] = static_cast<std::uint8_t>(v >> 24);
+}
+
+inline void Rev2(std::uint8_t* p) {
+  std::uint8_t t = p[0];
+  p[0] = p[1];
+  p[1] = t;
+}
+inline void Rev3(std::uint8_t* p) {
+  std::uint8_t t = p[0];
+  p[0] = p[2];
+  p[2] = t;
+}
+inline void Rev4(std::uint8_t* p) { StoreLE32(p, LoadBE32(p)); }
+inline void Rev8(std::uint8_t* p) {
+  std::uint64_t v = LoadBE64(p);
+  StoreLE32(p, static_cast<std::uint32_t>(v));
+  StoreLE32(p + 4, static_cast<std::uint32_t>(v >> 32));
+}
+inline void RevN(std::uint8_t* p, std::size_t n) {
+  for (std::size_t i = 0, j = n - 1; i < j; ++i, --j) {
+    std::uint8_t t = p[i];
+    p[i] = p[j];
+    p[j] = t;
+  }
+}
+
+// Bounds-checked forms: a field that does not lie wholly inside the span is left alone, so a
+// malformed block can never make a converter read or write outside its buffer.
+inline bool Fits(Bytes s, std::size_t off, std::size_t width) { return off <= s.size() && width <= s.size() - off; }
+inline void Rev16At(Bytes s, std::size_t off) {
+  if (Fits(s, off, 2)) Rev2(s.data() + off);
+}
+inline void Rev32At(Bytes s, std::size_t off) {
+  if (Fits(s, off, 4)) Rev4(s.data() + off);
+}
+inline void Rev64At(Bytes s, std::size_t off) {
+  if (Fits(s, off, 8)) Rev8(s.data() + off);
+}
+// Reverses every unit of width bytes from off while a whole unit fits before end.
+inline void RevEach(Bytes s, std::size_t off, std::size_t end, std::size_t width) {
+  if (end > s.size()) end = s.size();
+  for (; off < end && width <= end - off; off += width) RevN(s.data() + off, width);
+}
+inline void RevEach32(Bytes s, std::size_t off, std::size_t end) {
+  if (end > s.size()) end = s.size();
+  for (; off < end && 4 <= end - off; off += 4) Rev4(s.data() + off);
+}
+
+}  // namespace bt

@@ -1,0 +1,14 @@
+// The lock file orva.lck beside a main database file named ORVA.DAT (any letter case).
+#pragma once
+
+#include <string>
+
+namespace bt {
+
+// Lock path for a database file name, "" when the name takes no lock.
+std::string LockPathFor(const std::string& fileName);
+// Takes the lock; ends the process with status 1 when it is held or cannot be written.
+void TakeLock(const std::string& lockPath, const std::string& fileName);
+void ReleaseLock(const std::string& lockPath);
+
+}  // namespace bt

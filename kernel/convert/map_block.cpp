@@ -1,0 +1,145 @@
+#include "map_block.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "block_cipher.h"
+#include "compression.h"
+#include "messages.h"
+#include "state.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace {
+struct MapListEntry {
+  MapListEntry* next;
+  std::uint32_t blockNumber;
+  std::uint8_t* copy;  // block size bytes, in the same allocation
+};
+MapListEntry* listHead = nullptr;
+MapListEntry* listTail = nullptr;
+alignas(16) std::uint8_t currentMap[kMaxBlockSize];
+std::uint32_t currentMapNumber = 0;
+
+void AppendToMapList(std::uint32_t b, const std::uint8_t* block) {
+  void* memory = std::malloc(sizeof(MapListEntry) + blockSize);
+  if (memory == nullptr) Fail("\r\nCould not allocate maplist, out of memory");
+  auto* entry = static_cast<MapListEntry*>(memory);
+  entry->next = nullptr;
+  entry->blockNumber = b;
+  entry->copy = static_cast<std::uint8_t*>(memory) + sizeof(MapListEntry);
+  std::memcpy(entry->copy, block, blockSize);
+  if (listTail != nullptr)
+    listTail->next = entry;
+  else
+    listHead = entry;
+  listTail = entry;
+}
+}  // namespace
+
+std::size_t map::BitmapStart() { return 128 + 128 * (blockSize / 4096); }
+
+bool InMapArea(std::uint32_t b) {
+  if (b == 2) return true;
+  if (b == 3 || b == 4) return false;
+  if (b >= 5 && b <= 15) return true;
+  const std::uint32_t bpm = blocksPerMap, cm = contiguousMaps;
+  if (b < bpm + 2) return false;
+  if (b < bpm + 2 * (3 * (maxSatBlks + cm) - 5)) return true;
+  const std::uint64_t group = std::uint64_t{cm} * bpm;
+  const std::uint64_t k = (b - 2) / group;
+  if (k == 0) return false;
+  return b - (k * group + 2) < 6ull * cm;
+}
+
+bool IsTrueMapBlock(std::uint32_t b) {
+  const std::uint32_t bpm = blocksPerMap, cm = contiguousMaps;
+  if (b == 2) return true;
+  if (b >= bpm + 2 && b <= bpm + cm) return true;
+  const std::uint64_t group = std::uint64_t{cm} * bpm;
+  if (b < 2) return false;
+  const std::uint64_t k = (b - 2) / group;
+  return k >= 1 && b - (k * group + 2) < cm;
+}
+
+std::uint32_t GoverningMap(std::uint32_t b) {
+  const std::uint32_t bpm = blocksPerMap, cm = contiguousMaps;
+  const std::uint32_t q = (b - 1) / bpm;
+  if (q == 0) return 2;
+  if (q < cm) return bpm + 1 + q;
+  const std::uint32_t r = q & (cm - 1);
+  return (q - r) * bpm + 2 + r;
+}
+
+void ReverseMapFields(Bytes block) {
+  for (std::size_t off : {0, 28, 44, 48, 52, 56}) Rev32At(block, off);
+  RevEach32(block, map::kWordsStart, block.size());
+}
+
+void ConvertMapBlock(std::uint32_t b) {
+  const bool listed = IsTrueMapBlock(b) && b != currentMapNumber;
+  if (listed && swapFlag == 0) AppendToMapList(b, blockBuffer);
+  ReverseMapFields(BlockSpan());
+  if (listed && swapFlag == 1) AppendToMapList(b, blockBuffer);
+}
+
+void ReadCurMap(std::uint32_t m, int swap) {
+  if (m > lastBlock) Fail("\r\nReadCurMap block points to block (%u) that is not in the fileset.", m);
+  std::uint32_t first = 0, last = 0;
+  platform::File file = VolumeOfBlock(m, &first, &last);
+  if (file == platform::kInvalidFile)
+    Fail("\r\nReadCurMap: failed to open database volume containing block #%u. %s", m, ErrorText());
+  if (!ReadBlockAt(file, BlockPosition(m, first, blockSize), currentMap, blockSize))
+    Fail("\r\nReadCurMap failed to read block #%u. %s", m, ErrorText());
+  if (databaseEncrypted && !DecryptDataBlock(currentMap, currentMap, m))
+    Fail("Error decrypting big ReadCurMap block\n");
+  if ((currentMap[4] & 0x80) && DecompressBlock(currentMap) == 0)
+    Fail("\r\nError uncompressing ReadCurMap block #%u\r\n", m);
+  if (currentMap[map::kMapMark] != map::kMapMarkValue)
+    Fail("\r\nReadCurMap read a bad map block, block #%u. type = %c.", m, currentMap[map::kMapMark]);
+  if (swap == 1) ReverseMapFields(Bytes(currentMap, blockSize));
+}
+
+void FetchGoverningMap(std::uint32_t b, std::uint32_t m) {
+  if (m == currentMapNumber) return;
+  if (b <= m) {
+    ReadCurMap(m, swapFlag);
+  } else {
+    if (listHead == nullptr || listHead->blockNumber != m)
+      Fail("\r\nCould not find map block %u in map list. map=0x" BT_PTR, m, PointerValue(listHead));
+    MapListEntry* entry = listHead;
+    listHead = entry->next;
+    if (listHead == nullptr) listTail = nullptr;
+    std::memcpy(currentMap, entry->copy, blockSize);
+    std::free(entry);
+  }
+  currentMapNumber = m;
+}
+
+bool IsFreeBlock(std::uint32_t b) {
+  if (LoadLE32(currentMap + map::kBitmapFlag) == 0) return false;
+  const std::uint32_t i = (b - 1) % blocksPerMap;
+  const std::uint32_t word = LoadLE32(currentMap + map::BitmapStart() + 4 * (i / 32));
+  return (word >> (i % 32)) & 1;
+}
+
+void ResetMaps() {
+  while (listHead != nullptr) {
+    MapListEntry* next = listHead->next;
+    std::free(listHead);
+    listHead = next;
+  }
+  listTail = nullptr;
+  currentMapNumber = 0;
+}
+
+std::uint32_t CurrentMapNumber() { return currentMapNumber; }
+
+std::size_t MapListLength() {
+  std::size_t n = 0;
+  for (MapListEntry* e = listHead; e != nullptr; e = e->next) ++n;
+  return n;
+}
+
+}  // namespace bt

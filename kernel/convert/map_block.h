@@ -1,0 +1,40 @@
+// Map blocks: where they lie, their layout and conversion, the current map and the list of maps
+// already converted.
+#pragma once
+
+#include <cstdint>
+
+#include "byteorder.h"
+
+namespace bt {
+
+namespace map {
+inline constexpr std::size_t kBitmapFlag = 28;
+inline constexpr std::size_t kMapMark = 40;
+inline constexpr std::uint8_t kMapMarkValue = 'm';
+inline constexpr std::size_t kWordsStart = 132;
+// Start of the bitmap for the run's block size.
+std::size_t BitmapStart();
+}  // namespace map
+
+bool InMapArea(std::uint32_t b);
+bool IsTrueMapBlock(std::uint32_t b);
+// Block number of the map that governs block b.
+std::uint32_t GoverningMap(std::uint32_t b);
+
+// Reverses a map block's fields in place (also used for the other blocks of a map area).
+void ReverseMapFields(Bytes block);
+// Converts map area block b in the block buffer and lists a copy of a true map.
+void ConvertMapBlock(std::uint32_t b);
+// Reads map block m into the current map, in this machine's order.
+void ReadCurMap(std::uint32_t m, int swap);
+// Makes map m the current map: read ahead, or taken from the head of the map list.
+void FetchGoverningMap(std::uint32_t b, std::uint32_t m);
+// True when the current map marks block b as free.
+bool IsFreeBlock(std::uint32_t b);
+
+void ResetMaps();
+std::uint32_t CurrentMapNumber();
+std::size_t MapListLength();
+
+}  // namespace bt

@@ -1,0 +1,7 @@
+#include "mirror_info.h"
+
+namespace bt {
+
+void CvMirInfo(Bytes) {}
+
+}  // namespace bt

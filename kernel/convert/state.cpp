@@ -1,0 +1,38 @@
+#include "state.h"
+
+namespace bt {
+
+int swapFlag = 0;
+std::uint32_t blockSize = 0;
+std::uint32_t blockSizeCode = 0;
+std::uint32_t blocksPerMap = 0;
+std::uint32_t contiguousMaps = 0;
+std::uint32_t maxSatBlks = 0;
+std::uint32_t lastBlock = 0;
+std::uint32_t primaryVolumeLastBlock = 0;
+std::uint32_t volumeInfoBlockNumber = 0;
+std::uint32_t furtherVolumeCount = 0;
+std::uint32_t volumeSetFieldA = 0;
+std::uint32_t volumeSetFieldB = 0;
+std::int32_t mapCount = 0;
+bool databaseEncrypted = false;
+
+std::string databaseFileName;
+std::string binDirectory;
+
+alignas(16) std::uint8_t blockBuffer[kMaxBlockSize];
+
+std::string primaryDirectory;
+std::vector<std::string> volumeDirectories;
+std::uint32_t volumeFirstBlock[kMaxVolumes + 2];
+std::uint16_t volumeDirIndex[kMaxVolumes + 2];
+
+void SetGeometry(std::uint32_t code) {
+  blockSizeCode = code;
+  blockSize = kGeometry[code].size;
+  blocksPerMap = kGeometry[code].perMap;
+  contiguousMaps = kGeometry[code].contiguous;
+  maxSatBlks = kGeometry[code].sat;
+}
+
+}  // namespace bt

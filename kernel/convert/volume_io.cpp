@@ -1,0 +1,118 @@
+#include "volume_io.h"
+
+#include <cstdio>
+
+#include "state.h"
+#include "volume_set.h"
+
+namespace bt {
+
+namespace {
+struct CacheSlot {
+  int volume = -1;
+  platform::File file = platform::kInvalidFile;
+};
+CacheSlot handleCache[kHandleCacheSlots];
+int nextSlot = 0;
+char errorText[320];
+}  // namespace
+
+std::string VolumePath(std::uint32_t volume) {
+  if (volume == 0) return databaseFileName;
+  char name[14] = {};
+  if (!VolumeFileName(volume, name)) return "";
+  std::uint16_t dir = volume <= kMaxVolumes ? volumeDirIndex[volume] : 0;
+  const std::string& base = dir == 0 || dir > volumeDirectories.size() ? primaryDirectory : volumeDirectories[dir - 1];
+  return base + name;
+}
+
+platform::File OpenVolumeFile(std::uint32_t volume) {
+  std::string path = VolumePath(volume);
+  if (path.empty()) return platform::kInvalidFile;
+  return platform::OpenReadWrite(path);
+}
+
+std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
+  std::uint32_t n = furtherVolumeCount;
+  if (n == 0) {
+    *first = 1;
+    *last = lastBlock;
+    return 0;
+  }
+  std::uint32_t lo = 0, hi = n;
+  while (lo != hi) {
+    std::uint32_t mid = lo + (hi - lo) / 2;
+    if (b < volumeFirstBlock[mid + 1])
+      hi = mid;
+    else
+      lo = mid + 1;
+  }
+  if (hi == 0) {
+    *first = 1;
+    *last = primaryVolumeLastBlock;
+  } else {
+    *first = volumeFirstBlock[hi];
+    *last = hi == n ? lastBlock : volumeFirstBlock[hi + 1] - 1;
+  }
+  return hi;
+}
+
+platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
+  int volume = static_cast<int>(VolumeIndexOfBlock(b, first, last));
+  for (const CacheSlot& slot : handleCache)
+    if (slot.volume == volume && slot.file != platform::kInvalidFile) return slot.file;
+
+  CacheSlot& target = handleCache[nextSlot];
+  platform::Close(target.file);
+  target = CacheSlot{};
+  platform::File file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
+  // Short of file handles: give up cached files one by one before giving up.
+  for (int i = (nextSlot + 1) % kHandleCacheSlots; file == platform::kInvalidFile && i != nextSlot;
+       i = (i + 1) % kHandleCacheSlots) {
+    if (handleCache[i].file == platform::kInvalidFile) continue;
+    platform::Close(handleCache[i].file);
+    handleCache[i] = CacheSlot{};
+    file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
+  }
+  nextSlot = (nextSlot + 1) % kHandleCacheSlots;
+  if (file == platform::kInvalidFile) return file;
+  target.volume = volume;
+  target.file = file;
+  return file;
+}
+
+void EmptyHandleCache() {
+  for (CacheSlot& slot : handleCache) slot = CacheSlot{};
+  nextSlot = 0;
+}
+
+void CloseHandleCache() {
+  for (CacheSlot& slot : handleCache) {
+    platform::Close(slot.file);
+    slot = CacheSlot{};
+  }
+}
+
+int HandleCacheSlotVolume(int slot) { return handleCache[slot].volume; }
+
+bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  platform::ClearLastError();
+  return platform::ReadAt(file, buffer, size, position) == static_cast<std::int64_t>(size);
+}
+
+bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
+  platform::ClearLastError();
+  return platform::WriteAt(file, buffer, size, position) == static_cast<std::int64_t>(size);
+}
+
+const char* ErrorText() {
+  int code = platform::LastError();
+  std::string text = platform::SystemErrorText(code);
+  if (text.empty())
+    std::snprintf(errorText, sizeof errorText, "Error %d=(unknown error)", code);
+  else
+    std::snprintf(errorText, sizeof errorText, "Error %d=(%.200s)", code, text.c_str());
+  return errorText;
+}
+
+}  // namespace bt

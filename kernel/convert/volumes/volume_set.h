@@ -1,0 +1,17 @@
+// Volume sets: finding and verifying every further volume, with the operator's confirmation of
+// the volume directories.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace bt {
+
+// Fills the volume table and the directory list, or ends the process with status 1.
+void DiscoverVolumeSet();
+// Writes the 13 characters "ORVA-nnnn.VOL" (no terminator); 0 for a number outside 1..200.
+int VolumeFileName(std::uint32_t volume, char* destination);
+// Counted UTF-8 to 8-bit characters: bytes written (at most 227), 0 when empty, -1 on failure.
+int Utf8ToLatin1(const std::uint8_t* source, int length, std::uint8_t* destination);
+
+}  // namespace bt

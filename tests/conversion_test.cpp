@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include "block_header.h"
+#include "run.h"
+#include "state.h"
+
+#include <filesystem>
+
+using namespace testsupport;
+
+namespace {
+
+// Sparse databases spanning several maps: three or more (with a map group k >= 1) for block size
+// codes 1 and 2, two or more for codes 3 to 5. Most blocks are free holes, so they stay small.
+gendb::Params Spanning(std::uint32_t code, bool big, std::uint64_t seed) {
+  gendb::Params p;
+  p.seed = seed;
+  p.sizeCode = code;
+  p.bigEndian = big;
+  const std::uint32_t bpm = gendb::GeometryFor(code).bpm, cm = gendb::GeometryFor(code).cm;
+  p.lastBlock = code <= 2 ? cm * bpm + 2 * bpm / 3 : bpm + bpm / 2;
+  p.freeShare = 0.997;
+  p.clearFlagShare = 0.0;
+  p.sparse = true;
+  p.mix = gendb::Mix{4, 0, 0, 0, 0, 1, 1};
+  return p;
+}
+
+TEST(Conversion, SpanningDatabasesConvertToTheirMirrorImage) {
+  for (std::uint32_t code = 1; code <= 5; ++code) {
+    for (bool big : {true, false}) {
+      Scratch s;
+      ExpectConvertsToTwin(Spanning(code, big, 10 + code), s);
+    }
+  }
+}
+
+TEST(Conversion, DenseDatabaseWithClearBitmapFlags) {
+  for (bool big : {true, false}) {
+    Scratch s;
+    gendb::Params p;
+    p.seed = 3;
+    p.sizeCode = 1;
+    p.bigEndian = big;
+    p.lastBlock = 30720 * 2 + 500;
+    p.freeShare = 0.3;  // free blocks hold garbage that must stay untouched
+    p.clearFlagShare = 0.5;
+    p.mix = gendb::Mix{5, 0, 0, 0, 0, 1, 1};
+    ExpectConvertsToTwin(p, s);
+  }
+}
+
+TEST(Conversion, RunningTwiceRestoresTheOriginal) {
+  Scratch s;
+  gendb::Params p = Spanning(2, true, 99);
+  p.lastBlock = 62464 + 4000;
+  p.freeShare = 0.5;
+  p.unicodeManagerDirectory = true;
+  const std::string db = s.Path("db.dat"), copy = s.Path("copy.dat");
+  Generate(p, db);
+  Generate(p, copy);
+  EXPECT_EQ(RunByteturn({"-t", db}).status, 0);
+  EXPECT_NE(gendb::CompareFiles(db, copy, 8192), "");
+  EXPECT_EQ(RunByteturn({"-t", db}).status, 0);
+  EXPECT_EQ(gendb::CompareFiles(db, copy, 8192), "");
+}
+
+TEST(Conversion, BadOffsetBlocksAreReportedAndLeftOnDisk) {
+  Scratch s;
+  gendb::Params p;
+  p.lastBlock = 200;
+  p.freeShare = 0;
+  p.mix = gendb::Mix{3, 0, 0, 0, 0, 0, 1};
+  RunResult r = ExpectConvertsToTwin(p, s);
+  EXPECT_NE(r.out.find(", bad offset 2139062143\r\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\r\nSkip a bad block, block #"), std::string::npos);
+}
+
+TEST(Conversion, OffsetUpToTheBlockEndIsAccepted) {
+  bt::SetGeometry(1);
+  bt::swapFlag = 1;
+  std::vector<std::uint8_t> block(4096, 0);
+  std::size_t dataEnd = 0;
+  block[2] = 0x0F, block[3] = 0xE4;  // 4068 = block size - 28
+  EXPECT_TRUE(bt::ConvertHeaderOffset(bt::Bytes(block), 7, &dataEnd));
+  EXPECT_EQ(dataEnd, 4096u);
+  block.assign(4096, 0);
+  block[2] = 0x0F, block[3] = 0xE5;
+  ::testing::internal::CaptureStdout();
+  EXPECT_FALSE(bt::ConvertHeaderOffset(bt::Bytes(block), 7, &dataEnd));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\r\nSkip a bad block, block #7, bad offset 4069\r\n");
+}
+
+TEST(Conversion, ProgressLinesOnlyAtThousandsAndNeverTerse) {
+  Scratch s;
+  const std::string db = s.Path("db.dat");
+  gendb::Params p;
+  p.lastBlock = 2500;
+  Generate(p, db);
+  RunResult r = RunByteturn({db});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("\r1000 blocks (40%)     \r2000 blocks (80%)     \r\nDone converting to little-endian\r\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_EQ(r.out.find("\r1001 "), std::string::npos);
+  r = RunByteturn({"-t", db});
+  EXPECT_EQ(r.out.find(" blocks ("), std::string::npos);
+  EXPECT_TRUE(r.out.ends_with("\r\nDone converting to big-endian\r\n"));
+
+  p.lastBlock = 150000;  // 0 percent prints no digit
+  p.sparse = true;
+  p.freeShare = 0.99;
+  Generate(p, db);
+  r = RunByteturn({db});
+  EXPECT_NE(r.out.find("\r1000 blocks (%)     "), std::string::npos);
+  EXPECT_NE(r.out.find("\r2000 blocks (1%)     "), std::string::npos);
+}
+
+TEST(Conversion, LockFileBesideOrvaDat) {
+  Scratch s;
+  gendb::Params p;
+  p.lastBlock = 100;
+  const std::string db = s.Path("orva.Dat"), lock = s.Path("orva.lck");
+  Generate(p, db);
+  RunResult r = RunByteturn({"-t", db});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_FALSE(Exists(lock));  // removed at the normal end
+
+  WriteBytes(lock, 0, {'x'});
+  auto before = ReadBytes(db);
+  r = RunByteturn({"-t", db});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, db + " is locked by Veltrano ORVA.\n");
+  EXPECT_EQ(ReadBytes(db), before);
+  std::filesystem::remove(lock);
+
+  // A failure in the block loop leaves the lock in place, holding the tool's mark.
+  gendb::Params two;
+  two.sizeCode = 1;
+  two.lastBlock = 30720 + 300;
+  two.sparse = true;
+  two.freeShare = 0.9;
+  Generate(two, db);
+  WriteBytes(db, std::uint64_t{30722 - 1} * 4096 + 40, {'x'});
+  r = RunByteturn({"-t", db});
+  EXPECT_EQ(r.status, 1);
+  auto text = ReadBytes(lock);
+  EXPECT_EQ(std::string(text.begin(), text.end()), "\tsealturn");
+
+  Generate(p, s.Path("other.dat"));
+  r = RunByteturn({"-t", s.Path("other.dat")});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_FALSE(Exists(s.Path("other.lck")));
+}
+
+}  // namespace

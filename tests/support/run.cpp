@@ -1,0 +1,121 @@
+#include "run.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace testsupport {
+
+namespace fs = std::filesystem;
+
+namespace {
+std::string Quote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s) {
+    if (c == '\'')
+      q += "'\\''";
+    else
+      q += c;
+  }
+  return q + "'";
+}
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+}  // namespace
+
+Scratch::Scratch() {
+  static std::atomic<int> counter{0};
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "anon";
+  for (char& c : name)
+    if (c == '/') c = '_';
+  dir = (fs::temp_directory_path() / "byteturn-tests" / (name + "-" + std::to_string(counter++))).string();
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+}
+
+Scratch::~Scratch() {
+  std::error_code ec;
+  fs::remove_all(dir, ec);
+}
+
+RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input, const std::string& cwd) {
+  static std::atomic<int> counter{0};
+  std::string base = (fs::temp_directory_path() / ("bt-run-" + std::to_string(counter++) + "-")).string();
+  base += std::to_string(::testing::UnitTest::GetInstance()->random_seed());
+  {
+    std::ofstream in(base + "in", std::ios::binary);
+    in << input;
+  }
+  std::string command;
+  if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
+  command += Quote(BYTETURN_EXE);
+  for (const auto& a : args) command += " " + Quote(a);
+  command += " < " + Quote(base + "in") + " > " + Quote(base + "out") + " 2> " + Quote(base + "err");
+  int raw = std::system(command.c_str());
+  RunResult r;
+  r.status = (raw >> 8) & 0xFF;
+  r.out = Slurp(base + "out");
+  r.err = Slurp(base + "err");
+  for (const char* suffix : {"in", "out", "err"}) fs::remove(base + suffix);
+  return r;
+}
+
+std::vector<std::uint8_t> ReadBytes(const std::string& path, std::uint64_t offset, std::size_t size) {
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(offset));
+  std::vector<std::uint8_t> out;
+  char c;
+  while (out.size() < size && in.get(c)) out.push_back(static_cast<std::uint8_t>(c));
+  return out;
+}
+
+void WriteBytes(const std::string& path, std::uint64_t offset, const std::vector<std::uint8_t>& bytes) {
+  if (!fs::exists(path)) std::ofstream(path, std::ios::binary).flush();
+  std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+  f.seekp(static_cast<std::streamoff>(offset));
+  f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+void PatchU16(const std::string& path, std::uint64_t offset, std::uint16_t v, bool big) {
+  std::uint8_t lo = static_cast<std::uint8_t>(v), hi = static_cast<std::uint8_t>(v >> 8);
+  WriteBytes(path, offset, big ? std::vector<std::uint8_t>{hi, lo} : std::vector<std::uint8_t>{lo, hi});
+}
+
+void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t v, bool big) {
+  std::vector<std::uint8_t> b(4);
+  for (int i = 0; i < 4; ++i) b[big ? 3 - i : i] = static_cast<std::uint8_t>(v >> (8 * i));
+  WriteBytes(path, offset, b);
+}
+
+bool Exists(const std::string& path) { return fs::exists(path); }
+
+void Generate(const gendb::Params& params, const std::string& path) {
+  std::string error = gendb::GenerateDatabase(params, path);
+  ASSERT_EQ(error, "") << path;
+}
+
+RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input) {
+  const std::string source = scratch.Path("source.dat"), twin = scratch.Path("twin.dat");
+  params.converted = false;
+  Generate(params, source);
+  gendb::Params other = params;
+  other.bigEndian = !params.bigEndian;
+  other.converted = true;
+  Generate(other, twin);
+  RunResult r = RunByteturn({"-t", source}, input);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(gendb::CompareFiles(source, twin, gendb::GeometryFor(params.sizeCode).blockSize), "")
+      << "seed " << params.seed << " code " << params.sizeCode << (params.bigEndian ? " big" : " little");
+  return r;
+}
+
+}  // namespace testsupport

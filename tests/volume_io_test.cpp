@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+
+#include "run.h"
+#include "state.h"
+#include "volume_io.h"
+
+using namespace testsupport;
+
+namespace {
+
+// Twelve volumes of ten blocks each: volume v holds blocks 10v+1 .. 10v+10.
+void SetUpTwelveVolumes(const Scratch& s) {
+  bt::databaseFileName = s.Path("ORVA.DAT");
+  bt::primaryDirectory = s.dir + "/";
+  bt::volumeDirectories.clear();
+  bt::furtherVolumeCount = 11;
+  bt::primaryVolumeLastBlock = 10;
+  bt::lastBlock = 120;
+  for (std::uint32_t v = 1; v <= 11; ++v) {
+    bt::volumeFirstBlock[v] = 10 * v + 1;
+    bt::volumeDirIndex[v] = 0;
+    char name[32];
+    std::snprintf(name, sizeof name, "ORVA-%04u.VOL", v);
+    WriteBytes(s.Path(name), 0, {1});
+  }
+  WriteBytes(bt::databaseFileName, 0, {1});
+}
+
+TEST(VolumeIo, VolumeOfBlockFindsRangesAtTheirEdges) {
+  Scratch s;
+  SetUpTwelveVolumes(s);
+  std::uint32_t first = 0, last = 0;
+  EXPECT_EQ(bt::VolumeIndexOfBlock(10, &first, &last), 0u);
+  EXPECT_EQ(first, 1u);
+  EXPECT_EQ(last, 10u);
+  EXPECT_EQ(bt::VolumeIndexOfBlock(11, &first, &last), 1u);
+  EXPECT_EQ(last, 20u);
+  EXPECT_EQ(bt::VolumeIndexOfBlock(110, &first, &last), 10u);
+  EXPECT_EQ(bt::VolumeIndexOfBlock(111, &first, &last), 11u);
+  EXPECT_EQ(first, 111u);
+  EXPECT_EQ(last, 120u);
+
+  bt::furtherVolumeCount = 0;
+  EXPECT_EQ(bt::VolumeIndexOfBlock(115, &first, &last), 0u);
+  EXPECT_EQ(last, 120u);
+}
+
+TEST(VolumeIo, HandleCacheRefillsRoundRobin) {
+  Scratch s;
+  SetUpTwelveVolumes(s);
+  bt::EmptyHandleCache();
+  std::uint32_t first = 0, last = 0;
+  platform::File f0 = bt::VolumeOfBlock(5, &first, &last);
+  ASSERT_NE(f0, platform::kInvalidFile);
+  EXPECT_EQ(bt::VolumeOfBlock(7, &first, &last), f0);  // reused, not opened again
+  for (std::uint32_t v = 1; v <= 9; ++v) EXPECT_NE(bt::VolumeOfBlock(10 * v + 1, &first, &last), platform::kInvalidFile);
+  for (int slot = 0; slot < bt::kHandleCacheSlots; ++slot) EXPECT_EQ(bt::HandleCacheSlotVolume(slot), slot);
+  // The eleventh volume replaces the oldest slot; touching volume 1 again does not protect it.
+  bt::VolumeOfBlock(11, &first, &last);
+  bt::VolumeOfBlock(101, &first, &last);
+  EXPECT_EQ(bt::HandleCacheSlotVolume(0), 10);
+  bt::VolumeOfBlock(111, &first, &last);
+  EXPECT_EQ(bt::HandleCacheSlotVolume(1), 11);
+  EXPECT_EQ(bt::HandleCacheSlotVolume(2), 2);
+  bt::CloseHandleCache();
+  for (int slot = 0; slot < bt::kHandleCacheSlots; ++slot) EXPECT_EQ(bt::HandleCacheSlotVolume(slot), -1);
+}
+
+TEST(VolumeIo, MissingVolumeGivesInvalidHandleAndAdvances) {
+  Scratch s;
+  SetUpTwelveVolumes(s);
+  std::filesystem::remove(s.Path("ORVA-0003.VOL"));
+  bt::EmptyHandleCache();
+  std::uint32_t first = 0, last = 0;
+  EXPECT_EQ(bt::VolumeOfBlock(31, &first, &last), platform::kInvalidFile);
+  EXPECT_EQ(bt::HandleCacheSlotVolume(0), -1);
+  EXPECT_NE(bt::VolumeOfBlock(41, &first, &last), platform::kInvalidFile);
+  EXPECT_EQ(bt::HandleCacheSlotVolume(1), 4);
+  bt::CloseHandleCache();
+}
+
+TEST(VolumeIo, ErrorText) {
+  errno = 2;
+  EXPECT_STREQ(bt::ErrorText(), "Error 2=(No such file or directory)");
+  errno = 9999;
+  EXPECT_STREQ(bt::ErrorText(), "Error 9999=(unknown error)");
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+// Benchmark: times byteturn -t on a generated database against an in-place rewrite of the same
+// file block by block with no conversion (dd conv=notrunc), and prints both and their ratio.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "gendb.h"
+#include "platform.h"
+
+namespace {
+
+double TimeCommand(const std::string& command) {
+  std::system("sync");
+  auto start = std::chrono::steady_clock::now();
+  int status = std::system(command.c_str());
+  auto end = std::chrono::steady_clock::now();
+  if (status != 0) {
+    std::fprintf(stderr, "bench: command failed (%d): %s\n", status, command.c_str());
+    std::exit(1);
+  }
+  return std::chrono::duration<double>(end - start).count();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::uint64_t sizeMiB = 2048;
+  gendb::Params p;
+  p.sizeCode = 2;
+  p.freeShare = 0.1;
+  p.mix = gendb::Mix{1, 6, 1, 3, 0, 0, 0};
+  std::string dir = "/tmp";
+  int rounds = 2;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    std::string a = argv[i];
+    const char* v = argv[i + 1];
+    if (a == "--size-mib") sizeMiB = std::strtoull(v, nullptr, 10);
+    else if (a == "--code") p.sizeCode = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
+    else if (a == "--free") p.freeShare = std::strtod(v, nullptr);
+    else if (a == "--dir") dir = v;
+    else if (a == "--rounds") rounds = std::atoi(v);
+    else if (a == "--mix-other-only" && std::strcmp(v, "1") == 0) p.mix = gendb::Mix{};
+    else if (a == "--key") {
+      p.keyId = "bench-key";
+      p.databaseKey.assign(32, 0);
+      for (int k = 0; k < 32; ++k) p.databaseKey[k] = static_cast<std::uint8_t>(k * 7 + 1);
+      (void)v;
+    } else {
+      std::fprintf(stderr,
+                   "usage: bench [--size-mib N] [--code N] [--free F] [--dir DIR] [--rounds N] "
+                   "[--mix-other-only 1]\n");
+      return 2;
+    }
+  }
+  const gendb::Geometry g = gendb::GeometryFor(p.sizeCode);
+  p.lastBlock = static_cast<std::uint32_t>(sizeMiB * 1024 * 1024 / g.blockSize);
+  const std::string db = dir + "/bench-" + std::to_string(p.sizeCode) + ".dat";
+  const std::string exe = platform::ExecutablePath(4096);
+  const std::string byteturn = exe.substr(0, exe.rfind('/') + 1) + "byteturn";
+
+  std::printf("generating %llu MiB, %u-byte blocks, %.0f%% free ...\n", static_cast<unsigned long long>(sizeMiB),
+              g.blockSize, p.freeShare * 100);
+  std::fflush(stdout);
+  std::string error = gendb::GenerateDatabase(p, db);
+  if (!error.empty()) {
+    std::fprintf(stderr, "bench: %s\n", error.c_str());
+    return 1;
+  }
+  const std::string rewrite = "dd if=" + db + " of=" + db + " bs=" + std::to_string(g.blockSize) +
+                              " conv=notrunc status=none";
+  const std::string convert = byteturn + " -t " + db + " > /dev/null";
+  double bestRewrite = 1e30, bestConvert = 1e30;
+  for (int r = 0; r < rounds; ++r) {
+    double tr = TimeCommand(rewrite);
+    double tc = TimeCommand(convert);  // each round converts to the other order and back again
+    std::printf("round %d: rewrite %.3f s, byteturn %.3f s\n", r + 1, tr, tc);
+    std::fflush(stdout);
+    if (tr < bestRewrite) bestRewrite = tr;
+    if (tc < bestConvert) bestConvert = tc;
+  }
+  const double mib = static_cast<double>(std::uint64_t{p.lastBlock} * g.blockSize) / (1024.0 * 1024.0);
+  std::printf("rewrite (dd conv=notrunc): %.3f s, %.0f MiB/s\n", bestRewrite, mib / bestRewrite);
+  std::printf("byteturn -t:               %.3f s, %.0f MiB/s\n", bestConvert, mib / bestConvert);
+  std::printf("ratio byteturn/rewrite:    %.2f\n", bestConvert / bestRewrite);
+  platform::RemoveFile(db);
+  return 0;
+}

@@ -1,0 +1,306 @@
+#include "gendb.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "gendb_internal.h"
+#include "platform.h"
+
+namespace gendb {
+
+Geometry GeometryFor(std::uint32_t sizeCode) {
+  static const Geometry kTable[6] = {{2048, 0, 0, 0},       {4096, 30720, 16, 5},   {8192, 62464, 8, 2},
+                                     {16384, 125952, 4, 1}, {32768, 252928, 2, 1}, {65536, 506880, 1, 1}};
+  return kTable[sizeCode <= 5 ? sizeCode : 2];
+}
+
+namespace {
+
+// Map areas and true map blocks, written as the ranges they are.
+bool InMapArea(const Geometry& g, std::uint64_t b) {
+  if (b == 2 || (b >= 5 && b <= 15)) return true;
+  if (b >= g.bpm + 2ull && b < g.bpm + 2ull * (3 * (g.sat + g.cm) - 5)) return true;
+  for (std::uint64_t k = 1;; ++k) {
+    std::uint64_t base = k * g.cm * g.bpm + 2;
+    if (b < base) return false;
+    if (b < base + 6ull * g.cm) return true;
+  }
+}
+
+bool IsTrueMap(const Geometry& g, std::uint64_t b) {
+  if (b == 2 || (b >= g.bpm + 2ull && b <= g.bpm + std::uint64_t{g.cm})) return true;
+  for (std::uint64_t k = 1;; ++k) {
+    std::uint64_t base = k * g.cm * g.bpm + 2;
+    if (b < base) return false;
+    if (b < base + g.cm) return true;
+  }
+}
+
+std::uint64_t MapBlockOf(const Geometry& g, std::uint64_t q) {
+  if (q == 0) return 2;
+  if (q < g.cm) return g.bpm + 1 + q;
+  std::uint64_t r = q % g.cm;
+  return (q - r) * g.bpm + 2 + r;
+}
+
+// Type codes that have no converter of their own.
+std::uint8_t OtherTypeCode(Rng& rng) {
+  static const std::uint8_t kCodes[] = {0, 1, 3, 4, 5, 7, 10, 11, 12, 16, 19, 20, 23, 25, 40, 65, 67, 71, 100, 127};
+  return kCodes[rng.Below(sizeof kCodes)];
+}
+
+void RenderLabel(const Plan& plan, const Out& o, Rng& rng) {
+  const Params& p = plan.p;
+  o.Random(0, o.size, rng);
+  o.U32(0, static_cast<std::uint32_t>(rng.Next()));
+  o.U16(1024, static_cast<std::uint16_t>(rng.Next()));
+  o.U16(1026, 1);  // first byte nonzero exactly when little-endian
+  o.U16(1030, static_cast<std::uint16_t>(rng.Below(2)));
+  for (std::size_t off : {1036, 1040, 1044, 1048, 1052}) o.U32(off, static_cast<std::uint32_t>(rng.Next()));
+  std::uint16_t flags = static_cast<std::uint16_t>(rng.Next() & ~0x800u);
+  if (!p.databaseKey.empty()) flags |= 0x800;
+  o.U16(1056, flags);
+  o.U16(1058, static_cast<std::uint16_t>(rng.Next()));
+  o.U32(1064, plan.mapCount);
+  o.U32(1068, static_cast<std::uint32_t>(rng.Next()));
+  o.U16(1080, static_cast<std::uint16_t>(rng.Next()));
+  o.U32(1096, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(1100, p.sizeCode);
+  o.U32(1108, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(1112, p.lastBlock);
+  o.U32(1116, plan.primaryLastBlock);
+  o.U32(1120, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(1124, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(1128, plan.setFieldA);
+  o.U32(1132, plan.setFieldB);
+  o.U32(1136, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(1140, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(1144, plan.volumeInfoBlock);
+  o.U16(1148, static_cast<std::uint16_t>(plan.furtherVolumes));
+
+  const std::string& dir = p.managerDirectory;
+  if (p.unicodeManagerDirectory) {
+    std::size_t units = std::min<std::size_t>(dir.size(), 120);
+    o.U16(1532, static_cast<std::uint16_t>(0x100 | units));
+    for (std::size_t i = 0; i < units; ++i) o.U16(1534 + 2 * i, static_cast<std::uint16_t>(0x2000 | dir[i]));
+  } else {
+    std::size_t n = std::min<std::size_t>(dir.size(), 255);
+    o.U16(1532, static_cast<std::uint16_t>(n));
+    std::memcpy(o.p + 1534, dir.data(), n);
+  }
+  // Second text: 16-bit units when bit 15 is set, bytes otherwise.
+  std::uint16_t units = static_cast<std::uint16_t>(1 + rng.Below(60));
+  if (rng.Below(2)) {
+    o.U16(1792, static_cast<std::uint16_t>(0x8000 | units));
+    for (std::size_t i = 0; i < units; ++i) o.U16(1794 + 2 * i, static_cast<std::uint16_t>(rng.Next()));
+  } else {
+    o.U16(1792, units);
+  }
+  const std::string& id = p.keyId.empty() ? std::string("clear") : p.keyId;
+  o.U16(1920, static_cast<std::uint16_t>(id.size()));
+  std::memset(o.p + 1922, 0, 64);
+  std::memcpy(o.p + 1922, id.data(), std::min<std::size_t>(id.size(), 64));
+}
+
+void RenderMap(const Plan& plan, std::uint32_t b, const Out& o, Rng& rng) {
+  const Geometry& g = plan.g;
+  o.Random(0, o.size, rng);
+  o.p[4] = 0x1D;  // never the compressed bit unless compressed on purpose
+  for (std::size_t off : {0, 28, 44, 48, 52, 56}) o.U32(off, static_cast<std::uint32_t>(rng.Next()));
+  for (std::size_t off = 132; off < o.size; off += 4) o.U32(off, static_cast<std::uint32_t>(rng.Next()));
+  if (!IsTrueMap(g, b)) return;
+  o.p[40] = 'm';
+  std::uint64_t q = plan.MapIndexOf(b);
+  bool flagClear = plan.mapFlagClear[q];
+  o.U32(28, flagClear ? 0u : 1u + rng.Below(1000));
+  const std::size_t bitmap = 128 + 128 * (o.size / 4096);
+  for (std::uint32_t w = 0; bitmap + 4 * w < o.size; ++w) {
+    std::uint32_t word = 0;
+    for (std::uint32_t bit = 0; bit < 32; ++bit) {
+      std::uint64_t block = q * g.bpm + 32ull * w + bit + 1;
+      bool free = block > plan.p.lastBlock ? true : plan.kind[block] == kFree;
+      if (flagClear) free = (rng.Next() & 1) != 0;  // not consulted: anything goes
+      if (free) word |= 1u << bit;
+    }
+    o.U32(bitmap + 4 * w, word);
+  }
+}
+
+void RenderOther(const Out& o, Rng& rng) {
+  o.Random(0, o.size, rng);
+  o.U32(0, rng.Below(static_cast<std::uint32_t>(o.size - 28 + 1)));
+  o.p[4] = OtherTypeCode(rng);
+  RandomHeaderFields(o, rng);
+}
+
+void RenderBadOffset(const Out& o, Rng& rng) {
+  o.Random(0, o.size, rng);
+  std::memset(o.p, 0x7F, 4);  // far beyond any block, the same in both orders
+  o.p[4] = rng.Below(2) ? std::uint8_t{kTypeData} : OtherTypeCode(rng);
+}
+
+void RenderLooseBig(const Out& o, Rng& rng) {
+  o.Random(0, o.size, rng);
+  o.p[4] = 24;
+}
+
+}  // namespace
+
+void RandomHeaderFields(const Out& o, Rng& rng) {
+  o.p[5] = rng.Byte();
+  o.U16(6, static_cast<std::uint16_t>(rng.Next()));
+  o.U32(8, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(12, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(16, static_cast<std::uint32_t>(rng.Next()));
+  o.U16(20, static_cast<std::uint16_t>(rng.Next()));
+  for (int i = 22; i < 28; ++i) o.p[i] = rng.Byte();
+}
+
+std::uint64_t Plan::MapIndexOf(std::uint64_t mapBlock) const {
+  if (mapBlock == 2) return 0;
+  if (mapBlock <= g.bpm + std::uint64_t{g.cm}) return mapBlock - g.bpm - 1;
+  std::uint64_t k = (mapBlock - 2) / (std::uint64_t{g.cm} * g.bpm);
+  return k * g.cm + (mapBlock - 2 - k * g.cm * g.bpm);
+}
+
+Rng Plan::BlockRng(std::uint32_t b, std::uint64_t salt) const {
+  return Rng(p.seed * 0x2545F4914F6CDD1Dull + b * 0x9E3779B97F4A7C15ull + salt);
+}
+
+namespace {
+
+void PlanKinds(Plan& plan) {
+  const Params& p = plan.p;
+  const Geometry& g = plan.g;
+  std::uint64_t maps = (p.lastBlock + std::uint64_t{g.bpm} - 1) / g.bpm;
+  plan.mapCount = static_cast<std::uint32_t>(maps);
+  plan.mapFlagClear.assign(maps + g.cm + 1, 0);
+  Rng mapRng(p.seed ^ 0x6D61707321ull);
+  for (auto& f : plan.mapFlagClear) f = mapRng.Unit() < p.clearFlagShare;
+
+  const Mix& m = p.mix;
+  const unsigned weights[] = {m.other, m.data, m.gdir, m.pointer, m.mirror, m.looseBig, m.badOffset};
+  const Kind kinds[] = {kOther, kData, kGdir, kPointer, kMirror, kBigLoose, kBadOffset};
+  unsigned total = 0;
+  for (unsigned w : weights) total += w;
+  if (total == 0) total = 1;
+
+  plan.kind.assign(p.lastBlock + 1ull, kFree);
+  for (std::uint64_t b = 1; b <= p.lastBlock; ++b) {
+    Kind& k = plan.kind[b];
+    if (b == 1) {
+      k = kLabel;
+    } else if (InMapArea(g, b)) {
+      k = kMapArea;
+    } else {
+      Rng rng = plan.BlockRng(static_cast<std::uint32_t>(b), 1);
+      bool flagClear = plan.mapFlagClear[(b - 1) / g.bpm];
+      if (!flagClear && rng.Unit() < p.freeShare) {
+        k = kFree;
+        continue;
+      }
+      unsigned pick = rng.Below(total), acc = 0;
+      k = kOther;
+      for (std::size_t i = 0; i < sizeof weights / sizeof weights[0]; ++i) {
+        acc += weights[i];
+        if (pick < acc) {
+          k = kinds[i];
+          break;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
+std::string GenerateDatabase(const Params& params, const std::string& path) {
+  if (params.sizeCode < 1 || params.sizeCode > 5) return "block size code must be 1 to 5";
+  Plan plan;
+  plan.p = params;
+  plan.g = GeometryFor(params.sizeCode);
+  // The last block must not fall short of the map that governs it.
+  std::uint64_t q = (params.lastBlock - 1ull) / plan.g.bpm;
+  if (params.lastBlock < 3) plan.p.lastBlock = 3;
+  if (MapBlockOf(plan.g, q) > plan.p.lastBlock) plan.p.lastBlock = static_cast<std::uint32_t>(MapBlockOf(plan.g, q));
+  plan.primaryLastBlock = plan.p.lastBlock;
+  Rng ids(params.seed ^ 0x1D5ull);
+  plan.setFieldA = static_cast<std::uint32_t>(ids.Next());
+  plan.setFieldB = static_cast<std::uint32_t>(ids.Next());
+  PlanKinds(plan);
+  PlanReferences(plan);
+
+  platform::File file = platform::CreateReadWrite(path);
+  if (file == platform::kInvalidFile) return "cannot create " + path;
+  const std::uint32_t bs = plan.g.blockSize;
+  std::string error;
+  if (!platform::SetFileSize(file, std::uint64_t{plan.p.lastBlock} * bs)) error = "cannot size " + path;
+  std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[bs]);
+  for (std::uint32_t b = 1; error.empty() && b <= plan.p.lastBlock; ++b) {
+    Kind k = plan.kind[b];
+    if ((k == kFree && plan.p.sparse) || k == kBigRef) continue;  // big strings come with their owner
+    Out o{buffer.get(), bs, plan.p.bigEndian};
+    Rng rng = plan.BlockRng(b, 2);
+    switch (k) {
+      case kLabel: RenderLabel(plan, o, rng); break;
+      case kMapArea: RenderMap(plan, b, o, rng); break;
+      case kOther: RenderOther(o, rng); break;
+      case kBadOffset: RenderBadOffset(o, rng); break;
+      case kBigLoose: RenderLooseBig(o, rng); break;
+      case kData: RenderDataBlock(plan, b, o, rng); break;
+      case kGdir: RenderGdirBlock(o, rng); break;
+      case kPointer: RenderPointerBlock(o, rng); break;
+      case kMirror: RenderMirrorBlock(plan, o, rng); break;
+      default: o.Random(0, bs, rng); break;  // free: garbage nobody reads
+    }
+    if (platform::WriteAt(file, buffer.get(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
+  }
+  for (const auto& [b, image] : plan.bigBlocks) {
+    if (!error.empty()) break;
+    if (platform::WriteAt(file, image.data(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
+  }
+  platform::Close(file);
+  return error;
+}
+
+std::string CompareFiles(const std::string& a, const std::string& b, std::uint32_t blockSize) {
+  platform::File fa = platform::OpenReadOnly(a), fb = platform::OpenReadOnly(b);
+  std::string result;
+  if (fa == platform::kInvalidFile || fb == platform::kInvalidFile) result = "cannot open both files";
+  if (result.empty() && platform::FileSize(fa) != platform::FileSize(fb)) result = "sizes differ";
+  // Compare every data extent of either file against the other.
+  for (int pass = 0; pass < 2 && result.empty(); ++pass) {
+    platform::File x = pass == 0 ? fa : fb, y = pass == 0 ? fb : fa;
+    std::vector<std::uint8_t> bx(1 << 20), by(1 << 20);
+    std::int64_t pos = platform::NextData(x, 0);
+    while (pos >= 0 && result.empty()) {
+      std::int64_t hole = platform::NextHole(x, static_cast<std::uint64_t>(pos));
+      while (pos < hole && result.empty()) {
+        std::size_t n = static_cast<std::size_t>(std::min<std::int64_t>(hole - pos, static_cast<std::int64_t>(bx.size())));
+        std::int64_t rx = platform::ReadAt(x, bx.data(), n, static_cast<std::uint64_t>(pos));
+        std::int64_t ry = platform::ReadAt(y, by.data(), n, static_cast<std::uint64_t>(pos));
+        if (rx != ry) {
+          result = "short read";
+          break;
+        }
+        for (std::int64_t i = 0; i < rx; ++i) {
+          if (bx[static_cast<std::size_t>(i)] != by[static_cast<std::size_t>(i)]) {
+            std::uint64_t at = static_cast<std::uint64_t>(pos + i);
+            result = "differ in block " + std::to_string(at / blockSize + 1) + " at offset " +
+                     std::to_string(at % blockSize);
+            break;
+          }
+        }
+        pos += rx;
+        if (rx == 0) break;
+      }
+      pos = platform::NextData(x, static_cast<std::uint64_t>(hole));
+    }
+  }
+  platform::Close(fa);
+  platform::Close(fb);
+  return result;
+}
+
+}  // namespace gendb
