@@ -12,10 +12,15 @@ enum Kind : std::uint8_t {
   kFree, kLabel, kMapArea, kOther, kData, kGdir, kPointer, kMirror, kBigRef, kBigLoose, kBadOffset, kVolInfo
 };
 
-inline constexpr std::uint8_t kData8 = 8;
-inline constexpr std::uint8_t kDataType = 8;
 enum : std::uint8_t { kTypeData = 8, kTypeGdir = 9, kTypeMirror = 17, kTypeBig = 24 };
 inline constexpr std::uint8_t kOrdermarkBig = 0xAA, kOrdermarkLittle = 0xBB;
+
+// Vector images: the size a vector of this shape needs, and its rendering into o from off.
+struct VectorShape {
+  unsigned elementType;  // 0..4
+  bool inlineSized;      // small enough for a node
+  std::uint64_t seed;
+};
 
 struct Plan {
   Params p;
@@ -27,16 +32,30 @@ struct Plan {
   std::uint32_t volumeInfoBlock = 0;
   std::uint32_t furtherVolumes = 0;
   std::uint32_t setFieldA = 0, setFieldB = 0;
-  // Blocks reserved as big strings and big vector parts, by the data block that owns them.
-  std::map<std::uint32_t, std::vector<std::uint32_t>> bigPool;
+  // Nodes of data blocks that reference big strings (codes 4, 5, 6) or a big vector (code 14),
+  // by the data block that holds them.
+  struct BigRef {
+    std::uint8_t code;
+    std::vector<std::uint32_t> blocks;
+    VectorShape shape;  // code 14
+  };
+  std::map<std::uint32_t, std::vector<BigRef>> bigRefs;
   // Finished images of big string blocks, written after the ordinary blocks.
   mutable std::map<std::uint32_t, std::vector<std::uint8_t>> bigBlocks;
 
   std::uint64_t MapIndexOf(std::uint64_t mapBlock) const;
+  // The order the source database is written in (the twin of a conversion is the other one).
+  bool SourceBig() const { return p.converted ? !p.bigEndian : p.bigEndian; }
   Rng BlockRng(std::uint32_t b, std::uint64_t salt) const;
 };
 
 void RandomHeaderFields(const Out& o, Rng& rng);
+
+std::size_t VectorSize(const VectorShape& shape);
+void RenderVector(const Out& o, std::size_t off, const VectorShape& shape);
+
+// Three packed bytes of a 4-byte list entry, from their little-endian form.
+void PackNibbles(std::uint8_t* e, bool big);
 void PlanReferences(Plan& plan);
 void RenderDataBlock(const Plan& plan, std::uint32_t b, const Out& o, Rng& rng);
 void RenderGdirBlock(const Out& o, Rng& rng);

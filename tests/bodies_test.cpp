@@ -1,0 +1,288 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "big_string.h"
+#include "block_header.h"
+#include "data_block.h"
+#include "mirror_info.h"
+#include "pointer_block.h"
+#include "run.h"
+#include "state.h"
+#include "vector.h"
+#include "volume_io.h"
+
+using namespace testsupport;
+
+namespace {
+
+gendb::Params Rich(std::uint32_t code, bool big, std::uint64_t seed) {
+  gendb::Params p;
+  p.seed = seed;
+  p.sizeCode = code;
+  p.bigEndian = big;
+  p.lastBlock = code >= 4 ? 500 : 2500;
+  p.freeShare = 0.1;
+  p.mix = gendb::Mix{3, 8, 2, 4, 1, 1, 1};
+  p.bigRefShare = 0.5;
+  p.mirrorV1Share = 0.5;
+  return p;
+}
+
+// Every block kind, every block size, both directions: the converted file is the twin.
+TEST(Bodies, EveryBlockKindConvertsToItsMirrorImage) {
+  for (std::uint32_t code = 1; code <= 5; ++code) {
+    for (bool big : {true, false}) {
+      Scratch s;
+      RunResult r = ExpectConvertsToTwin(Rich(code, big, 100 + code), s);
+      EXPECT_EQ(r.out.find("xerror"), std::string::npos);
+      EXPECT_EQ(r.out.find("failed"), std::string::npos);
+      EXPECT_NE(r.out.find(big ? "The 'mibver' of mirror info block has been updated from version 1 to version 2.\r\n"
+                               : "The mirror info block has been converted from version 1 to version 2.\r\n"),
+                std::string::npos);
+    }
+  }
+}
+
+TEST(Bodies, RunningTwiceRestoresEveryByte) {
+  Scratch s;
+  gendb::Params p = Rich(2, false, 7);
+  p.mirrorV1Share = 0;  // the upgrade is one way
+  const std::string db = s.Path("db.dat"), copy = s.Path("copy.dat");
+  Generate(p, db);
+  Generate(p, copy);
+  EXPECT_EQ(RunByteturn({"-t", db}).status, 0);
+  EXPECT_EQ(RunByteturn({"-t", db}).status, 0);
+  EXPECT_EQ(gendb::CompareFiles(db, copy, 8192), "");
+}
+
+// A block buffer with nodes laid out by hand, converted from big-endian.
+struct Block {
+  std::vector<std::uint8_t> bytes = std::vector<std::uint8_t>(4096, 0);
+  std::size_t pos = 28;
+  Block(std::uint8_t type) {
+    bt::SetGeometry(1);
+    bt::swapFlag = 1;
+    bytes[4] = type;
+  }
+  void Word(std::uint32_t w) {
+    for (int i = 0; i < 4; ++i) bytes[pos + i] = static_cast<std::uint8_t>(w >> (24 - 8 * i));
+  }
+  std::string Data(std::size_t dataEnd, std::uint32_t b = 77) {
+    ::testing::internal::CaptureStdout();
+    bt::CvDataBlock(bt::Bytes(bytes), b, dataEnd);
+    return ::testing::internal::GetCapturedStdout();
+  }
+  std::string Pointer(std::size_t dataEnd) {
+    ::testing::internal::CaptureStdout();
+    bt::CvPointerBlock(bt::Bytes(bytes), 77, dataEnd);
+    return ::testing::internal::GetCapturedStdout();
+  }
+};
+
+TEST(Bodies, MalformedDataNodesStopTheirBlockWithTheirMessage) {
+  Block zero(8);
+  zero.Word(0x00000008);  // node 1: 8 bytes, untyped
+  zero.pos = 36;
+  zero.Word(0x80000000);  // node 2: zero length
+  EXPECT_EQ(zero.Data(100), "\r\nIn Data block #77, node #2 at offset 36 is zero length.\r\n");
+  EXPECT_EQ(zero.bytes[28 + 3], 0x00);  // node 1's word was reversed
+  EXPECT_EQ(zero.bytes[28], 0x08);
+
+  Block gdir(9);
+  gdir.Word(0x80000000);  // a type 2 record, tested before the length
+  EXPECT_EQ(gdir.Data(100), "\r\nIn block #77 (GDIR), at offset 28, a GDATA node is a type 2 record.\r\n");
+
+  Block invalid(8);
+  for (int code : {9, 12, 15, 255}) {
+    invalid.Word(0x80000010);
+    invalid.bytes[32] = static_cast<std::uint8_t>(code);
+    EXPECT_EQ(invalid.Data(44), "\r\nInvalid data type (" + std::to_string(code) + ") in block #77.\r\n");
+  }
+
+  Block past(8);  // pntend beyond the data end: "3 bad data format"
+  past.Word(0x80000040);
+  EXPECT_EQ(past.Data(40).rfind("\r\nIn Data block #77, 3 bad data format pntend=0x", 0), 0u);
+
+  Block keyPast(8);  // key length 200: p beyond the data end
+  keyPast.Word(0x80000000u | 200u << 22 | 0x10);
+  EXPECT_EQ(keyPast.Data(60).rfind("\r\nIn Data block #77, 2 bad data format p=0x", 0), 0u);
+
+  Block gdirPast(9);
+  gdirPast.Word(100u << 22 | 0x10);
+  EXPECT_EQ(gdirPast.Data(60).rfind("\r\nIn Data block #77, 1 bad data format p=0x", 0), 0u);
+}
+
+TEST(Bodies, BigReferencesPastTheLastBlockAreReportedAndSkipped) {
+  Block b(8);
+  bt::lastBlock = 50;
+  b.Word(0x80000000u | 3u << 22 | 0x10);  // key 3: type 5 at 35, carried u32 at 36, one number at 40
+  b.bytes[35] = 5;
+  b.bytes[40] = 0, b.bytes[41] = 0, b.bytes[42] = 0, b.bytes[43] = 60;
+  b.pos = 44;
+  b.Word(0x80000000u | 3u << 22 | 0xC);  // a value of only 4 bytes: reversed, nothing called
+  b.bytes[51] = 4;
+  b.bytes[52] = 0x12;
+  EXPECT_EQ(b.Data(56), "\r\nBig Unicode Node points to block (60) that is not in the file."
+                        "\r\nCvBigUni() failed in block 60, datablock 77, node 1. Ignored to convert.");
+  EXPECT_EQ(b.bytes[40], 60);  // the number is converted all the same
+  EXPECT_EQ(b.bytes[55], 0x12);
+}
+
+TEST(Bodies, PointerNodes) {
+  Block p(2);
+  p.Word(0x00000008 | 1);  // Type 2, 8 bytes, key 0, pad 1: value of 3 bytes
+  p.bytes[33] = 0x0A, p.bytes[34] = 0x0B, p.bytes[35] = 0x0C;
+  p.pos = 36;
+  p.Word(0x80000000u | 1u << 22 | 0x8);  // Type 1, key 1, value 3... then one of length 1
+  p.pos = 44;
+  p.Word(0x00000008 | 3);  // value of 1 byte: left alone
+  p.bytes[51] = 0x99;
+  p.pos = 52;
+  p.Word(0x000003C0);  // Type 2 with bits 6..9 set but 2..5 clear: zero length
+  EXPECT_EQ(p.Pointer(100), "\r\nIn Pointer block #77, node #4 (Type 2) at offset 52 is zero length.\r\n");
+  EXPECT_EQ(p.bytes[33], 0x0C);
+  EXPECT_EQ(p.bytes[34], 0x0B);
+  EXPECT_EQ(p.bytes[35], 0x0A);
+  EXPECT_EQ(p.bytes[51], 0x99);
+
+  Block t1(66);
+  t1.Word(0x80000000);
+  EXPECT_EQ(t1.Pointer(40), "\r\nIn Pointer block #77, node #1 (Type 1) at offset 28 is zero length.\r\n");
+  Block bad(6);
+  bad.Word(60u << 12 | 0x3C);
+  EXPECT_EQ(bad.Pointer(40).rfind("\r\nIn Pointer block #77, 1 bad data format p=0x", 0), 0u);
+}
+
+// Values that would reach past the block are clipped; every in-bounds byte is still converted.
+TEST(Bodies, AccessesThatWouldLeaveTheBlockAreClipped) {
+  Block ints(8);
+  std::memcpy(ints.bytes.data() + 28, "\x00\x00\x0F\xD8", 4);  // one untyped node up to the last one
+  ints.pos = 4096 - 12;
+  ints.Word(0x80000000u | 1u << 22 | 0xC);  // key 1: type at 4089, groups at 4090 and 4094
+  ints.bytes[4090] = 0x11;
+  ints.bytes[4094] = 0xAA;
+  ints.bytes[4095] = 0xBB;
+  EXPECT_EQ(ints.Data(4096), "");
+  EXPECT_EQ(ints.bytes[4093], 0x11);  // the whole group is converted
+  EXPECT_EQ(ints.bytes[4094], 0xAA);  // the group crossing the end is left alone
+  EXPECT_EQ(ints.bytes[4095], 0xBB);
+
+  Block gdir(9);
+  gdir.pos = 4096 - 8;
+  std::memcpy(gdir.bytes.data() + 28, "\x00\x00\x0F\xDC", 4);
+  gdir.Word(1u << 22 | 0x8);  // q = node + 8 = the data end: passes, nothing there to reverse
+  gdir.bytes[4093] = 0x77;
+  EXPECT_EQ(gdir.Data(4096), "");
+  EXPECT_EQ(gdir.bytes[4093], 0x77);
+
+  // A vector whose directory and tail point far outside, with an enormous list count.
+  std::vector<std::uint8_t> v(600, 0);
+  v[0] = 0x8B, v[1] = 0x00;   // big-endian mark u16: element type 0
+  v[64] = 0x9F, v[65] = 0xFF;  // list chunk 8191: far past the end
+  v[66] = 0x80, v[67] = 0x04;  // list chunk 4 at 448: count 0xFFFFFFFF
+  v[448] = v[449] = v[450] = v[451] = 0xFF;
+  v[12] = 0x7F;  // tail offset far past the end
+  v[19] = 1;
+  bt::CvVector(bt::Bytes(v));
+  bt::CvVector(bt::Bytes(v.data(), 1));
+  bt::CvVectorTail(bt::Bytes(v), 590, false);
+}
+
+TEST(Bodies, VectorMarkDecidesTheOrderAndTailFlagsAreChecked) {
+  // Tail of kind 1 with one item whose flag is clear: the message, and the conversion goes on.
+  std::vector<std::uint8_t> v(1024, 0);
+  const std::size_t t = 256;
+  v[1] = 0x8B;   // machine order as read, whatever the swap flag says
+  v[0] = 3;      // element type 3
+  v[12] = t & 0xFF, v[13] = t >> 8;
+  v[16] = 1;
+  v[t] = 1;             // one offset
+  v[t + 8] = 2;         // two units of 128 bytes
+  v[t + 10] = 1;        // kind 1
+  v[t + 256 - 2] = 200;  // the offset, little-endian
+  v[t + 200 + 2] = 0x10;  // flag bit clear
+  bt::swapFlag = 1;
+  ::testing::internal::CaptureStdout();
+  bt::CvVector(bt::Bytes(v));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "xerror #89 from line #3216\n");
+  EXPECT_EQ(v[0], 0x8B);
+  EXPECT_EQ(v[1], 3);
+  EXPECT_EQ(v[t + 256 - 1], 200);
+  EXPECT_EQ(v[t + 200 + 3], 0x10);
+}
+
+TEST(Bodies, MirrorInfoVersionUpgrade) {
+  std::vector<std::uint8_t> m(4096, 0);
+  bt::swapFlag = 0;
+  m[32] = 1;
+  m[888] = 5;   // N
+  m[892] = 9;   // X = 9
+  m[40] = 8;    // value at 40 is 8: X is one more
+  m[860] = 0x11, m[861] = 0x22;
+  ::testing::internal::CaptureStdout();
+  bt::CvMirInfo(bt::Bytes(m));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "The mirror info block has been converted from version 1 to version 2.\r\n");
+  EXPECT_EQ(m[35], 2);        // raised, then swapped
+  EXPECT_EQ(m[860], 0x11);    // the four bytes before the move keep their contents
+  EXPECT_EQ(m[871], 0x11);    // moved to 864 and reversed as a 64-bit field
+
+  std::vector<std::uint8_t> big(4096, 0);
+  bt::swapFlag = 1;
+  big[35] = 1;
+  big[891] = 5, big[899] = 9, big[47] = 8;  // would move if it were little-endian
+  ::testing::internal::CaptureStdout();
+  bt::CvMirInfo(bt::Bytes(big));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "The 'mibver' of mirror info block has been updated from version 1 to version 2.\r\n");
+  EXPECT_EQ(big[32], 2);
+  EXPECT_EQ(big[888], 5);  // swapped in place, not moved
+
+  std::vector<std::uint8_t> v2(4096, 0);
+  v2[35] = 2;
+  ::testing::internal::CaptureStdout();
+  bt::CvMirInfo(bt::Bytes(v2));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+// CvBigUni and CvBigVec on a real file: wrong types, bad offsets, n = 0 references.
+TEST(Bodies, BigStringBlocksOnDisk) {
+  Scratch s;
+  bt::SetGeometry(1);
+  bt::swapFlag = 1;
+  bt::databaseFileName = s.Path("db.dat");
+  bt::furtherVolumeCount = 0;
+  bt::lastBlock = 4;
+  bt::databaseEncrypted = false;
+  std::vector<std::uint8_t> file(4 * 4096, 0);
+  file[4096 * 1 + 4] = 8;    // block 2: a data block
+  file[4096 * 2 + 4] = 24;   // block 3: big string with a bad offset
+  file[4096 * 2 + 0] = 0x7F;
+  file[4096 * 3 + 4] = 24;   // block 4: big string in big-endian order already converted?
+  file[4096 * 3 + 24] = 0xBB;
+  WriteBytes(bt::databaseFileName, 0, file);
+  bt::EmptyHandleCache();
+
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(bt::CvBigUni(2, 1), 0);
+  EXPECT_EQ(bt::CvBigUni(3, 0), 0);
+  EXPECT_EQ(bt::CvBigUni(4, 1), 1);  // ordermark says: done already
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\r\nBad big string block, block #3, bad offset 2130706432\r\n");
+  EXPECT_EQ(ReadBytes(bt::databaseFileName), file);
+
+  std::vector<std::uint8_t> node(40, 0);
+  node[11] = 2;  // first block number: 2, a data block
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(bt::CvBigVec(bt::Bytes(node), 4, 12), 0);
+  EXPECT_EQ(bt::CvBigVec(bt::Bytes(node), 4, 8), 1);  // n = 0: nothing read or written
+  node[19] = 9;
+  EXPECT_EQ(bt::CvBigVec(bt::Bytes(node), 12, 20), 0);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "\r\nCvBigVec: Block 2 does not have the expected big string block type (8)."
+            "\r\nCvBigVec: Node points to block (9) that is not in the file.");
+  EXPECT_EQ(ReadBytes(bt::databaseFileName), file);
+  bt::CloseHandleCache();
+}
+
+}  // namespace
