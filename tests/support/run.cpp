@@ -47,7 +47,8 @@ Scratch::~Scratch() {
   fs::remove_all(dir, ec);
 }
 
-RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input, const std::string& cwd) {
+RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input, const std::string& cwd,
+                      const std::string& exe) {
   static std::atomic<int> counter{0};
   std::string base = (fs::temp_directory_path() / ("bt-run-" + std::to_string(counter++) + "-")).string();
   base += std::to_string(::testing::UnitTest::GetInstance()->random_seed());
@@ -57,7 +58,7 @@ RunResult RunByteturn(const std::vector<std::string>& args, const std::string& i
   }
   std::string command;
   if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
-  command += Quote(BYTETURN_EXE);
+  command += Quote(exe.empty() ? std::string(BYTETURN_EXE) : exe);
   for (const auto& a : args) command += " " + Quote(a);
   command += " < " + Quote(base + "in") + " > " + Quote(base + "out") + " 2> " + Quote(base + "err");
   int raw = std::system(command.c_str());
@@ -103,15 +104,17 @@ void Generate(const gendb::Params& params, const std::string& path) {
   ASSERT_EQ(error, "") << path;
 }
 
-RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input) {
+RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input,
+                               gendb::Stats* stats, const std::string& exe) {
   const std::string source = scratch.Path("source.dat"), twin = scratch.Path("twin.dat");
   params.converted = false;
-  Generate(params, source);
+  std::string error = gendb::GenerateDatabase(params, source, stats);
+  EXPECT_EQ(error, "");
   gendb::Params other = params;
   other.bigEndian = !params.bigEndian;
   other.converted = true;
   Generate(other, twin);
-  RunResult r = RunByteturn({"-t", source}, input);
+  RunResult r = RunByteturn({"-t", source}, input, "", exe);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(gendb::CompareFiles(source, twin, gendb::GeometryFor(params.sizeCode).blockSize), "")
       << "seed " << params.seed << " code " << params.sizeCode << (params.bigEndian ? " big" : " little");

@@ -15,9 +15,10 @@ struct RunResult {
   std::string err;
 };
 
-// Runs byteturn with the arguments (in directory cwd when given), feeding input on stdin.
+// Runs byteturn (or a copy of it at exe) with the arguments, in directory cwd when given,
+// feeding input on stdin.
 RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input = "",
-                      const std::string& cwd = "");
+                      const std::string& cwd = "", const std::string& exe = "");
 
 // A fresh directory for the running test, removed when the object goes away.
 struct Scratch {
@@ -37,6 +38,7 @@ bool Exists(const std::string& path);
 void Generate(const gendb::Params& params, const std::string& path);
 // Generates params in the source order and its converted twin in the other order, converts the
 // source with byteturn -t and expects the twin's exact bytes. Returns byteturn's result.
-RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input = "");
+RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input = "",
+                               gendb::Stats* stats = nullptr, const std::string& exe = "");
 
 }  // namespace testsupport

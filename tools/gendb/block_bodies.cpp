@@ -32,6 +32,8 @@ void RenderBigString(const Plan& plan, std::uint32_t b, bool unicode, bool big) 
   const std::uint32_t bs = plan.g.blockSize;
   image.resize(bs);
   Rng rng = plan.BlockRng(b, 5);
+  const int method = plan.CompressionFor(b, kBigRef);
+  rng.lowEntropy = method != 0;
   Out o{image.data(), bs, big};
   o.Random(0, bs, rng);
   o.U32(0, rng.Below(bs - 28 + 1));
@@ -40,6 +42,8 @@ void RenderBigString(const Plan& plan, std::uint32_t b, bool unicode, bool big) 
   o.p[24] = big ? kOrdermarkBig : kOrdermarkLittle;
   if (unicode)
     for (std::size_t off = 28; off < bs; off += 2) o.U16(off, static_cast<std::uint16_t>(rng.Next()));
+  if (method != 0) plan.StoreCompressed(image.data(), b, method);
+  if (plan.stats != nullptr && !plan.p.converted) ++plan.stats->bigStrings;
 }
 
 void RenderBigVector(const Plan& plan, const std::vector<std::uint32_t>& blocks, const VectorShape& shape, bool big) {
@@ -49,6 +53,7 @@ void RenderBigVector(const Plan& plan, const std::vector<std::uint32_t>& blocks,
   Out v{vector.data(), vector.size(), big};
   v.Random(0, vector.size(), fill);
   RenderVector(v, 0, shape);  // planned to fit
+  if (plan.stats != nullptr && !plan.p.converted) ++plan.stats->bigVectors;
   for (std::size_t i = 0; i < blocks.size(); ++i) {
     auto& image = plan.bigBlocks[blocks[i]];
     image.resize(bs);

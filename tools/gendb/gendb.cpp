@@ -164,6 +164,35 @@ std::uint64_t Plan::MapIndexOf(std::uint64_t mapBlock) const {
   return k * g.cm + (mapBlock - 2 - k * g.cm * g.bpm);
 }
 
+int Plan::CompressionFor(std::uint32_t b, Kind k) const {
+  if (p.compressShare <= 0 || g.blockSize <= 4104 || p.methods.empty()) return 0;
+  if (k != kMapArea && k != kOther && k != kData && k != kGdir && k != kPointer && k != kMirror && k != kBigRef)
+    return 0;
+  Rng rng = BlockRng(b, 7);
+  if (rng.Unit() >= p.compressShare) return 0;
+  const int method = p.methods[rng.Below(static_cast<std::uint32_t>(p.methods.size()))];
+  return method == 4 && k != kOther ? 0 : method;  // "null" blocks stay compressed: header only
+}
+
+void Plan::StoreCompressed(std::uint8_t* image, std::uint32_t b, int method) const {
+  const std::uint32_t bs = g.blockSize, limit = bs - 4104;
+  const Out o{image, bs, p.bigEndian};
+  std::uint32_t length = 1 + BlockRng(b, 8).Below(limit);
+  if (method == 4) {
+    o.U32(0, length);
+  } else {
+    if (p.converted) return;
+    std::vector<std::uint8_t> stream(limit);
+    length = static_cast<std::uint32_t>(CompressStream(method, image, bs, stream.data(), limit));
+    if (length == 0) return;  // does not fit: stored plain
+    std::memcpy(image + 8, stream.data(), length);
+    o.U32(0, length);
+  }
+  image[4] |= 0x80;
+  image[5] = static_cast<std::uint8_t>(method);
+  if (stats != nullptr && !p.converted) ++stats->compressed[method];
+}
+
 Rng Plan::BlockRng(std::uint32_t b, std::uint64_t salt) const {
   return Rng(p.seed * 0x2545F4914F6CDD1Dull + b * 0x9E3779B97F4A7C15ull + salt);
 }
@@ -215,11 +244,12 @@ void PlanKinds(Plan& plan) {
 
 }  // namespace
 
-std::string GenerateDatabase(const Params& params, const std::string& path) {
+std::string GenerateDatabase(const Params& params, const std::string& path, Stats* stats) {
   if (params.sizeCode < 1 || params.sizeCode > 5) return "block size code must be 1 to 5";
   Plan plan;
   plan.p = params;
   plan.g = GeometryFor(params.sizeCode);
+  plan.stats = stats;
   // The last block must not fall short of the map that governs it.
   std::uint64_t q = (params.lastBlock - 1ull) / plan.g.bpm;
   if (params.lastBlock < 3) plan.p.lastBlock = 3;
@@ -242,6 +272,8 @@ std::string GenerateDatabase(const Params& params, const std::string& path) {
     if ((k == kFree && plan.p.sparse) || k == kBigRef) continue;  // big strings come with their owner
     Out o{buffer.get(), bs, plan.p.bigEndian};
     Rng rng = plan.BlockRng(b, 2);
+    const int method = plan.CompressionFor(b, k);
+    rng.lowEntropy = method != 0;
     switch (k) {
       case kLabel: RenderLabel(plan, o, rng); break;
       case kMapArea: RenderMap(plan, b, o, rng); break;
@@ -254,6 +286,7 @@ std::string GenerateDatabase(const Params& params, const std::string& path) {
       case kMirror: RenderMirrorBlock(plan, o, rng); break;
       default: o.Random(0, bs, rng); break;  // free: garbage nobody reads
     }
+    if (method != 0) plan.StoreCompressed(buffer.get(), b, method);
     if (platform::WriteAt(file, buffer.get(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
   }
   for (const auto& [b, image] : plan.bigBlocks) {

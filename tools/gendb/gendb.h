@@ -46,8 +46,19 @@ struct Params {
   std::string keyId;
 };
 
+// What a generation produced, for tests that must know a case was exercised.
+struct Stats {
+  unsigned compressed[6] = {};  // blocks stored compressed, by method
+  unsigned bigStrings = 0, bigVectors = 0;
+};
+
 // Writes the database to path; returns "" on success, else what went wrong.
-std::string GenerateDatabase(const Params& params, const std::string& path);
+std::string GenerateDatabase(const Params& params, const std::string& path, Stats* stats = nullptr);
+
+// Compresses with the system's compression libraries, loaded at run time: the stream length, or
+// 0 when the method's library is missing or the stream does not fit in capacity.
+std::size_t CompressStream(int method, const std::uint8_t* source, std::size_t size, std::uint8_t* destination,
+                           std::size_t capacity);
 
 // Byte-level comparison that reads only the data extents of sparse files. Returns "" when equal,
 // else a description of the first difference (block number and offset for the given block size).
@@ -62,12 +73,14 @@ Geometry GeometryFor(std::uint32_t sizeCode);
 // Deterministic 64-bit generator.
 struct Rng {
   std::uint64_t state;
+  bool lowEntropy = false;  // few distinct values: content that compresses well
   explicit Rng(std::uint64_t seed) : state(seed) {}
   std::uint64_t Next() {
     std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
     z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
+    z ^= z >> 31;
+    return lowEntropy ? (z & 3) * 0x0101010101010101ull : z;
   }
   std::uint32_t Below(std::uint32_t n) { return n == 0 ? 0 : static_cast<std::uint32_t>(Next() % n); }
   double Unit() { return static_cast<double>(Next() >> 11) / 9007199254740992.0; }
@@ -94,8 +107,9 @@ struct Out {
     for (int i = 0; i < 4; ++i) v |= std::uint32_t{p[off + (big ? 3 - i : i)]} << (8 * i);
     return v;
   }
+  // Filler bytes; zeros for content meant to compress well.
   void Random(std::size_t off, std::size_t n, Rng& rng) const {
-    for (std::size_t i = 0; i < n; ++i) p[off + i] = rng.Byte();
+    for (std::size_t i = 0; i < n; ++i) p[off + i] = rng.lowEntropy ? 0 : rng.Byte();
   }
 };
 

@@ -43,7 +43,14 @@ struct Plan {
   // Finished images of big string blocks, written after the ordinary blocks.
   mutable std::map<std::uint32_t, std::vector<std::uint8_t>> bigBlocks;
 
+  Stats* stats = nullptr;
+
   std::uint64_t MapIndexOf(std::uint64_t mapBlock) const;
+  // Method (1..5) block b of kind k is stored compressed with, 0 for none.
+  int CompressionFor(std::uint32_t b, Kind k) const;
+  // The source gets the compressed envelope of the plain image; the twin what a conversion
+  // leaves of it (the plain image, or the envelope itself for "null", which never decompresses).
+  void StoreCompressed(std::uint8_t* image, std::uint32_t b, int method) const;
   // The order the source database is written in (the twin of a conversion is the other one).
   bool SourceBig() const { return p.converted ? !p.bigEndian : p.bigEndian; }
   Rng BlockRng(std::uint32_t b, std::uint64_t salt) const;

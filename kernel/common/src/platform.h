@@ -47,6 +47,8 @@ std::string ExecutablePath(std::size_t limit);
 std::string FullPathName(const std::string& path);
 inline constexpr char kSeparator = '/';
 
+// File name of a shared library by its base name ("zlib1", "zstd", "lz4").
+std::string SharedLibraryFileName(const std::string& baseName);
 void* LibraryOpen(const std::string& path);
 void* LibrarySymbol(void* library, const char* name);
 void LibraryClose(void* library);

@@ -146,6 +146,11 @@ std::string FullPathName(const std::string& path) {
   return out;
 }
 
+std::string SharedLibraryFileName(const std::string& baseName) {
+  if (baseName == "zlib1") return "libz.so.1";
+  return "lib" + baseName + ".so.1";
+}
+
 void* LibraryOpen(const std::string& path) { return ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
 void* LibrarySymbol(void* library, const char* name) { return ::dlsym(library, name); }
 void LibraryClose(void* library) {

@@ -95,6 +95,8 @@ std::string FullPathName(const std::string& path) {
   return (n == 0 || n >= sizeof full) ? std::string() : std::string(full, n);
 }
 
+std::string SharedLibraryFileName(const std::string& baseName) { return baseName + ".dll"; }
+
 void* LibraryOpen(const std::string& path) { return LoadLibraryA(path.c_str()); }
 void* LibrarySymbol(void* library, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
