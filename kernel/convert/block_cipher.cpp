@@ -1,8 +1,35 @@
 #include "block_cipher.h"
 
+#include "aes_modes.h"
+#include "state.h"
+
 namespace bt {
 
-int DecryptDataBlock(const std::uint8_t*, std::uint8_t*, std::uint32_t) { return 0; }
-int EncryptDataBlock(const std::uint8_t*, std::uint8_t*, std::uint32_t) { return 0; }
+namespace {
+// The CBC IV of a block: its number, big-endian whatever the database's order, then twelve
+// zeros, encrypted once under the database key. A block keeps its IV across a conversion.
+void BlockIv(std::uint32_t b, std::uint8_t iv[16]) {
+  for (int i = 0; i < 16; ++i) iv[i] = 0;
+  StoreBE32(iv, b);
+  crypto::AesEncryptBlock(iv, iv, encryptionKeySchedule);
+}
+}  // namespace
+
+int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b) {
+  if (!databaseKeyLoaded) return 0;
+  std::uint8_t iv[16];
+  BlockIv(b, iv);
+  crypto::AesCbcDecrypt(in, out, blockSize, iv, decryptionKeySchedule);  // a size that is no multiple of 16 changes nothing
+  return 1;
+}
+
+int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b) {
+  if (!databaseKeyLoaded) return 0;
+  std::uint8_t iv[16];
+  BlockIv(b, iv);
+  if (blockSize % 16 != 0 || blockSize < 16) return 1;
+  crypto::AesCbcEncrypt(in, out, blockSize, iv, encryptionKeySchedule);
+  return 1;
+}
 
 }  // namespace bt

@@ -17,6 +17,10 @@ std::uint32_t volumeSetFieldB = 0;
 std::int32_t mapCount = 0;
 bool databaseEncrypted = false;
 
+crypto::AesKeySchedule encryptionKeySchedule{};
+crypto::AesKeySchedule decryptionKeySchedule{};
+bool databaseKeyLoaded = false;
+
 std::string databaseFileName;
 std::string binDirectory;
 

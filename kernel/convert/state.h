@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "aes_core.h"
 #include "byteorder.h"
 #include "compression.h"
 
@@ -32,6 +33,11 @@ extern std::uint32_t volumeSetFieldA;
 extern std::uint32_t volumeSetFieldB;
 extern std::int32_t mapCount;
 extern bool databaseEncrypted;
+
+// The database key's AES schedules, built once by the keyfile dialogue.
+extern crypto::AesKeySchedule encryptionKeySchedule;
+extern crypto::AesKeySchedule decryptionKeySchedule;
+extern bool databaseKeyLoaded;
 
 extern std::string databaseFileName;
 extern std::string binDirectory;

@@ -81,10 +81,14 @@ void CvVector(Bytes v) {
   const bool asRead = v[1] == vec::kVectorMark;
   const bool big = !asRead;  // the order the vector is stored in
 
+  // The directory as it stands before any conversion: chunks may overlap it. Only the entries in
+  // use are kept.
   std::uint16_t directory[vec::kDirectoryEntries];
-  for (int i = 0; i < vec::kDirectoryEntries; ++i) {
-    const std::size_t off = vec::kDirectory + 2 * i;
-    directory[i] = Fits(v, off, 2) ? Load16(v.data() + off, big) : 0;
+  int used = 0;
+  const std::size_t directoryEnd = v.size() < vec::kHeaderEnd ? v.size() : vec::kHeaderEnd;
+  for (std::size_t off = vec::kDirectory; off + 2 <= directoryEnd; off += 2) {
+    const std::uint16_t entry = Load16(v.data() + off, big);
+    if (entry != 0) directory[used++] = entry;
   }
   const unsigned type = Load16(v.data(), big) & 0xFF;
   const std::uint32_t tailOffset = Fits(v, vec::kTailOffset, 4) ? Load32(v.data() + vec::kTailOffset, big) : 0;
@@ -98,9 +102,10 @@ void CvVector(Bytes v) {
   Rev32At(v, vec::kTailPresent);
   RevEach(v, 20, vec::kHeaderEnd, 2);
 
-  for (std::uint16_t entry : directory) {
+  for (int i = 0; i < used; ++i) {
+    const std::uint16_t entry = directory[i];
     const std::size_t chunk = entry & 0x1FFF;
-    if (entry == 0 || chunk == 0) continue;  // chunk 0 would lie before the vector
+    if (chunk == 0) continue;  // chunk 0 would lie before the vector
     const std::size_t c = 128 * chunk - 64;
     const unsigned width = (entry >> 13) & 3;
     if (entry & 0x8000)

@@ -11,6 +11,24 @@
 
 namespace {
 
+// AES-256-CBC encryption throughput of openssl speed on 8192-byte pieces, in MiB/s (0 if absent).
+double OpensslSpeed() {
+  std::FILE* pipe = popen("openssl speed -evp aes-256-cbc -bytes 8192 -seconds 3 2>/dev/null", "r");
+  if (pipe == nullptr) return 0;
+  char line[512];
+  double kilobytes = 0;
+  while (std::fgets(line, sizeof line, pipe) != nullptr) {
+    std::string text = line;
+    if (text.rfind("AES-256-CBC", 0) == 0 || text.rfind("aes-256-cbc", 0) == 0) {
+      std::size_t end = text.find_last_not_of(" \n");
+      std::size_t start = text.find_last_of(' ', end);
+      kilobytes = std::strtod(text.c_str() + start + 1, nullptr);  // thousands of bytes per second
+    }
+  }
+  pclose(pipe);
+  return kilobytes * 1000.0 / (1024.0 * 1024.0);
+}
+
 double TimeCommand(const std::string& command) {
   std::system("sync");
   auto start = std::chrono::steady_clock::now();
@@ -33,6 +51,7 @@ int main(int argc, char** argv) {
   p.mix = gendb::Mix{1, 6, 1, 3, 0, 0, 0};
   std::string dir = "/tmp";
   int rounds = 2;
+  bool encrypted = false;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string a = argv[i];
     const char* v = argv[i + 1];
@@ -42,15 +61,11 @@ int main(int argc, char** argv) {
     else if (a == "--dir") dir = v;
     else if (a == "--rounds") rounds = std::atoi(v);
     else if (a == "--mix-other-only" && std::strcmp(v, "1") == 0) p.mix = gendb::Mix{};
-    else if (a == "--key") {
-      p.keyId = "bench-key";
-      p.databaseKey.assign(32, 0);
-      for (int k = 0; k < 32; ++k) p.databaseKey[k] = static_cast<std::uint8_t>(k * 7 + 1);
-      (void)v;
-    } else {
+    else if (a == "--encrypted") encrypted = std::strcmp(v, "1") == 0;
+    else {
       std::fprintf(stderr,
                    "usage: bench [--size-mib N] [--code N] [--free F] [--dir DIR] [--rounds N] "
-                   "[--mix-other-only 1]\n");
+                   "[--mix-other-only 1] [--encrypted 1]\n");
       return 2;
     }
   }
@@ -60,6 +75,18 @@ int main(int argc, char** argv) {
   const std::string exe = platform::ExecutablePath(4096);
   const std::string byteturn = exe.substr(0, exe.rfind('/') + 1) + "byteturn";
 
+  std::string answers;
+  if (encrypted) {
+    p.keyId = "bench-key";
+    p.databaseKey.assign(32, 0);
+    for (int k = 0; k < 32; ++k) p.databaseKey[k] = static_cast<std::uint8_t>(k * 7 + 1);
+    const std::string keyfile = dir + "/bench.key";
+    answers = dir + "/bench.answers";
+    gendb::WriteKeyfile(keyfile, "1.0", p.keyId, "bench", "bench-password", p.databaseKey);
+    std::FILE* f = std::fopen(answers.c_str(), "w");
+    std::fprintf(f, "%s\nbench\nbench-password\n", keyfile.c_str());
+    std::fclose(f);
+  }
   std::printf("generating %llu MiB, %u-byte blocks, %.0f%% free ...\n", static_cast<unsigned long long>(sizeMiB),
               g.blockSize, p.freeShare * 100);
   std::fflush(stdout);
@@ -70,7 +97,8 @@ int main(int argc, char** argv) {
   }
   const std::string rewrite = "dd if=" + db + " of=" + db + " bs=" + std::to_string(g.blockSize) +
                               " conv=notrunc status=none";
-  const std::string convert = byteturn + " -t " + db + " > /dev/null";
+  const std::string convert =
+      byteturn + " -t " + db + " > /dev/null" + (encrypted ? " 2>/dev/null < " + answers : std::string());
   double bestRewrite = 1e30, bestConvert = 1e30;
   for (int r = 0; r < rounds; ++r) {
     double tr = TimeCommand(rewrite);
@@ -84,6 +112,11 @@ int main(int argc, char** argv) {
   std::printf("rewrite (dd conv=notrunc): %.3f s, %.0f MiB/s\n", bestRewrite, mib / bestRewrite);
   std::printf("byteturn -t:               %.3f s, %.0f MiB/s\n", bestConvert, mib / bestConvert);
   std::printf("ratio byteturn/rewrite:    %.2f\n", bestConvert / bestRewrite);
+  if (encrypted) {
+    const double openssl = OpensslSpeed();
+    std::printf("openssl speed -evp aes-256-cbc -bytes 8192 (encrypt): %.0f MiB/s\n", openssl);
+    if (openssl > 0) std::printf("encrypted conversion / openssl encryption: %.2f\n", mib / bestConvert / openssl);
+  }
   platform::RemoveFile(db);
   return 0;
 }

@@ -287,10 +287,12 @@ std::string GenerateDatabase(const Params& params, const std::string& path, Stat
       default: o.Random(0, bs, rng); break;  // free: garbage nobody reads
     }
     if (method != 0) plan.StoreCompressed(buffer.get(), b, method);
+    if (!plan.p.databaseKey.empty() && k != kLabel && k != kVolInfo) EncryptBlock(plan.p.databaseKey, buffer.get(), bs, b);
     if (platform::WriteAt(file, buffer.get(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
   }
-  for (const auto& [b, image] : plan.bigBlocks) {
+  for (auto& [b, image] : plan.bigBlocks) {
     if (!error.empty()) break;
+    if (!plan.p.databaseKey.empty()) EncryptBlock(plan.p.databaseKey, image.data(), bs, b);
     if (platform::WriteAt(file, image.data(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
   }
   platform::Close(file);

@@ -70,6 +70,29 @@ struct Geometry {
 };
 Geometry GeometryFor(std::uint32_t sizeCode);
 
+// Keyfiles. An item is a 2-byte length (least significant byte first) and its bytes.
+struct KeyfileBuilder {
+  std::vector<std::uint8_t> bytes;
+  KeyfileBuilder& Item(const std::vector<std::uint8_t>& item);
+  KeyfileBuilder& Text(const std::string& text);
+  // A user entry: username, iteration count, salt, key encryption key length and key wrapped
+  // under the key encryption key derived from password.
+  KeyfileBuilder& User(const std::string& name, const std::string& password, int iterations,
+                       const std::vector<std::uint8_t>& salt, int kekLength, const std::vector<std::uint8_t>& key);
+  // A version 2.0 key record.
+  KeyfileBuilder& KeyRecord(const std::string& keyId, const std::vector<std::uint8_t>& master,
+                            const std::vector<std::uint8_t>& key);
+  std::string Save(const std::string& path) const;
+};
+// RFC 3394 key wrap with the default initial value.
+std::vector<std::uint8_t> AesKeyWrap(const std::vector<std::uint8_t>& kek, const std::vector<std::uint8_t>& key);
+// A keyfile for one database key: version "1.0", or "2.0" with a master key and other records.
+std::string WriteKeyfile(const std::string& path, const std::string& version, const std::string& keyId,
+                         const std::string& user, const std::string& password,
+                         const std::vector<std::uint8_t>& databaseKey);
+// Encrypts a block in place the way the database does: AES-CBC with the block number's IV.
+void EncryptBlock(const std::vector<std::uint8_t>& key, std::uint8_t* block, std::uint32_t size, std::uint32_t b);
+
 // Deterministic 64-bit generator.
 struct Rng {
   std::uint64_t state;

@@ -1,1 +1,39 @@
+#include "aes_modes.h"
 
+#include <cstring>
+
+namespace crypto {
+
+int AesCbcDecrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length, std::uint8_t iv[16],
+                  const AesKeySchedule& s) {
+  if (length % 16 != 0 || !ValidRounds(s)) return -1;
+  if (AesUsingHardware()) {
+    AesCbcDecryptHardware(in, out, length / 16, iv, s);
+    return 0;
+  }
+  for (std::size_t off = 0; off < length; off += 16) {
+    std::uint8_t cipher[16];
+    std::memcpy(cipher, in + off, 16);  // kept: in place, the output overwrites it
+    AesDecryptPortable(cipher, out + off, s);
+    for (int k = 0; k < 16; ++k) out[off + k] ^= iv[k];
+    std::memcpy(iv, cipher, 16);
+  }
+  return 0;
+}
+
+int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length, std::uint8_t iv[16],
+                  const AesKeySchedule& s) {
+  if (length % 16 != 0 || !ValidRounds(s)) return -1;
+  if (AesUsingHardware()) {
+    AesCbcEncryptHardware(in, out, length / 16, iv, s);
+    return 0;
+  }
+  for (std::size_t off = 0; off < length; off += 16) {
+    for (int k = 0; k < 16; ++k) iv[k] ^= in[off + k];
+    AesEncryptPortable(iv, iv, s);
+    std::memcpy(out + off, iv, 16);
+  }
+  return 0;
+}
+
+}  // namespace crypto

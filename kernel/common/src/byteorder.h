@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace bt {
@@ -39,21 +40,30 @@ inline void StoreBE32(std::uint8_t* p, std::uint32_t v) {
   p[0] = static_cast<std::uint8_t>(v >> 24);
 }
 
+// In-place reversals. memcpy moves the bytes into a register without any pointer cast or
+// alignment assumption; the compiler turns each into a load, a byte swap and a store.
 inline void Rev2(std::uint8_t* p) {
-  std::uint8_t t = p[0];
-  p[0] = p[1];
-  p[1] = t;
+  std::uint16_t v;
+  std::memcpy(&v, p, 2);
+  v = __builtin_bswap16(v);
+  std::memcpy(p, &v, 2);
 }
 inline void Rev3(std::uint8_t* p) {
   std::uint8_t t = p[0];
   p[0] = p[2];
   p[2] = t;
 }
-inline void Rev4(std::uint8_t* p) { StoreLE32(p, LoadBE32(p)); }
+inline void Rev4(std::uint8_t* p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  v = __builtin_bswap32(v);
+  std::memcpy(p, &v, 4);
+}
 inline void Rev8(std::uint8_t* p) {
-  std::uint64_t v = LoadBE64(p);
-  StoreLE32(p, static_cast<std::uint32_t>(v));
-  StoreLE32(p + 4, static_cast<std::uint32_t>(v >> 32));
+  std::uint64_t v;
+  std::memcpy(&v, p, 8);
+  v = __builtin_bswap64(v);
+  std::memcpy(p, &v, 8);
 }
 inline void RevN(std::uint8_t* p, std::size_t n) {
   for (std::size_t i = 0, j = n - 1; i < j; ++i, --j) {
@@ -75,14 +85,28 @@ inline void Rev32At(Bytes s, std::size_t off) {
 inline void Rev64At(Bytes s, std::size_t off) {
   if (Fits(s, off, 8)) Rev8(s.data() + off);
 }
-// Reverses every unit of width bytes from off while a whole unit fits before end.
+// Reverses every unit of width bytes from off while a whole unit fits before end (and before the
+// end of the span). Widths 2, 4 and 8 run as tight loops the compiler can turn into shuffles.
 inline void RevEach(Bytes s, std::size_t off, std::size_t end, std::size_t width) {
   if (end > s.size()) end = s.size();
-  for (; off < end && width <= end - off; off += width) RevN(s.data() + off, width);
+  if (off >= end || width > end - off) return;
+  const std::size_t count = (end - off) / width;
+  std::uint8_t* p = s.data() + off;
+  switch (width) {
+    case 2:
+      for (std::size_t i = 0; i < count; ++i) Rev2(p + 2 * i);
+      break;
+    case 4:
+      for (std::size_t i = 0; i < count; ++i) Rev4(p + 4 * i);
+      break;
+    case 8:
+      for (std::size_t i = 0; i < count; ++i) Rev8(p + 8 * i);
+      break;
+    default:
+      for (std::size_t i = 0; i < count; ++i) RevN(p + width * i, width);
+      break;
+  }
 }
-inline void RevEach32(Bytes s, std::size_t off, std::size_t end) {
-  if (end > s.size()) end = s.size();
-  for (; off < end && 4 <= end - off; off += 4) Rev4(s.data() + off);
-}
+inline void RevEach32(Bytes s, std::size_t off, std::size_t end) { RevEach(s, off, end, 4); }
 
 }  // namespace bt

@@ -1,0 +1,40 @@
+// AES block cipher (FIPS-197) with 128-, 192- and 256-bit keys. Two implementations give the
+// same results: the processor's AES instructions, chosen at run time when present, and portable
+// table-driven code.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace crypto {
+
+struct AesKeySchedule {
+  std::uint32_t roundKeys[60];  // big-endian words; the decryption schedule is the equivalent inverse one
+  int rounds;                   // 10, 12 or 14; anything else: never built
+  alignas(16) std::uint8_t roundKeyBytes[240];
+};
+
+// Key length in bytes (16, 24, 32) or in bits (128, 192, 256). 0 on success, -1 otherwise.
+int AesSetEncryptKey(const std::uint8_t* key, int length, AesKeySchedule& schedule);
+int AesSetDecryptKey(const std::uint8_t* key, int length, AesKeySchedule& schedule);
+// 0 on success, -1 when the schedule was never built. in and out may be the same.
+int AesEncryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
+int AesDecryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
+
+bool AesHardwareAvailable();
+// Selects the implementation; the hardware one only when available. Returns what is in use.
+bool AesUseHardware(bool hardware);
+bool AesUsingHardware();
+
+// Internals shared with the modes: the portable and hardware block functions.
+bool ValidRounds(const AesKeySchedule& schedule);
+void AesEncryptPortable(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
+void AesDecryptPortable(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
+void AesEncryptHardware(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
+void AesDecryptHardware(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
+void AesCbcDecryptHardware(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks, std::uint8_t iv[16],
+                           const AesKeySchedule& schedule);
+void AesCbcEncryptHardware(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks, std::uint8_t iv[16],
+                           const AesKeySchedule& schedule);
+
+}  // namespace crypto

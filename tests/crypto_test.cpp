@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+
+#include "aes_core.h"
+#include "aes_modes.h"
+#include "aeskeywrap.h"
+#include "hmacsha.h"
+#include "json.h"
+#include "pbkdf2.h"
+#include "sha1.h"
+
+#include <cstring>
+
+using namespace testsupport;
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+const Json& Vectors() {
+  static const Json json = ParseJsonFile(VECTORS_JSON);
+  return json;
+}
+
+// Runs body once with the portable AES and once with the processor's instructions (if present).
+template <typename Body>
+void OnBothAesPaths(Body body) {
+  for (bool hardware : {false, true}) {
+    if (hardware && !crypto::AesHardwareAvailable()) {
+      std::printf("no AES instructions on this processor: hardware path not run\n");
+      continue;
+    }
+    crypto::AesUseHardware(hardware);
+    SCOPED_TRACE(hardware ? "hardware AES" : "portable AES");
+    body();
+  }
+  crypto::AesUseHardware(true);
+}
+
+TEST(Crypto, AesBlockVectors) {
+  OnBothAesPaths([] {
+    for (const Json& v : Vectors()["aes_fips197_appendix_c"].items) {
+      Bytes key = Hex(v["key"].text), plain = Hex(v["plaintext"].text), cipher = Hex(v["ciphertext"].text);
+      crypto::AesKeySchedule enc{}, dec{};
+      ASSERT_EQ(crypto::AesSetEncryptKey(key.data(), static_cast<int>(key.size()), enc), 0);
+      ASSERT_EQ(crypto::AesSetDecryptKey(key.data(), static_cast<int>(key.size() * 8), dec), 0);  // in bits
+      Bytes out(16);
+      EXPECT_EQ(crypto::AesEncryptBlock(plain.data(), out.data(), enc), 0);
+      EXPECT_EQ(out, cipher);
+      EXPECT_EQ(crypto::AesDecryptBlock(out.data(), out.data(), dec), 0);  // in place
+      EXPECT_EQ(out, plain);
+    }
+  });
+}
+
+TEST(Crypto, AesCbcVectorsInPlace) {
+  OnBothAesPaths([] {
+    for (const Json& v : Vectors()["aes_cbc_sp800_38a_f2"].items) {
+      Bytes key = Hex(v["key"].text), iv = Hex(v["iv"].text), plain = Hex(v["plaintext"].text),
+            cipher = Hex(v["ciphertext"].text);
+      crypto::AesKeySchedule enc{}, dec{};
+      crypto::AesSetEncryptKey(key.data(), static_cast<int>(key.size()), enc);
+      crypto::AesSetDecryptKey(key.data(), static_cast<int>(key.size()), dec);
+      Bytes buffer = plain, chain = iv;
+      ASSERT_EQ(crypto::AesCbcEncrypt(buffer.data(), buffer.data(), buffer.size(), chain.data(), enc), 0);
+      EXPECT_EQ(buffer, cipher);
+      EXPECT_EQ(chain, Bytes(cipher.end() - 16, cipher.end()));
+      chain = iv;
+      ASSERT_EQ(crypto::AesCbcDecrypt(buffer.data(), buffer.data(), buffer.size(), chain.data(), dec), 0);
+      EXPECT_EQ(buffer, plain);
+      // Long runs take the eight-wide path: a 4 KB round trip.
+      Bytes big(4096 + 48);
+      for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<unsigned char>(i * 13);
+      Bytes copy = big, c1 = iv, c2 = iv;
+      crypto::AesCbcEncrypt(big.data(), big.data(), big.size(), c1.data(), enc);
+      crypto::AesCbcDecrypt(big.data(), big.data(), big.size(), c2.data(), dec);
+      EXPECT_EQ(big, copy);
+    }
+  });
+}
+
+TEST(Crypto, AesResultCodesAndInputChecks) {
+  crypto::AesKeySchedule never{}, a{}, b{};
+  Bytes key(32, 7), block(16, 1), iv(16, 2);
+  EXPECT_EQ(crypto::AesEncryptBlock(block.data(), block.data(), never), -1);
+  EXPECT_EQ(crypto::AesDecryptBlock(block.data(), block.data(), never), -1);
+  EXPECT_EQ(crypto::AesSetEncryptKey(key.data(), 20, a), -1);
+  EXPECT_EQ(crypto::AesSetDecryptKey(key.data(), 40, a), -1);
+  ASSERT_EQ(crypto::AesSetEncryptKey(key.data(), 128, a), 0);
+  ASSERT_EQ(crypto::AesSetEncryptKey(key.data(), 16, b), 0);
+  EXPECT_EQ(0, std::memcmp(a.roundKeys, b.roundKeys, sizeof a.roundKeys[0] * 44));
+  EXPECT_EQ(a.rounds, 10);
+  Bytes data(24, 3), before = data, ivBefore = iv;
+  EXPECT_EQ(crypto::AesCbcDecrypt(data.data(), data.data(), 24, iv.data(), a), -1);
+  EXPECT_EQ(data, before);
+  EXPECT_EQ(crypto::AesCbcDecrypt(data.data(), data.data(), 0, iv.data(), a), 0);
+  EXPECT_EQ(iv, ivBefore);
+}
+
+TEST(Crypto, KeyUnwrapVectorsAndChecks) {
+  OnBothAesPaths([] {
+    for (const Json& v : Vectors()["aes_key_wrap_rfc3394_section4"].items) {
+      Bytes kek = Hex(v["kek"].text), key = Hex(v["key_data"].text), wrapped = Hex(v["wrapped"].text);
+      Bytes out(64);
+      std::size_t length = 0;
+      EXPECT_EQ(crypto::AesKeyUnwrap(wrapped.data(), wrapped.size(), kek.data(), kek.size(), out.data(), &length), 1);
+      EXPECT_EQ(Bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(length)), key);
+      wrapped[5] ^= 0x10;
+      EXPECT_EQ(crypto::AesKeyUnwrap(wrapped.data(), wrapped.size(), kek.data(), kek.size(), out.data(), &length), 0);
+      EXPECT_EQ(length, key.size());  // set before the check
+    }
+  });
+  Bytes kek(40, 1), wrapped(24, 2), out(64);
+  std::size_t length = 0;
+  EXPECT_EQ(crypto::AesKeyUnwrap(wrapped.data(), 24, kek.data(), 40, out.data(), &length), 0);
+  EXPECT_EQ(crypto::AesKeyUnwrap(wrapped.data(), 20, kek.data(), 16, out.data(), &length), 0);
+  Bytes initial(8, 0xA6);
+  EXPECT_EQ(crypto::AesKeyUnwrap(initial.data(), 8, kek.data(), 16, out.data(), &length), 1);
+  EXPECT_EQ(length, 0u);
+}
+
+TEST(Crypto, Sha1HmacAndPbkdf2Vectors) {
+  for (const Json& v : Vectors()["sha1_fips180"].items) {
+    Bytes message;
+    if (v.Has("message_repeat")) {
+      Bytes unit = Hex(v["message_repeat"].text);
+      for (long i = 0; i < std::stol(v["count"].text); ++i) message.insert(message.end(), unit.begin(), unit.end());
+    } else {
+      message = Hex(v["message"].text);
+    }
+    Bytes digest(20);
+    crypto::Sha1(message.data(), message.size(), digest.data());
+    EXPECT_EQ(digest, Hex(v["digest"].text));
+  }
+  for (const Json& v : Vectors()["hmac_sha1_rfc2202"].items) {
+    Bytes key = Hex(v["key"].text), data = Hex(v["data"].text), digest(20);
+    crypto::HmacSha1(data.data(), data.size(), key.data(), key.size(), digest.data());
+    Bytes expected = Hex(v["digest"].text);
+    EXPECT_EQ(Bytes(digest.begin(), digest.begin() + static_cast<std::ptrdiff_t>(expected.size())), expected);
+  }
+  for (const Json& v : Vectors()["pbkdf2_hmac_sha1_rfc6070"].items) {
+    Bytes password = Hex(v["password"].text), salt = Hex(v["salt"].text), expected = Hex(v["dk"].text);
+    Bytes out(expected.size());
+    EXPECT_EQ(crypto::Pbkdf2HmacSha1(password.data(), password.size(), std::stoi(v["iterations"].text), salt.data(),
+                                     salt.size(), out.data(), out.size()),
+              1);
+    EXPECT_EQ(out, expected);
+  }
+  // Iteration counts of 0 and below mean one.
+  Bytes a(20), b(20), c(20);
+  const unsigned char pw[] = "password", salt[] = "salt";
+  crypto::Pbkdf2HmacSha1(pw, 8, 0, salt, 4, a.data(), 20);
+  crypto::Pbkdf2HmacSha1(pw, 8, -3, salt, 4, b.data(), 20);
+  crypto::Pbkdf2HmacSha1(pw, 8, 1, salt, 4, c.data(), 20);
+  EXPECT_EQ(a, c);
+  EXPECT_EQ(b, c);
+}
+
+}  // namespace
