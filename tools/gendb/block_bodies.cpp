@@ -283,3 +283,41 @@ void RenderMirrorBlock(const Plan& plan, const Out& o, Rng& rng) {
 }
 
 }  // namespace gendb
+
+namespace gendb {
+
+void RenderVolumeInfo(const Plan& plan, std::size_t volume, const Out& o, Rng& rng) {
+  o.Random(0, o.size, rng);
+  o.p[4] = 18;
+  const std::uint64_t first = plan.volumeFirst[volume];
+  const std::uint64_t next = volume + 1 < plan.volumeFirst.size() ? plan.volumeFirst[volume + 1] : plan.p.lastBlock + 1ull;
+  o.U32(32, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(36, static_cast<std::uint32_t>(volume));
+  o.U32(40, plan.checkpoint);
+  o.U32(44, static_cast<std::uint32_t>(rng.Next()));
+  o.U32(48, plan.setFieldA);
+  o.U32(52, plan.setFieldB);
+  o.U64(56, first);
+  o.U64(64, volume == 0 ? rng.Next() : next);  // not consulted in the primary volume
+  o.U64(72, rng.Next());
+  o.U32(80, static_cast<std::uint32_t>(rng.Next()));
+  if (volume != 0) return;
+  // The stored directory list: 8-bit entries padded to even lengths; past the twentieth, a
+  // 16-bit entry and a terminator that only the conversion reads.
+  const auto& list = plan.p.volumeSet.storedList;
+  std::size_t cursor = 1028;
+  for (const std::string& dir : list) {
+    o.U16(cursor, static_cast<std::uint16_t>(dir.size()));
+    std::memcpy(o.p + cursor + 2, dir.data(), dir.size());
+    cursor += 2 + (dir.size() + 1) / 2 * 2;
+  }
+  if (list.size() > 20) {
+    o.U16(cursor, 0x8003);
+    for (int i = 0; i < 3; ++i) o.U16(cursor + 2 + 2 * i, static_cast<std::uint16_t>(rng.Next()));
+    o.U16(cursor + 8, 0);
+    cursor += 16;
+  }
+  o.U32(1024, static_cast<std::uint32_t>(cursor - 1028));
+}
+
+}  // namespace gendb

@@ -1,6 +1,7 @@
 #include "gendb.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -244,6 +245,67 @@ void PlanKinds(Plan& plan) {
 
 }  // namespace
 
+namespace {
+
+std::string MainDirectory(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
+}
+
+std::string VolumeDirectory(const Params& p, const std::string& path, std::size_t volume) {
+  const VolumeSetParams& vs = p.volumeSet;
+  const unsigned k = volume - 1 < vs.placement.size() ? vs.placement[volume - 1] : 0;
+  if (k == 0 || k > vs.directories.size()) return MainDirectory(path);
+  const std::string& dir = vs.directories[k - 1];
+  return dir[0] == '/' ? dir : MainDirectory(path) + dir;
+}
+
+std::string WriteMarkers(const Params& p, const std::string& path) {
+  const std::string primary = platform::FullPathName(MainDirectory(path)) + "\n";
+  for (const std::string& dir : p.volumeSet.directories) {
+    const std::string marker = (dir[0] == '/' ? dir : MainDirectory(path) + dir) + "orva.dbdir";
+    platform::File f = platform::CreateReadWrite(marker);
+    if (f == platform::kInvalidFile) return "cannot create " + marker;
+    platform::WriteAt(f, primary.data(), primary.size(), 0);
+    platform::Close(f);
+  }
+  return "";
+}
+
+// Splits the blocks evenly over the volumes; no volume starts on a map area block.
+void PlanVolumes(Plan& plan) {
+  const unsigned n = plan.p.volumeSet.volumes;
+  plan.volumeFirst = {1};
+  if (n == 0) return;
+  const std::uint32_t share = plan.p.lastBlock / (n + 1);
+  for (unsigned v = 1; v <= n; ++v) {
+    std::uint32_t first = std::max(v * share + 1, plan.volumeFirst.back() + 2);
+    while (InMapArea(plan.g, first)) ++first;
+    plan.volumeFirst.push_back(first);
+  }
+  plan.furtherVolumes = n;
+  plan.primaryLastBlock = plan.volumeFirst[1] - 1;
+  plan.volumeInfoBlock = plan.p.volumeSet.volumeInfoBlock;
+}
+
+}  // namespace
+
+std::vector<std::string> DatabaseFiles(const Params& params, const std::string& path) {
+  std::vector<std::string> files = {path};
+  for (unsigned v = 1; v <= params.volumeSet.volumes; ++v) {
+    char name[16];
+    std::snprintf(name, sizeof name, "ORVA-%04u.VOL", v);
+    files.push_back(VolumeDirectory(params, path, v) + name);
+  }
+  return files;
+}
+
+std::size_t Plan::VolumeOf(std::uint32_t b) const {
+  std::size_t v = volumeFirst.size() - 1;
+  while (v > 0 && b < volumeFirst[v]) --v;
+  return v;
+}
+
 std::string GenerateDatabase(const Params& params, const std::string& path, Stats* stats) {
   if (params.sizeCode < 1 || params.sizeCode > 5) return "block size code must be 1 to 5";
   Plan plan;
@@ -258,14 +320,29 @@ std::string GenerateDatabase(const Params& params, const std::string& path, Stat
   Rng ids(params.seed ^ 0x1D5ull);
   plan.setFieldA = static_cast<std::uint32_t>(ids.Next());
   plan.setFieldB = static_cast<std::uint32_t>(ids.Next());
+  plan.checkpoint = static_cast<std::uint32_t>(ids.Next());
+  PlanVolumes(plan);
   PlanKinds(plan);
+  for (std::size_t v = 1; v < plan.volumeFirst.size(); ++v) plan.kind[plan.volumeFirst[v]] = kVolInfo;
+  if (plan.furtherVolumes > 0) plan.kind[plan.volumeInfoBlock] = kVolInfo;
   PlanReferences(plan);
 
-  platform::File file = platform::CreateReadWrite(path);
-  if (file == platform::kInvalidFile) return "cannot create " + path;
-  const std::uint32_t bs = plan.g.blockSize;
+  const std::vector<std::string> paths = DatabaseFiles(plan.p, path);
+  std::vector<platform::File> files;
   std::string error;
-  if (!platform::SetFileSize(file, std::uint64_t{plan.p.lastBlock} * bs)) error = "cannot size " + path;
+  const std::uint32_t bs = plan.g.blockSize;
+  for (std::size_t v = 0; v < paths.size(); ++v) {
+    files.push_back(platform::CreateReadWrite(paths[v]));
+    if (files.back() == platform::kInvalidFile) return "cannot create " + paths[v];
+    const std::uint32_t last = v + 1 < paths.size() ? plan.volumeFirst[v + 1] - 1 : plan.p.lastBlock;
+    if (!platform::SetFileSize(files.back(), std::uint64_t{last - plan.volumeFirst[v] + 1} * bs))
+      error = "cannot size " + paths[v];
+  }
+  auto write = [&](std::uint32_t b, const std::uint8_t* image) {
+    const std::size_t v = plan.VolumeOf(b);
+    if (platform::WriteAt(files[v], image, bs, std::uint64_t{b - plan.volumeFirst[v]} * bs) != bs)
+      error = "cannot write " + paths[v];
+  };
   std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[bs]);
   for (std::uint32_t b = 1; error.empty() && b <= plan.p.lastBlock; ++b) {
     Kind k = plan.kind[b];
@@ -284,18 +361,20 @@ std::string GenerateDatabase(const Params& params, const std::string& path, Stat
       case kGdir: RenderGdirBlock(o, rng); break;
       case kPointer: RenderPointerBlock(o, rng); break;
       case kMirror: RenderMirrorBlock(plan, o, rng); break;
+      case kVolInfo: RenderVolumeInfo(plan, b == plan.volumeInfoBlock ? 0 : plan.VolumeOf(b), o, rng); break;
       default: o.Random(0, bs, rng); break;  // free: garbage nobody reads
     }
     if (method != 0) plan.StoreCompressed(buffer.get(), b, method);
     if (!plan.p.databaseKey.empty() && k != kLabel && k != kVolInfo) EncryptBlock(plan.p.databaseKey, buffer.get(), bs, b);
-    if (platform::WriteAt(file, buffer.get(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
+    write(b, buffer.get());
   }
   for (auto& [b, image] : plan.bigBlocks) {
     if (!error.empty()) break;
     if (!plan.p.databaseKey.empty()) EncryptBlock(plan.p.databaseKey, image.data(), bs, b);
-    if (platform::WriteAt(file, image.data(), bs, std::uint64_t{b - 1} * bs) != bs) error = "cannot write " + path;
+    write(b, image.data());
   }
-  platform::Close(file);
+  for (platform::File f : files) platform::Close(f);
+  if (error.empty() && plan.p.volumeSet.markers) error = WriteMarkers(plan.p, path);
   return error;
 }
 

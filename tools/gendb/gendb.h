@@ -20,6 +20,17 @@ struct Mix {
   unsigned badOffset = 0;    // blocks whose offset is out of range (left untouched)
 };
 
+// A volume set: the main file plus further volume files, in the primary directory or in
+// additional directories (relative ones are taken from the main file's directory).
+struct VolumeSetParams {
+  unsigned volumes = 0;                  // further volumes; 0 = a single file
+  std::vector<std::string> directories;  // additional volume directories, ending in '/'
+  std::vector<unsigned> placement;       // by volume - 1: 0 = primary directory, k = directories[k - 1]
+  std::vector<std::string> storedList;   // the directory list of the primary volume info block
+  bool markers = true;                   // orva.dbdir in each additional directory, naming the primary one
+  std::uint32_t volumeInfoBlock = 3;     // the primary volume info block
+};
+
 struct Params {
   std::uint64_t seed = 1;
   std::uint32_t sizeCode = 2;
@@ -44,7 +55,11 @@ struct Params {
   // Encryption: the database key (16, 24 or 32 bytes) and its key ID; empty = clear database.
   std::vector<std::uint8_t> databaseKey;
   std::string keyId;
+  VolumeSetParams volumeSet;
 };
+
+// Paths of the files of a database generated at path: the main file, then volume 1, 2, ...
+std::vector<std::string> DatabaseFiles(const Params& params, const std::string& path);
 
 // What a generation produced, for tests that must know a case was exercised.
 struct Stats {

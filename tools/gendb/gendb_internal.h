@@ -31,7 +31,11 @@ struct Plan {
   std::uint32_t primaryLastBlock = 0;
   std::uint32_t volumeInfoBlock = 0;
   std::uint32_t furtherVolumes = 0;
-  std::uint32_t setFieldA = 0, setFieldB = 0;
+  std::uint32_t setFieldA = 0, setFieldB = 0, checkpoint = 0;
+  std::vector<std::uint32_t> volumeFirst;  // first block of volume v; volumeFirst[0] = 1
+
+  // The volume holding block b.
+  std::size_t VolumeOf(std::uint32_t b) const;
   // Nodes of data blocks that reference big strings (codes 4, 5, 6) or a big vector (code 14),
   // by the data block that holds them.
   struct BigRef {
@@ -68,5 +72,6 @@ void RenderDataBlock(const Plan& plan, std::uint32_t b, const Out& o, Rng& rng);
 void RenderGdirBlock(const Out& o, Rng& rng);
 void RenderPointerBlock(const Out& o, Rng& rng);
 void RenderMirrorBlock(const Plan& plan, const Out& o, Rng& rng);
+void RenderVolumeInfo(const Plan& plan, std::size_t volume, const Out& o, Rng& rng);
 
 }  // namespace gendb
