@@ -63,10 +63,12 @@ bool ConvertValue(Bytes block, std::uint32_t b, int node, std::size_t p, std::si
 void CvDataBlock(Bytes block, std::uint32_t b, std::size_t dataEnd) {
   const unsigned long long bbuf = PointerValue(block.data());
   const bool gdir = block[header::kType] == kTypeGdir;
+  const bool big = swapFlag != 0;
   int node = 0;
   for (std::size_t p4 = header::kSize; p4 < dataEnd && Fits(block, p4, 4);) {
     ++node;
-    const std::uint32_t word = Take32(block.data() + p4);
+    const std::uint32_t word = Load32(block.data() + p4, big);  // the node word, then reversed
+    Rev4(block.data() + p4);
     if ((word & kType2Record) && gdir) {
       Print("\r\nIn block #%u (GDIR), at offset %zu, a GDATA node is a type 2 record.\r\n", b, p4);
       return;

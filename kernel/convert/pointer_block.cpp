@@ -8,10 +8,12 @@ namespace bt {
 
 void CvPointerBlock(Bytes block, std::uint32_t b, std::size_t dataEnd) {
   const unsigned long long bbuf = PointerValue(block.data());
+  const bool big = swapFlag != 0;
   int node = 0;
   for (std::size_t p4 = header::kSize; p4 < dataEnd && Fits(block, p4, 4);) {
     ++node;
-    const std::uint32_t word = Take32(block.data() + p4);
+    const std::uint32_t word = Load32(block.data() + p4, big);  // the node word, then reversed
+    Rev4(block.data() + p4);
     std::size_t length, keyLength;
     if (word & 0x80000000u) {  // Type 1
       length = word & 0x3FC;

@@ -87,6 +87,10 @@ void CvVector(Bytes v) {
   int used = 0;
   const std::size_t directoryEnd = v.size() < vec::kHeaderEnd ? v.size() : vec::kHeaderEnd;
   for (std::size_t off = vec::kDirectory; off + 2 <= directoryEnd; off += 2) {
+    if (off % 8 == 0 && off + 8 <= directoryEnd && LoadLE64(v.data() + off) == 0) {
+      off += 6;  // four empty entries at once: most of a directory is empty
+      continue;
+    }
     const std::uint16_t entry = Load16(v.data() + off, big);
     if (entry != 0) directory[used++] = entry;
   }
