@@ -24,7 +24,11 @@ void RegroupNibbles(std::uint8_t* e, bool asRead) {
 // Applies convert to count entries of size bytes from off, as long as whole entries fit.
 template <typename Convert>
 void EachEntry(Bytes v, std::size_t off, std::uint64_t count, std::size_t size, Convert convert) {
-  for (std::uint64_t i = 0; i < count && Fits(v, off, size); ++i, off += size) convert(v.data() + off);
+  if (off > v.size()) return;
+  const std::uint64_t fit = (v.size() - off) / size;
+  if (count > fit) count = fit;
+  std::uint8_t* e = v.data() + off;
+  for (std::uint64_t i = 0; i < count; ++i, e += size) convert(e);
 }
 
 void ConvertListChunk(Bytes v, std::size_t c, unsigned type, unsigned width, bool asRead) {
