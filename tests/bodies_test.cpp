@@ -176,8 +176,10 @@ TEST(Bodies, AccessesThatWouldLeaveTheBlockAreClipped) {
   EXPECT_EQ(gdir.Data(4096), "");
   EXPECT_EQ(gdir.bytes[4093], 0x77);
 
-  // A vector whose directory and tail point far outside, with an enormous list count.
-  std::vector<std::uint8_t> v(600, 0);
+  // A vector whose directory and tail point far outside, with an enormous list count: the list
+  // is converted entry by entry up to the last whole one.
+  std::vector<std::uint8_t> v(602, 0);
+  std::fill(v.begin() + 456, v.end(), 0x12);
   v[0] = 0x8B, v[1] = 0x00;   // big-endian mark u16: element type 0
   v[64] = 0x9F, v[65] = 0xFF;  // list chunk 8191: far past the end
   v[66] = 0x80, v[67] = 0x04;  // list chunk 4 at 448: count 0xFFFFFFFF
@@ -185,6 +187,11 @@ TEST(Bodies, AccessesThatWouldLeaveTheBlockAreClipped) {
   v[12] = 0x7F;  // tail offset far past the end
   v[19] = 1;
   bt::CvVector(bt::Bytes(v));
+  EXPECT_EQ(v[448], 0xFF);
+  EXPECT_EQ(v[456], 0x21);  // nibbles regrouped
+  EXPECT_EQ(v[596], 0x21);  // the last whole 4-byte entry
+  EXPECT_EQ(v[600], 0x12);  // the two bytes left over stay
+  EXPECT_EQ(v[601], 0x12);
   bt::CvVector(bt::Bytes(v.data(), 1));
   bt::CvVectorTail(bt::Bytes(v), 590, false);
 }

@@ -147,6 +147,17 @@ TEST(Conversion, LockFileBesideOrvaDat) {
   auto text = ReadBytes(lock);
   EXPECT_EQ(std::string(text.begin(), text.end()), "\tsealturn");
 
+  // A lock path that cannot be created: a link into a directory that does not exist.
+  std::filesystem::remove(lock);
+  std::filesystem::create_symlink(s.Path("no-such-dir/x"), lock);
+  Generate(p, db);
+  before = ReadBytes(db);
+  r = RunByteturn({"-t", db});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error creating lockfile " + lock + ".\n");
+  EXPECT_EQ(ReadBytes(db), before);
+  std::filesystem::remove(lock);
+
   Generate(p, s.Path("other.dat"));
   r = RunByteturn({"-t", s.Path("other.dat")});
   EXPECT_EQ(r.status, 0);

@@ -91,6 +91,16 @@ int BuildSchedules(const std::uint8_t* key, std::size_t length) {
   return 1;
 }
 
+// Reads the algorithm item; only 1 (AES) is known. On anything else: the message, the keyfile closed.
+bool ReadAlgorithm(platform::File file) {
+  std::uint8_t algorithm[kTextItem];
+  const int number = ItemNumber(algorithm, ReadKeyfileItem(file, algorithm, kTextItem));
+  if (number == 1) return true;
+  PrintTo(stderr, "Illegal database encryption algorithm: %d", number);  // no line end, as always
+  platform::Close(file);
+  return false;
+}
+
 int NotFound(platform::File file, const char* username) {
   PrintTo(stderr, "Key material for \"%s\" not found in keyfile.\n", username);
   platform::Close(file);
@@ -113,13 +123,7 @@ int LoadVersion1(platform::File file, int labelLength, const std::uint8_t* label
             keyIdLength, reinterpret_cast<const char*>(keyId), labelLength, reinterpret_cast<const char*>(labelId));
     return 0;  // the keyfile stays open on this path, as it always has
   }
-  std::uint8_t algorithm[kTextItem];
-  const int algorithmNumber = ItemNumber(algorithm, ReadKeyfileItem(file, algorithm, kTextItem));
-  if (algorithmNumber != 1) {
-    PrintTo(stderr, "Illegal database encryption algorithm: %d", algorithmNumber);
-    platform::Close(file);
-    return 0;
-  }
+  if (!ReadAlgorithm(file)) return 0;
   UserEntry e;
   for (;;) {
     e.usernameLength = ReadKeyfileItem(file, e.username, kTextItem);
@@ -162,13 +166,7 @@ int LoadVersion2(platform::File file, int labelLength, const std::uint8_t* label
       if (slots.size() <= matches) slots.resize(matches + 1);
       KeySlot& slot = slots[matches];
       const int keyIdLength = ReadKeyfileItem(file, slot.keyId, kKeyIdItem);
-      std::uint8_t algorithm[kTextItem];
-      const int algorithmNumber = ItemNumber(algorithm, ReadKeyfileItem(file, algorithm, kTextItem));
-      if (algorithmNumber != 1) {
-        PrintTo(stderr, "Illegal database encryption algorithm: %d", algorithmNumber);
-        platform::Close(file);
-        return 0;
-      }
+      if (!ReadAlgorithm(file)) return 0;
       ReadKeyfileItem(file, slot.uninterpreted, kUninterpretedItem);
       std::uint8_t discarded[kTextItem];
       ReadKeyfileItem(file, discarded, kTextItem);

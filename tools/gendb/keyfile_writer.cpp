@@ -85,8 +85,12 @@ std::string WriteKeyfile(const std::string& path, const std::string& version, co
 }
 
 void EncryptBlock(const std::vector<std::uint8_t>& key, std::uint8_t* block, std::uint32_t size, std::uint32_t b) {
-  crypto::AesKeySchedule schedule{};
-  crypto::AesSetEncryptKey(key.data(), static_cast<int>(key.size()), schedule);
+  static std::vector<std::uint8_t> scheduledKey;  // the schedule of the last key used
+  static crypto::AesKeySchedule schedule{};
+  if (key != scheduledKey) {
+    crypto::AesSetEncryptKey(key.data(), static_cast<int>(key.size()), schedule);
+    scheduledKey = key;
+  }
   std::uint8_t iv[16] = {static_cast<std::uint8_t>(b >> 24), static_cast<std::uint8_t>(b >> 16),
                          static_cast<std::uint8_t>(b >> 8), static_cast<std::uint8_t>(b)};
   crypto::AesEncryptBlock(iv, iv, schedule);

@@ -35,12 +35,13 @@ void Close(File file) {
   if (file != kInvalidFile) ::close(static_cast<int>(file));
 }
 
-std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
-  auto* out = static_cast<unsigned char*>(buffer);
+namespace {
+// Repeats a transfer until size bytes are moved, the end is met (a short count) or it fails (-1).
+template <typename Step>
+std::int64_t TransferAll(std::size_t size, Step step) {
   std::size_t done = 0;
   while (done < size) {
-    ssize_t n = ::pread(static_cast<int>(file), out + done, size - done,
-                        static_cast<off_t>(position + done));
+    ssize_t n = step(done);
     if (n < 0) {
       if (errno == EINTR) continue;
       return -1;
@@ -49,37 +50,26 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
     done += static_cast<std::size_t>(n);
   }
   return static_cast<std::int64_t>(done);
+}
+}  // namespace
+
+std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
+  auto* out = static_cast<unsigned char*>(buffer);
+  return TransferAll(size, [&](std::size_t done) {
+    return ::pread(static_cast<int>(file), out + done, size - done, static_cast<off_t>(position + done));
+  });
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
   auto* in = static_cast<const unsigned char*>(buffer);
-  std::size_t done = 0;
-  while (done < size) {
-    ssize_t n = ::pwrite(static_cast<int>(file), in + done, size - done,
-                         static_cast<off_t>(position + done));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  return static_cast<std::int64_t>(done);
+  return TransferAll(size, [&](std::size_t done) {
+    return ::pwrite(static_cast<int>(file), in + done, size - done, static_cast<off_t>(position + done));
+  });
 }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
-  std::size_t done = 0;
-  while (done < size) {
-    ssize_t n = ::read(static_cast<int>(file), out + done, size - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  return static_cast<std::int64_t>(done);
+  return TransferAll(size, [&](std::size_t done) { return ::read(static_cast<int>(file), out + done, size - done); });
 }
 
 bool SetFileSize(File file, std::uint64_t size) {
