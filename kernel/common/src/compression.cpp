@@ -178,13 +178,13 @@ int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian
     std::fflush(stdout);
     std::exit(1);
   }
-  binDirectory = binDir;
   const int method = block[5];
   const std::int32_t length = static_cast<std::int32_t>(bt::Load32(block, bigEndian));
   if (length < 1 || length > static_cast<std::int32_t>(blockSize) - 4104 || method < 1 || method > 5) return 1;
 
   CompressionMethod& entry = compressionMethodTable[method - 1];
   if ((entry.stateFlags & kLoaded) == 0) {
+    binDirectory = binDir;  // where the loader looks first
     if (entry.load(entry, 0, nullptr) < 0) {
       entry.stateFlags |= kLoadFailed;
       return 0;
