@@ -134,12 +134,4 @@ void ResetMaps() {
   currentMapNumber = 0;
 }
 
-std::uint32_t CurrentMapNumber() { return currentMapNumber; }
-
-std::size_t MapListLength() {
-  std::size_t n = 0;
-  for (MapListEntry* e = listHead; e != nullptr; e = e->next) ++n;
-  return n;
-}
-
 }  // namespace bt

@@ -34,7 +34,5 @@ void FetchGoverningMap(std::uint32_t b, std::uint32_t m);
 bool IsFreeBlock(std::uint32_t b);
 
 void ResetMaps();
-std::uint32_t CurrentMapNumber();
-std::size_t MapListLength();
 
 }  // namespace bt
