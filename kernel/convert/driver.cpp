@@ -140,6 +140,7 @@ void ConvertVolume(std::uint32_t volume, std::uint32_t& b, bool verbose) {
   vs.readFile = OpenVolumeFile(volume);
   if (vs.readFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(volume), ErrorText());
+  platform::AdviseSequentialRead(vs.readFile);
   vs.writeFile = OpenVolumeFile(volume);
   if (vs.writeFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(volume), ErrorText());

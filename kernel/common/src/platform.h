@@ -19,6 +19,9 @@ File OpenReadOnly(const std::string& path);
 // Creates (or truncates) a file for reading and writing. Used by the tools, not the conversion.
 File CreateReadWrite(const std::string& path);
 void Close(File file);
+// Hint that the file will be read from start to end, so that the system reads further ahead.
+// Failures are ignored: it changes no result.
+void AdviseSequentialRead(File file);
 
 // Reads or writes up to size bytes at an absolute 64-bit position. Returns the number of bytes
 // moved, or -1 with the system error recorded. A short count is not an error here.

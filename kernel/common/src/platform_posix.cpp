@@ -26,6 +26,10 @@ File OpenReadOnly(const std::string& path) {
   return fd < 0 ? kInvalidFile : fd;
 }
 
+void AdviseSequentialRead(File file) {
+  (void)::posix_fadvise(static_cast<int>(file), 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
 File CreateReadWrite(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   return fd < 0 ? kInvalidFile : fd;

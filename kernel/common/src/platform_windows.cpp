@@ -30,6 +30,9 @@ File OpenReadOnly(const std::string& path) {
                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
+// Read-ahead is chosen when a file is opened (FILE_FLAG_SEQUENTIAL_SCAN); nothing to do later.
+void AdviseSequentialRead(File) {}
+
 File CreateReadWrite(const std::string& path) {
   return FromHandle(CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
