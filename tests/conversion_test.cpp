@@ -116,6 +116,23 @@ TEST(Conversion, ProgressLinesOnlyAtThousandsAndNeverTerse) {
   EXPECT_NE(r.out.find("\r2000 blocks (1%)     "), std::string::npos);
 }
 
+// The percentage is worked out in unsigned 32 bits: from block 42949673 on, b * 100 wraps and the
+// figure starts again from 0 (printed as no digit at all).
+TEST(Conversion, ProgressPercentWrapsPastTheThirtyTwoBitRange) {
+  Scratch s;
+  const std::string db = s.Path("db.dat");
+  gendb::Params p;
+  p.sizeCode = 1;
+  p.lastBlock = 42960000;
+  p.freeShare = 1.0;
+  p.sparse = true;
+  Generate(p, db);
+  RunResult r = RunByteturn({db});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("\r42949000 blocks (99%)     \r42950000 blocks (%)     "), std::string::npos);
+  EXPECT_TRUE(r.out.ends_with("\r42960000 blocks (%)     \r\nDone converting to little-endian\r\n"));
+}
+
 TEST(Conversion, LockFileBesideOrvaDat) {
   Scratch s;
   gendb::Params p;

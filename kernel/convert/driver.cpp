@@ -112,7 +112,7 @@ Step ConvertBlock(VolumeStream& vs, std::uint32_t b) {
 
 void PrintProgress(std::uint32_t b, bool verbose) {
   if (!verbose || b % 1000 != 0 || lastBlock == 0) return;
-  std::uint32_t percent = b * 100u / lastBlock;  // wraps past 2^32 like the original counter
+  std::uint32_t percent = b * 100u / lastBlock;  // unsigned 32 bits: wraps once b * 100 passes 2^32
   Print("\r%u blocks (%.0d%%)     ", b, static_cast<int>(percent));
 }
 
