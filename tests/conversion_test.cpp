@@ -133,6 +133,54 @@ TEST(Conversion, ProgressPercentWrapsPastTheThirtyTwoBitRange) {
   EXPECT_TRUE(r.out.ends_with("\r42960000 blocks (%)     \r\nDone converting to little-endian\r\n"));
 }
 
+// Output piped to a reader that quits early: the run still converts every block and ends normally.
+TEST(Conversion, AReaderThatGoesAwayDoesNotStopTheRun) {
+  Scratch s;
+  gendb::Params p;
+  p.sizeCode = 1;
+  p.lastBlock = 4000000;  // 4000 progress lines: more than a pipe holds
+  p.freeShare = 0.999;
+  p.sparse = true;
+  const std::string db = s.Path("ORVA.DAT"), twin = s.Path("twin.dat");
+  Generate(p, db);
+  gendb::Params other = p;
+  other.bigEndian = false;
+  other.converted = true;
+  Generate(other, twin);
+
+  const std::string command = "'" BYTETURN_EXE "' '" + db + "' 2>/dev/null";
+  std::FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  char start[16];
+  ASSERT_EQ(std::fread(start, 1, sizeof start, pipe), sizeof start);
+  EXPECT_EQ(pclose(pipe), 0);  // exit status 0, not ended by the closed pipe
+  EXPECT_EQ(gendb::CompareFiles(db, twin, gendb::GeometryFor(p.sizeCode).blockSize), "");
+  EXPECT_FALSE(Exists(s.Path("orva.lck")));
+}
+
+// A hang-up once blocks are being converted does not end the run either.
+TEST(Conversion, AHangUpDoesNotStopTheRun) {
+  Scratch s;
+  gendb::Params p;
+  p.sizeCode = 1;
+  p.lastBlock = 42000000;  // about a second of run, most of it after the first output reaches the file
+  p.freeShare = 1.0;
+  p.sparse = true;
+  Generate(p, s.Path("ORVA.DAT"));
+  const std::string script = "cd '" + s.dir + "' && { '" BYTETURN_EXE "' ORVA.DAT > out.txt 2>&1 & pid=$!; "
+      "while ! grep -q 'blocks (' out.txt && kill -0 $pid 2>/dev/null; do sleep 0.01; done; "
+      "kill -HUP $pid; echo $? > kill.txt; wait $pid; echo $? > status.txt; }";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  auto text = [&](const std::string& name) {
+    auto bytes = ReadBytes(s.Path(name));
+    return std::string(bytes.begin(), bytes.end());
+  };
+  EXPECT_EQ(text("kill.txt"), "0\n");  // the signal reached a running conversion
+  EXPECT_EQ(text("status.txt"), "0\n");
+  EXPECT_TRUE(text("out.txt").ends_with("\r\nDone converting to little-endian\r\n"));
+  EXPECT_FALSE(Exists(s.Path("orva.lck")));
+}
+
 TEST(Conversion, LockFileBesideOrvaDat) {
   Scratch s;
   gendb::Params p;

@@ -183,6 +183,8 @@ int ByteturnMain(int argc, const char* const* argv) {
   const std::string lockPath = LockPathFor(databaseFileName);
   if (!lockPath.empty()) TakeLock(lockPath, databaseFileName);
 
+  // Nothing is read from the operator any more; losing the console must not stop a half-done run.
+  platform::KeepRunningWithoutConsole();
   std::uint32_t b = 1;
   for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) ConvertVolume(volume, b, commandLine.verbose);
 

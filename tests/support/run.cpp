@@ -12,6 +12,15 @@ namespace testsupport {
 namespace fs = std::filesystem;
 
 namespace {
+// The running test's name, which no other test process shares: a base for names of scratch files.
+std::string TestName() {
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "anon";
+  for (char& c : name)
+    if (c == '/') c = '_';
+  return name;
+}
+
 std::string Quote(const std::string& s) {
   std::string q = "'";
   for (char c : s) {
@@ -33,11 +42,7 @@ std::string Slurp(const std::string& path) {
 
 Scratch::Scratch() {
   static std::atomic<int> counter{0};
-  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "anon";
-  for (char& c : name)
-    if (c == '/') c = '_';
-  dir = (fs::temp_directory_path() / "byteturn-tests" / (name + "-" + std::to_string(counter++))).string();
+  dir = (fs::temp_directory_path() / "byteturn-tests" / (TestName() + "-" + std::to_string(counter++))).string();
   fs::remove_all(dir);
   fs::create_directories(dir);
 }
@@ -50,8 +55,10 @@ Scratch::~Scratch() {
 RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input, const std::string& cwd,
                       const std::string& exe) {
   static std::atomic<int> counter{0};
-  std::string base = (fs::temp_directory_path() / ("bt-run-" + std::to_string(counter++) + "-")).string();
-  base += std::to_string(::testing::UnitTest::GetInstance()->random_seed());
+  // Tests run as parallel processes: the test's name keeps their files apart.
+  const fs::path runs = fs::temp_directory_path() / "byteturn-runs";
+  fs::create_directories(runs);
+  const std::string base = (runs / (TestName() + "-" + std::to_string(counter++) + "-")).string();
   {
     std::ofstream in(base + "in", std::ios::binary);
     in << input;

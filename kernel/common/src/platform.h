@@ -58,6 +58,11 @@ void LibraryClose(void* library);
 bool FileExists(const std::string& path);
 bool RemoveFile(const std::string& path);
 
+// From here on, losing the console (a reader of standard output that goes away, a terminal that
+// hangs up) makes further output fail instead of ending the process, so that a run that rewrites
+// files is never cut short half-way by it. An interrupt from the keyboard still stops the process.
+void KeepRunningWithoutConsole();
+
 // Turns terminal echo off on standard input while a password is typed; a no-op when standard
 // input is not a terminal. RestoreEcho undoes exactly what DisableEcho changed.
 struct EchoState {

@@ -111,6 +111,9 @@ void LibraryClose(void* library) {
 bool FileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 bool RemoveFile(const std::string& path) { return _unlink(path.c_str()) == 0; }
 
+// A write to a pipe without a reader fails here; it never ends the process.
+void KeepRunningWithoutConsole() {}
+
 void DisableEcho(EchoState& state) {
   HANDLE in = GetStdHandle(STD_INPUT_HANDLE);
   DWORD mode = 0;
