@@ -111,7 +111,8 @@ void LibraryClose(void* library) {
 bool FileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 bool RemoveFile(const std::string& path) { return _unlink(path.c_str()) == 0; }
 
-// A write to a pipe without a reader fails here; it never ends the process.
+// A write to a pipe without a reader just fails here. A closed console window still ends the
+// process: the system ends it shortly after any handler returns.
 void KeepRunningWithoutConsole() {}
 
 void DisableEcho(EchoState& state) {
