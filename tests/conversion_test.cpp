@@ -172,13 +172,9 @@ TEST(Conversion, AHangUpDoesNotStopTheRun) {
       "pid=$!; exec 3< pipe; head -c 8192 <&3 > /dev/null; kill -HUP $pid; echo $? > kill.txt; "
       "cat <&3 > out.txt; wait $pid; echo $? > status.txt; }";
   ASSERT_EQ(std::system(script.c_str()), 0);
-  auto text = [&](const std::string& name) {
-    auto bytes = ReadBytes(s.Path(name));
-    return std::string(bytes.begin(), bytes.end());
-  };
-  EXPECT_EQ(text("kill.txt"), "0\n");  // the signal reached a running conversion
-  EXPECT_EQ(text("status.txt"), "0\n");
-  EXPECT_TRUE(text("out.txt").ends_with("\r\nDone converting to little-endian\r\n"));
+  EXPECT_EQ(ReadText(s.Path("kill.txt")), "0\n");  // the signal reached a running conversion
+  EXPECT_EQ(ReadText(s.Path("status.txt")), "0\n");
+  EXPECT_TRUE(ReadText(s.Path("out.txt")).ends_with("\r\nDone converting to little-endian\r\n"));
   EXPECT_FALSE(Exists(s.Path("orva.lck")));
 }
 
@@ -210,8 +206,7 @@ TEST(Conversion, LockFileBesideOrvaDat) {
   WriteBytes(db, std::uint64_t{30722 - 1} * 4096 + 40, {'x'});
   r = RunByteturn({"-t", db});
   EXPECT_EQ(r.status, 1);
-  auto text = ReadBytes(lock);
-  EXPECT_EQ(std::string(text.begin(), text.end()), "\tsealturn");
+  EXPECT_EQ(ReadText(lock), "\tsealturn");
 
   // A lock path that cannot be created: a link into a directory that does not exist.
   std::filesystem::remove(lock);

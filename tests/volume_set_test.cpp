@@ -108,8 +108,7 @@ TEST(VolumeSets, EndOfInputAsksAgainWithoutEnd) {
   const std::string out = s.Path("out.txt");
   const std::string command = "cd '" + s.Path("src") + "' && '" BYTETURN_EXE "' -t ORVA.DAT < /dev/null | head -c 4000 > '" + out + "'";
   ASSERT_EQ(std::system(command.c_str()), 0);
-  auto text = ReadBytes(out);
-  const std::string shown(text.begin(), text.end());
+  const std::string shown = ReadText(out);
   std::size_t asks = 0;
   for (std::size_t at = shown.find("Please enter Yes or No."); at != std::string::npos;
        at = shown.find("Please enter Yes or No.", at + 1))

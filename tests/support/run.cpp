@@ -32,12 +32,6 @@ std::string Quote(const std::string& s) {
   return q + "'";
 }
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 }  // namespace
 
 Scratch::Scratch() {
@@ -71,10 +65,17 @@ RunResult RunByteturn(const std::vector<std::string>& args, const std::string& i
   int raw = std::system(command.c_str());
   RunResult r;
   r.status = (raw >> 8) & 0xFF;
-  r.out = Slurp(base + "out");
-  r.err = Slurp(base + "err");
+  r.out = ReadText(base + "out");
+  r.err = ReadText(base + "err");
   for (const char* suffix : {"in", "out", "err"}) fs::remove(base + suffix);
   return r;
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
 }
 
 std::vector<std::uint8_t> ReadBytes(const std::string& path, std::uint64_t offset, std::size_t size) {

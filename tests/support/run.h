@@ -28,6 +28,8 @@ struct Scratch {
   std::string Path(const std::string& name) const { return dir + "/" + name; }
 };
 
+// The whole file as text ("" when it cannot be read).
+std::string ReadText(const std::string& path);
 std::vector<std::uint8_t> ReadBytes(const std::string& path, std::uint64_t offset = 0, std::size_t size = SIZE_MAX);
 void WriteBytes(const std::string& path, std::uint64_t offset, const std::vector<std::uint8_t>& bytes);
 void PatchU16(const std::string& path, std::uint64_t offset, std::uint16_t value, bool big);
