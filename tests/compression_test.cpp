@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 
 #include "compression.h"
+#include "platform.h"
 #include "run.h"
 
 using namespace testsupport;
@@ -76,6 +78,7 @@ TEST(Compression, InvalidEnvelopesAreLeftUntouched) {
     EXPECT_EQ(e.Decompress(), 1);
     EXPECT_EQ(e.block, before) << c.size << " " << c.length << " " << int{c.method};
   }
+  for (int method : {1, 2}) EXPECT_FALSE(compression::compressionMethodTable[method - 1].stateFlags & compression::kLoaded);
 }
 
 TEST(Compression, ShortOrLongStreamsRestoreOnlyTheEnvelope) {
@@ -122,18 +125,44 @@ std::string ByteturnWith(const Scratch& s, const std::vector<std::pair<std::stri
   return s.Path("bin/byteturn");
 }
 
+// Each library's table is walked to its end; a symbol that only a dependency of the library
+// defines does not count. The error number is never 0.
 TEST(Compression, LibraryLackingASymbolIsRefused) {
+  const struct {
+    int method;
+    std::string file, symbol;
+  } stubs[] = {{1, "libz.so.1", "deflateBound"},
+               {2, "libzstd.so.1", "ZSTD_getErrorName"},
+               {3, "liblz4.so.1", "LZ4_decompress_safe_continue"}};
+  for (const auto& stub : stubs) {
+    Scratch s;
+    const std::string exe = ByteturnWith(s, {{std::string(STUB_DIR) + "/" + stub.file, stub.file}});
+    gendb::Params p = Compressed(2, true, 5);
+    p.methods = {stub.method};
+    p.bigRefShare = 0;  // the block loop meets the first compressed block, not a big string
+    Generate(p, s.Path("db.dat"));
+    RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
+    EXPECT_EQ(r.status, 1);
+    const std::string expected = "\n\rError loading symbol " + stub.symbol + " from " + s.Path("bin/" + stub.file) +
+                                 ": " + std::to_string(ENOSYS) + "\n\r";
+    EXPECT_NE(r.out.find(expected), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\r\nError uncompressing "), std::string::npos) << r.out;
+  }
+}
+
+// An executable path longer than the system gives is cut, and the bin directory is what remains
+// up to its last separator: the libraries are still found.
+TEST(Compression, LongExecutablePathStillGivesABinDirectory) {
   Scratch s;
-  const std::string exe = ByteturnWith(s, {{std::string(STUB_DIR) + "/libz.so.1", "libz.so.1"}});
-  gendb::Params p = Compressed(2, true, 5);
-  p.methods = {1};
-  p.bigRefShare = 0;  // the block loop meets the first zlib block, not a big string
+  const std::string dir = s.Path(std::string(100, 'a') + "/" + std::string(100, 'b'));
+  std::filesystem::create_directories(dir);
+  std::filesystem::copy_file(BYTETURN_EXE, dir + "/byteturn-with-a-long-name");
+  ASSERT_GT(dir.size() + 26, 227u);
+  gendb::Params p = Compressed(2, true, 8);
+  p.methods = {1, 2, 3};
   Generate(p, s.Path("db.dat"));
-  RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
-  EXPECT_EQ(r.status, 1);
-  const std::string expected = "\n\rError loading symbol deflateBound from " + s.Path("bin/libz.so.1") + ": ";
-  EXPECT_NE(r.out.find(expected), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("\r\nError uncompressing "), std::string::npos) << r.out;
+  RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", dir + "/byteturn-with-a-long-name");
+  EXPECT_EQ(r.status, 0) << r.out;
 }
 
 TEST(Compression, MissingLibraryMattersOnlyWhenItsMethodIsMet) {
@@ -149,7 +178,10 @@ TEST(Compression, MissingLibraryMattersOnlyWhenItsMethodIsMet) {
   Generate(p, s.Path("db.dat"));
   RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find("\n\rError loading " + s.Path("bin/liblz4.so.1") + ": "), std::string::npos) << r.out;
+  // A file that is not a loadable library.
+  EXPECT_NE(r.out.find("\n\rError loading " + s.Path("bin/liblz4.so.1") + ": " + std::to_string(ENOEXEC) + "\n\r"),
+            std::string::npos)
+      << r.out;
   EXPECT_NE(r.out.find("\r\nError uncompressing "), std::string::npos) << r.out;
 }
 
@@ -164,6 +196,11 @@ TEST(Compression, FailedLoadIsReportedOnce) {
   EXPECT_EQ(out.rfind("\n\rError loading " + s.Path("liblz4.so.1") + ": ", 0), 0u) << out;
   EXPECT_EQ(out.find("Error loading", 5), std::string::npos) << out;
   EXPECT_TRUE(compression::compressionMethodTable[2].stateFlags & compression::kLoadFailed);
+
+  // A library that is nowhere.
+  platform::ClearLastError();
+  EXPECT_EQ(platform::LibraryOpen(s.Path("libnothing.so.1")), nullptr);
+  EXPECT_EQ(platform::LastError(), ENOENT);
 }
 
 }  // namespace

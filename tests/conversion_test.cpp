@@ -223,6 +223,13 @@ TEST(Conversion, LockFileBesideOrvaDat) {
   r = RunByteturn({"-t", s.Path("other.dat")});
   EXPECT_EQ(r.status, 0);
   EXPECT_FALSE(Exists(s.Path("other.lck")));
+
+  // Only letters are compared without regard to case: byte 0x0E is no '.', so no lock is taken
+  // (and the lock file of ORVA.DAT beside it does not stop the run).
+  WriteBytes(lock, 0, {'x'});
+  Generate(p, s.Path("ORVA\x0e" "DAT"));
+  r = RunByteturn({"-t", s.Path("ORVA\x0e" "DAT")});
+  EXPECT_EQ(r.status, 0) << r.err;
 }
 
 }  // namespace

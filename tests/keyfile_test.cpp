@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "aes_core.h"
 #include "block_cipher.h"
 #include "label_block.h"
@@ -42,7 +44,10 @@ TEST(Keyfile, EncryptedDatabasesConvertToTheirEncryptedMirrorImage) {
       Scratch s;
       const Key key = MakeKey(size);
       ASSERT_EQ(gendb::WriteKeyfile(s.Path("db.key"), version, "payroll-2026", "admin", "s3cret", key), "");
-      RunResult r = ExpectConvertsToTwin(Encrypted(big, key, round), s, Answers(s.Path("db.key"), "Admin"));
+      // Answers typed on Windows end in CR LF; they are the same answers.
+      const std::string answers = Answers(s.Path("db.key"), "Admin");
+      RunResult r = ExpectConvertsToTwin(Encrypted(big, key, round), s,
+                                         size == 24 ? std::regex_replace(answers, std::regex("\n"), "\r\n") : answers);
       EXPECT_EQ(r.err, "Keyfile: Username: Password: \n");
       EXPECT_NE(r.out.find("Database is marked as encrypted.\n"), std::string::npos);
     }
@@ -104,6 +109,37 @@ TEST(Keyfile, RulesAndMessages) {
                    prompts + "The input keyfile does not contain the key specified in the database or journal file "
                              "header block\n(key ID = payroll-2026).\n"});
   cases.push_back({"record tag", gendb::KeyfileBuilder().Text("2.0").Text("XYZ"), "", prompts + "Illegal keyfile record:  XYZ\n"});
+  cases.push_back({"record tag compared with its terminator", gendb::KeyfileBuilder().Text("2.0").Text("KEYX"), "",
+                   prompts + "Illegal keyfile record:  KEYX\n"});
+  cases.push_back({"1.0 keyfile that ends after its version", gendb::KeyfileBuilder().Text("1.0"), "",
+                   prompts + "Illegal database encryption key ID length: 0\n"});
+  cases.push_back({"database key of 8 bytes", v1().User("admin", "s3cret", 5, salt, 16, Key(8, 7)), "",
+                   prompts + "Error initializing encryption key schedules.\n"});
+  cases.push_back({"typed username longer than the stored one", v1().User("admin", "s3cret", 5, salt, 16, key),
+                   Answers(keyfile, "adminX"), prompts + "Key material for \"adminX\" not found in keyfile.\n"});
+  cases.push_back({"2.0 algorithm",
+                   gendb::KeyfileBuilder().Text("2.0").Text("KEY").Text("payroll-2026").Text("3"), "",
+                   prompts + "Illegal database encryption algorithm: 3"});
+  cases.push_back({"2.0 kek length",
+                   gendb::KeyfileBuilder().Text("2.0").Text("ADM").User("admin", "s3cret", 5, salt, 12, master), "",
+                   prompts + "Illegal key encryption key length: 12\n"});
+  // atoi clamps to the 32-bit range.
+  cases.push_back({"kek length beyond the 32-bit range",
+                   v1().Text("admin").Text("5").Item(salt).Text(" +99999999999").Item(Key(24, 1)), "",
+                   prompts + "Illegal key encryption key length: 2147483647\n"});
+  cases.push_back({"negative kek length beyond the 32-bit range",
+                   v1().Text("admin").Text("5").Item(salt).Text("-99999999999x").Item(Key(24, 1)), "",
+                   prompts + "Illegal key encryption key length: -2147483648\n"});
+  // 1.0 checks the kek length before reading the wrapped key; a 2.0 administrator record reads
+  // all five items first.
+  cases.push_back({"1.0 kek length before the wrapped key",
+                   v1().Text("dba").Text("1000").Text("saltsalt").Text("20").Item(Key(41, 1)), "",
+                   prompts + "Illegal key encryption key length: 20\n"});
+  cases.push_back({"2.0 wrapped key read before the kek length",
+                   gendb::KeyfileBuilder().Text("2.0").Text("ADM").Text("dba").Text("1000").Text("saltsalt").Text(
+                       "20").Item(Key(41, 1)),
+                   "", prompts + "Illegal keyfile item length: 41\n", true});
+  cases.push_back({"a directory as the keyfile", v1(), Answers(s.dir), prompts + "Error opening keyfile.\n"});
   for (Case& c : cases) {
     ASSERT_EQ(c.keyfile.Save(keyfile), "");
     RunResult r = RunByteturn({"-t", db}, c.answers.empty() ? Answers(keyfile) : c.answers);
@@ -114,16 +150,15 @@ TEST(Keyfile, RulesAndMessages) {
     EXPECT_FALSE(Exists(s.Path("orva.lck"))) << c.name;
   }
 
-  // An item cut short ends the process from the reader itself.
-  gendb::KeyfileBuilder cut = v1();
-  cut.bytes.push_back(10);
-  cut.bytes.push_back(0);
-  cut.bytes.push_back('a');
-  ASSERT_EQ(cut.Save(keyfile), "");
-  RunResult r = RunByteturn({"-t", db}, Answers(keyfile));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err.rfind(prompts + "Error reading keyfile item:  ", 0), 0u) << r.err;
-  EXPECT_EQ(r.err.find("Error processing keyfile"), std::string::npos);
+  // An item cut short ends the process from the reader itself, naming the end of the file.
+  for (gendb::KeyfileBuilder cut :
+       {v1(), gendb::KeyfileBuilder().Text("2.0").Text("ADM").Text("dba").Text("1000").Text("salt").Text("20")}) {
+    cut.bytes.insert(cut.bytes.end(), {10, 0, 'a'});
+    ASSERT_EQ(cut.Save(keyfile), "");
+    RunResult r = RunByteturn({"-t", db}, Answers(keyfile));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, prompts + "Error reading keyfile item:  " + EndOfFileText() + "\n");
+  }
 }
 
 TEST(Keyfile, LabelChecksComeFirstAndReportsNeverAsk) {

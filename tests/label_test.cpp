@@ -78,10 +78,16 @@ TEST(Label, UnsupportedDatabasesAreRefusedEvenForAReport) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "This is a 2k database and is no longer supported by byteturn\r\n");
 
+  // An unknown code is refused where the size table is needed: after the order checks.
   PatchU32(db, bt::label::kBlockSizeCode, 9, true);
   r = RunByteturn({"-r", db});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "This database has an unknown block size code (9) and cannot be converted by byteturn\r\n");
+  EXPECT_EQ(r.out, "This database is big-endian.\r\n"
+                   "This database has an unknown block size code (9) and cannot be converted by byteturn\r\n");
+  PatchU32(db, bt::label::kBlockSizeCode, 6, true);
+  r = RunByteturn({"-b", db});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "This database is already big-endian and does not require conversion.\r\n");
 
   Generate(Small(false), db);
   PatchU16(db, bt::label::kOldVolumeCount, 2, false);
@@ -117,6 +123,12 @@ TEST(Label, ConversionReportNamesMapsAndManagerDirectory) {
   PatchU32(db, bt::label::kMapCount, 0, true);
   r = RunByteturn({"-r", "-l", db});  // -l overrides -r: converts back
   EXPECT_NE(r.out.find("This database has 0 map.\r\n"), std::string::npos) << r.out;
+
+  p.unicodeManagerDirectory = false;
+  p.managerDirectory = std::string(254, 'm') + "/";  // 255 bytes: still a text, printed
+  Generate(p, db);
+  r = RunByteturn({"-t", db});
+  EXPECT_NE(r.out.find("\r\nOriginal manager directory is " + p.managerDirectory + "\r\n"), std::string::npos) << r.out;
 }
 
 TEST(Label, ConvertLabelBlockReversesFieldsAndUnitTexts) {

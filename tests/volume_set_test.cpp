@@ -100,20 +100,79 @@ TEST(VolumeSets, AnsweringNoEntersANewList) {
       << r.out;
 }
 
+// The question is asked again and again, even when the reader of its output has gone away: the
+// run is still going when it is stopped from outside.
 TEST(VolumeSets, EndOfInputAsksAgainWithoutEnd) {
   Scratch s;
   gendb::Params p = VolumeSet(1, true, 9);
   MakeDirectories(p, s.Path("src"));
   Generate(p, s.Path("src/ORVA.DAT"));
-  const std::string out = s.Path("out.txt");
-  const std::string command = "cd '" + s.Path("src") + "' && '" BYTETURN_EXE "' -t ORVA.DAT < /dev/null | head -c 4000 > '" + out + "'";
-  ASSERT_EQ(std::system(command.c_str()), 0);
-  const std::string shown = ReadText(out);
+  const std::string shown = RunConsole("head", 60, "4000", {"-t", "ORVA.DAT"}, s.Path("src"));
+  EXPECT_EQ(shown.find("timeout"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("bytes 4000\nrunning yes\n"), std::string::npos) << shown;
   std::size_t asks = 0;
   for (std::size_t at = shown.find("Please enter Yes or No."); at != std::string::npos;
        at = shown.find("Please enter Yes or No.", at + 1))
     ++asks;
   EXPECT_GT(asks, 20u) << shown;
+  MakeDirectories(p, s.Path("copy"));
+  Generate(p, s.Path("copy/ORVA.DAT"));
+  EXPECT_EQ(ReadBytes(s.Path("src/ORVA.DAT")), ReadBytes(s.Path("copy/ORVA.DAT")));
+}
+
+// Twenty typed directories end the list without a further prompt; an empty stored list shows
+// as " <none>". Answers written on Windows (CR LF) are the same answers.
+TEST(VolumeSets, TwentyTypedDirectoriesEndTheList) {
+  Scratch s;
+  gendb::Params p = VolumeSet(2, false, 14);
+  p.volumeSet.placement = {0, 0};
+  p.volumeSet.storedList = {};
+  std::string input = "n\r\n";
+  for (int i = 1; i <= 21; ++i) input += "typed-" + std::to_string(i) + "\r\n";
+  RunResult r = ConvertsToTwin(p, s, input);
+  EXPECT_NE(r.out.find("Plus the following set of additional volume directories:\r\n <none>\r\n"), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("Directory #20 (null=end)? \r\nFound all volumes"), std::string::npos) << r.out;
+}
+
+// A marker names the primary directory in UTF-8; its line may end in CR LF.
+TEST(VolumeSets, MarkerInUtf8EndingInCrLf) {
+  Scratch s;
+  gendb::Params p = VolumeSet(2, true, 15);
+  p.volumeSet.directories = {"caf\xC3\xA9-vols/"};
+  p.volumeSet.storedList = p.volumeSet.directories;
+  p.volumeSet.placement = {1, 1};
+  const std::string root = s.Path("d\xC3\xA9j\xC3\xA0");
+  MakeDirectories(p, root);
+  Generate(p, root + "/ORVA.DAT");
+  const std::string marker = root + "/caf\xC3\xA9-vols/orva.dbdir";
+  std::string named = ReadText(marker);
+  ASSERT_EQ(named.back(), '\n');
+  named.insert(named.size() - 1, "\r");
+  std::filesystem::remove(marker);
+  WriteBytes(marker, 0, std::vector<std::uint8_t>(named.begin(), named.end()));
+  RunResult r = RunByteturn({"-t", "ORVA.DAT"}, "Yes\r\n", root);
+  EXPECT_EQ(r.status, 0) << r.out;
+}
+
+// The primary directory must fit 227 bytes; when its absolute form does not, a marker that does
+// not match says why it may have failed.
+TEST(VolumeSets, PrimaryDirectoryLengthLimits) {
+  Scratch s;
+  gendb::Params p = VolumeSet(2, true, 16);
+  const std::string deep = s.Path(std::string(120, 'a') + "/" + std::string(120, 'b'));
+  MakeDirectories(p, deep);
+  Generate(p, deep + "/ORVA.DAT");
+  RunResult r = RunByteturn({"-t", deep + "/ORVA.DAT"}, "yes\n");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.out.ends_with("\r\nInvalid primary volume directory - too long or invalid syntax.\r\n")) << r.out;
+
+  r = RunByteturn({"-t", "ORVA.DAT"}, "yes\n", deep);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.out.ends_with("\r\nThe orva.dbdir file in vols-a/ indicates it is a volume directory of another "
+                              "database.\r\nThis may have occurred due to an error resolving the absolute path of the "
+                              "primary directory: Error 36=(File name too long).\r\n"))
+      << r.out;
 }
 
 struct Failure {
@@ -157,6 +216,21 @@ TEST(VolumeSets, EveryFailureEndsBeforeAnythingIsWritten) {
        "\r\nVolume info block #99999 in primary volume is not in the file.\r\n"},
       {"more than 200 volumes", [&](const Scratch& s, const gendb::Params&) { PatchU16(s.Path("src/ORVA.DAT"), 1148, 201, true); },
        "\r\nThis database names 201 further volumes; at most 200 are supported.\r\n"},
+      {"200 volumes pass the limit",
+       [&](const Scratch& s, const gendb::Params&) { PatchU16(s.Path("src/ORVA.DAT"), 1148, 200, true); },
+       "\r\nUnable to find or open file ORVA-0004.VOL.\r\n"},
+      {"primary volume info block of another type",
+       [&](const Scratch& s, const gendb::Params&) { WriteBytes(s.Path("src/ORVA.DAT"), 2 * 4096 + 4, {17}); },
+       "\r\nBad volume info block in primary volume.\r\n"},
+      {"stored directory of 228 bytes",
+       [&](const Scratch& s, const gendb::Params&) { PatchU16(s.Path("src/ORVA.DAT"), 2 * 4096 + 1028, 228, true); },
+       "\r\nBad volume info block in primary volume.\r\n"},
+      {"primary volume ending inside its volume info block",
+       [&](const Scratch& s, const gendb::Params&) { fs::resize_file(s.Path("src/ORVA.DAT"), 2 * 4096 + 100); },
+       "\r\nFailed to read volume info block #3 in primary volume. " + EndOfFileError() + "\r\n"},
+      {"further volume shorter than a block",
+       [&](const Scratch& s, const gendb::Params& p) { fs::resize_file(volumeFile(s, p, 2), 100); },
+       "\r\nError reading volume info block in vols-b/ORVA-0002.VOL. " + EndOfFileError() + "\r\n"},
   };
   for (const Failure& f : failures) {
     Scratch s;

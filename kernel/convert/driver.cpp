@@ -1,6 +1,7 @@
 #include "driver.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 
 #include "block_cipher.h"
@@ -114,6 +115,7 @@ void PrintProgress(std::uint32_t b, bool verbose) {
   if (!verbose || b % 1000 != 0 || lastBlock == 0) return;
   std::uint32_t percent = b * 100u / lastBlock;  // unsigned 32 bits: wraps once b * 100 passes 2^32
   Print("\r%u blocks (%.0d%%)     ", b, static_cast<int>(percent));
+  std::fflush(stdout);  // a terminal shows the line while the run goes on
 }
 
 void WriteBack(VolumeStream& vs, std::uint32_t b) {
@@ -165,6 +167,7 @@ void ConvertVolume(std::uint32_t volume, std::uint32_t& b, bool verbose) {
 }  // namespace
 
 int ByteturnMain(int argc, const char* const* argv) {
+  platform::PrepareConsole();
   CommandLine commandLine;
   if (!ParseCommandLine(argc, argv, commandLine)) PrintUsageAndEnd();
   databaseFileName = commandLine.fileName;

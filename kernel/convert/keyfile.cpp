@@ -1,12 +1,14 @@
 #include "keyfile.h"
 
-#include <cerrno>
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "aeskeywrap.h"
+#include "console_input.h"
 #include "messages.h"
 #include "pbkdf2.h"
 #include "state.h"
@@ -21,19 +23,24 @@ constexpr int kKeyIdItem = 64;
 constexpr int kWrappedItem = 40;
 constexpr int kUninterpretedItem = 256;
 
+// One answer; what does not fit stays for the next read, as with any line read.
 void ReadLine(char* buffer) {
-  if (std::fgets(buffer, kLineSize, stdin) == nullptr) buffer[0] = '\0';
-  const std::size_t n = std::strlen(buffer);
-  if (n > 0 && buffer[n - 1] == '\n') buffer[n - 1] = '\0';
+  bool ended = false;
+  ReadConsoleLine(buffer, kLineSize, &ended);
 }
 
-// Decimal text as atoi reads it, within the item's bytes.
+// Decimal text as atoi reads it, within the item's bytes; a value beyond the 32-bit range is
+// clamped to it, as the system's atoi does.
 int ItemNumber(const std::uint8_t* item, int length) {
-  int i = 0, sign = 1, value = 0;
+  int i = 0;
+  bool negative = false;
+  std::int64_t value = 0;
   while (i < length && (item[i] == ' ' || (item[i] >= '\t' && item[i] <= '\r'))) ++i;
-  if (i < length && (item[i] == '+' || item[i] == '-')) sign = item[i++] == '-' ? -1 : 1;
-  while (i < length && item[i] >= '0' && item[i] <= '9') value = value * 10 + (item[i++] - '0');
-  return sign * value;
+  if (i < length && (item[i] == '+' || item[i] == '-')) negative = item[i++] == '-';
+  constexpr std::int64_t kBeyond = std::int64_t{INT32_MAX} + 2;  // past both ends once signed
+  while (i < length && item[i] >= '0' && item[i] <= '9') value = std::min(value * 10 + (item[i++] - '0'), kBeyond);
+  if (negative) value = -value;
+  return static_cast<int>(std::clamp<std::int64_t>(value, INT32_MIN, INT32_MAX));
 }
 
 bool SameUser(const std::uint8_t* item, int length, const char* typed) {
@@ -57,18 +64,20 @@ struct UserEntry {
   int wrappedLength = 0;
 };
 
+// When the key encryption key length is checked: a 1.0 user entry checks it before reading the
+// wrapped key, a 2.0 administrator record after reading all five items.
+enum class KekCheck { kBeforeWrappedKey, kAfterWholeEntry };
+
 // Reads the items after the username; false (with its message) on a bad key encryption key length.
-bool ReadUserEntryRest(platform::File file, UserEntry& e) {
+bool ReadUserEntryRest(platform::File file, UserEntry& e, KekCheck when) {
   e.iterationsLength = ReadKeyfileItem(file, e.iterations, kTextItem);
   e.saltLength = ReadKeyfileItem(file, e.salt, kTextItem);
   std::uint8_t kek[kTextItem];
   e.kekLength = ItemNumber(kek, ReadKeyfileItem(file, kek, kTextItem));
-  if (e.kekLength != 16 && e.kekLength != 24 && e.kekLength != 32) {
-    PrintTo(stderr, "Illegal key encryption key length: %d\n", e.kekLength);
-    return false;
-  }
-  e.wrappedLength = ReadKeyfileItem(file, e.wrapped, kWrappedItem);
-  return true;
+  const bool valid = e.kekLength == 16 || e.kekLength == 24 || e.kekLength == 32;
+  if (valid || when == KekCheck::kAfterWholeEntry) e.wrappedLength = ReadKeyfileItem(file, e.wrapped, kWrappedItem);
+  if (!valid) PrintTo(stderr, "Illegal key encryption key length: %d\n", e.kekLength);
+  return valid;
 }
 
 // The user's key encryption key from the password; unwraps the entry's key with it.
@@ -128,7 +137,7 @@ int LoadVersion1(platform::File file, int labelLength, const std::uint8_t* label
   for (;;) {
     e.usernameLength = ReadKeyfileItem(file, e.username, kTextItem);
     if (e.usernameLength == 0) return NotFound(file, username);
-    if (!ReadUserEntryRest(file, e)) {
+    if (!ReadUserEntryRest(file, e, KekCheck::kBeforeWrappedKey)) {
       platform::Close(file);
       return 0;
     }
@@ -175,7 +184,7 @@ int LoadVersion2(platform::File file, int labelLength, const std::uint8_t* label
         ++matches;
     } else if (std::memcmp(tag, "ADM", 4) == 0) {
       admin.usernameLength = ReadKeyfileItem(file, admin.username, kTextItem);
-      if (!ReadUserEntryRest(file, admin)) {
+      if (!ReadUserEntryRest(file, admin, KekCheck::kAfterWholeEntry)) {
         platform::Close(file);
         return 0;
       }
@@ -214,9 +223,12 @@ int ReadKeyfileItem(platform::File file, std::uint8_t* buffer, int maximum) {
   const int length = prefix[0] | prefix[1] << 8;
   if (length == 0) return 0;
   if (length > maximum) FailTo(stderr, "Illegal keyfile item length: %d\n", length);
-  errno = 0;
-  if (platform::Read(file, buffer, static_cast<std::size_t>(length)) != length)
-    FailTo(stderr, "Error reading keyfile item:  %s\n", std::strerror(errno));
+  platform::ClearLastError();
+  if (platform::Read(file, buffer, static_cast<std::size_t>(length)) != length) {
+    // A file that simply ends leaves no error number; its text would read like success.
+    if (platform::LastError() == 0) platform::RecordShortTransfer(false);
+    FailTo(stderr, "Error reading keyfile item:  %s\n", platform::SystemErrorText(platform::LastError()).c_str());
+  }
   if (length < maximum) buffer[length] = 0;
   return length;
 }
@@ -239,8 +251,9 @@ int LoadDatabaseKey(int keyIdLength, const std::uint8_t* keyId) {
   platform::RestoreEcho(echo);
   PrintTo(stderr, "\n");
 
+  // Either separator may be typed; the system's own is used.
   for (char* c = path; *c != '\0'; ++c)
-    if (*c == '\\') *c = '/';
+    if (*c == '\\' || *c == '/') *c = platform::kSeparator;
   platform::File file = platform::OpenReadOnly(path);
   if (file == platform::kInvalidFile) {
     PrintTo(stderr, "Error opening keyfile.\n");

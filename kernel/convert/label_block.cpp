@@ -16,8 +16,6 @@ void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
 
   std::uint32_t code = DbLoad32(labelCopy + kBlockSizeCode);
   if (code == 0) Fail("This is a 2k database and is no longer supported by byteturn\r\n");
-  if (code > 5)
-    Fail("This database has an unknown block size code (%u) and cannot be converted by byteturn\r\n", code);
   if (DbLoad16(labelCopy + kOldVolumeCount) > 1)
     Fail("This is a multivolume database and is no longer supported by byteturn\r\n");
 
@@ -34,6 +32,9 @@ void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
   }
   if (cl.verbose) Print("This database is %s\r\n", big ? "big-endian." : "little-endian.");
 
+  // The size table knows codes 0 to 5; a database with another code is refused where it is needed.
+  if (code > 5)
+    Fail("This database has an unknown block size code (%u) and cannot be converted by byteturn\r\n", code);
   SetGeometry(code);
   if (cl.verbose)
     Print("This database has a block size of %d Bytes.\r\n", static_cast<int>(blockSize));
@@ -94,11 +95,17 @@ void ConvertLabelBlock(Bytes block) {
       Rev32At(block, f.offset);
   }
   if (!Fits(block, kKeyId, 0)) return;
-  std::uint16_t managerLength = Take16(block.data() + kManagerDirLength);
+  // The three lengths are the values the database stored: a long manager directory whose units
+  // run over the later length fields does not change which runs are swapped.
+  std::uint8_t* p = block.data();
+  const std::uint16_t managerLength = DbLoad16(p + kManagerDirLength);
+  const std::uint16_t secondLength = DbLoad16(p + kSecondTextLength);
+  const std::uint16_t keyIdLength = DbLoad16(p + kKeyIdLength);
+  Rev2(p + kManagerDirLength);
   if (managerLength > 255) ConvertUnits(block, kManagerDir, managerLength & 0xFF);
-  std::uint16_t secondLength = Take16(block.data() + kSecondTextLength);
+  Rev2(p + kSecondTextLength);
   if (secondLength & 0x8000) ConvertUnits(block, kSecondText, secondLength & 0x7FFF);
-  std::uint16_t keyIdLength = Take16(block.data() + kKeyIdLength);
+  Rev2(p + kKeyIdLength);
   if (keyIdLength & 0x8000) ConvertUnits(block, kKeyId, keyIdLength & 0x7FFF);
 }
 

@@ -95,14 +95,23 @@ void CloseHandleCache() {
 
 int HandleCacheSlotVolume(int slot) { return handleCache[slot].volume; }
 
+namespace {
+// A short count with no system error still fails, with the cause recorded for the message.
+bool Moved(std::int64_t n, std::uint32_t size, bool writing) {
+  if (n == static_cast<std::int64_t>(size)) return true;
+  if (n >= 0) platform::RecordShortTransfer(writing);
+  return false;
+}
+}  // namespace
+
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   platform::ClearLastError();
-  return platform::ReadAt(file, buffer, size, position) == static_cast<std::int64_t>(size);
+  return Moved(platform::ReadAt(file, buffer, size, position), size, false);
 }
 
 bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
   platform::ClearLastError();
-  return platform::WriteAt(file, buffer, size, position) == static_cast<std::int64_t>(size);
+  return Moved(platform::WriteAt(file, buffer, size, position), size, true);
 }
 
 const char* ErrorText() {

@@ -7,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform.h"
+
 namespace testsupport {
 
 namespace fs = std::filesystem;
@@ -106,6 +108,32 @@ void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t v, bo
 }
 
 bool Exists(const std::string& path) { return fs::exists(path); }
+
+std::string EndOfFileText() {
+  platform::RecordShortTransfer(false);
+  return platform::SystemErrorText(platform::LastError());
+}
+
+std::string EndOfFileError() {
+  platform::RecordShortTransfer(false);
+  return "Error " + std::to_string(platform::LastError()) + "=(" + EndOfFileText() + ")";
+}
+
+std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
+                       const std::vector<std::string>& args, const std::string& cwd) {
+  const std::string out = fs::temp_directory_path() / "byteturn-runs" / (TestName() + "-console");
+  fs::create_directories(fs::path(out).parent_path());
+  std::string command;
+  if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
+  command += "python3 " + Quote(CONSOLE_HELPER) + " " + mode + " " + std::to_string(seconds) + " " +
+             Quote(modeArgument) + " -- " + Quote(BYTETURN_EXE);
+  for (const auto& a : args) command += " " + Quote(a);
+  command += " > " + Quote(out);
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  std::string text = ReadText(out);
+  fs::remove(out);
+  return text;
+}
 
 void Generate(const gendb::Params& params, const std::string& path) {
   std::string error = gendb::GenerateDatabase(params, path);

@@ -36,6 +36,16 @@ void PatchU16(const std::string& path, std::uint64_t offset, std::uint16_t value
 void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t value, bool big);
 bool Exists(const std::string& path);
 
+// What byteturn shows for a file that ends before the bytes it needs: the system's text, and the
+// whole "Error %d=(%s)".
+std::string EndOfFileText();
+std::string EndOfFileError();
+
+// Runs tests/support/console.py in mode "pty" or "head" (see there) on byteturn with args, in
+// directory cwd, and returns what it printed.
+std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
+                       const std::vector<std::string>& args, const std::string& cwd = "");
+
 // Generates the database for params into path, failing the test on error.
 void Generate(const gendb::Params& params, const std::string& path);
 // Generates params in the source order and its converted twin in the other order, converts the

@@ -261,7 +261,7 @@ std::string VolumeDirectory(const Params& p, const std::string& path, std::size_
 }
 
 std::string WriteMarkers(const Params& p, const std::string& path) {
-  const std::string primary = platform::FullPathName(MainDirectory(path)) + "\n";
+  const std::string primary = platform::FullPathName(MainDirectory(path), 4096) + "\n";
   for (const std::string& dir : p.volumeSet.directories) {
     const std::string marker = (dir[0] == '/' ? dir : MainDirectory(path) + dir) + "orva.dbdir";
     platform::File f = platform::CreateReadWrite(marker);

@@ -135,10 +135,7 @@ CompressionMethod compressionMethodTable[5] = {
 
 int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t messageSize, char* message) {
   if (table.handle != nullptr) return 0;
-  // The bin directory's copy first; without one there, the system's library search path.
-  const std::string file = platform::SharedLibraryFileName(table.baseName);
-  std::string path = binDirectory + file;
-  if (!platform::FileExists(path)) path = file;
+  const std::string path = platform::LibraryPath(binDirectory, table.baseName);
   platform::ClearLastError();
   table.handle = platform::LibraryOpen(path);
   if (table.handle == nullptr) {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace platform {
@@ -12,10 +13,13 @@ namespace platform {
 using File = std::intptr_t;
 inline constexpr File kInvalidFile = -1;
 
-// Opens an existing file for reading and writing, shared; never creates one.
+// Opens an existing file for reading and writing, shared; never creates one. A directory fails.
 File OpenReadWrite(const std::string& path);
-// Opens an existing file for reading only, without any newline translation.
+// Opens an existing file for reading only, without any newline translation. A directory fails.
 File OpenReadOnly(const std::string& path);
+// Creates a file that must not exist yet (atomically) and opens it for writing as text;
+// nullptr when it exists already or cannot be created.
+std::FILE* CreateNewTextFile(const std::string& path);
 // Creates (or truncates) a file for reading and writing. Used by the tools, not the conversion.
 File CreateReadWrite(const std::string& path);
 void Close(File file);
@@ -27,6 +31,11 @@ void AdviseSequentialRead(File file);
 // moved, or -1 with the system error recorded. A short count is not an error here.
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position);
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position);
+// Records the cause of a transfer that moved fewer bytes than asked with no system error: the
+// end of the file for a read, a full disk for a write; so that no failure reads like success.
+void RecordShortTransfer(bool writing);
+// Flushes what was written to the file down to stable storage; false with the system error set.
+bool Sync(File file);
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);
@@ -44,23 +53,42 @@ std::string SystemErrorText(int code);
 // True for the codes meaning "file not found" and "path not found".
 bool IsNotFoundError(int code);
 
-// Path of the running executable, or "" when it cannot be had within limit characters.
+// Path of the running executable, cut to limit - 1 characters when longer (as the system's own
+// call cuts it), or "" when it cannot be had.
 std::string ExecutablePath(std::size_t limit);
 // Absolute form of path; "." and ".." folded, links not resolved, the path need not exist.
-std::string FullPathName(const std::string& path);
+// "" with the system error set when it fails or needs limit characters or more.
+std::string FullPathName(const std::string& path, std::size_t limit);
+
+// Directory separator, and whether narrow paths are UTF-8 (else the 8-bit code page).
+#ifdef _WIN32
+inline constexpr char kSeparator = '\\';
+inline constexpr bool kPathsAreUtf8 = false;
+#else
 inline constexpr char kSeparator = '/';
+inline constexpr bool kPathsAreUtf8 = true;
+#endif
 
 // File name of a shared library by its base name ("zlib1", "zstd", "lz4").
 std::string SharedLibraryFileName(const std::string& baseName);
+// Where the library of that base name is loaded from, given the program's bin directory.
+std::string LibraryPath(const std::string& binDirectory, const std::string& baseName);
+// Loads a library; nullptr with the system error set (never 0) when it cannot be loaded.
 void* LibraryOpen(const std::string& path);
+// Address of a symbol that the library itself defines (not one of its dependencies); nullptr
+// with the system error set (never 0) otherwise.
 void* LibrarySymbol(void* library, const char* name);
 void LibraryClose(void* library);
 bool FileExists(const std::string& path);
 bool RemoveFile(const std::string& path);
 
-// From here on, losing the console (a reader of standard output that goes away, a terminal that
-// hangs up) makes further output fail instead of ending the process, so that a run that rewrites
-// files is never cut short half-way by it. An interrupt from the keyboard still stops the process.
+// Called first thing: output that a closed reader (a broken pipe) cannot take is simply lost and
+// never ends the process; standard output and error pass every byte unchanged.
+void PrepareConsole();
+
+// From here on, a terminal that hangs up makes further output fail instead of ending the process,
+// so that a run that rewrites files is never cut short half-way by it. An interrupt from the
+// keyboard still stops the process.
 void KeepRunningWithoutConsole();
 
 // Turns terminal echo off on standard input while a password is typed; a no-op when standard

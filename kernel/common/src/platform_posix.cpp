@@ -1,30 +1,50 @@
 // POSIX implementation of the platform interface.
 #include "platform.h"
 
+#include "transfer.h"
+
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <limits.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <vector>
 
 static_assert(sizeof(termios) <= sizeof(platform::EchoState::saved));
 
 namespace platform {
 
-File OpenReadWrite(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-  return fd < 0 ? kInvalidFile : fd;
+namespace {
+// Opening a directory as a file fails, as it does on Windows.
+File OpenExisting(const std::string& path, int access) {
+  int fd = ::open(path.c_str(), access | O_CLOEXEC);
+  if (fd < 0) return kInvalidFile;
+  struct stat st;
+  if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    ::close(fd);
+    errno = EISDIR;
+    return kInvalidFile;
+  }
+  return fd;
 }
+}  // namespace
 
-File OpenReadOnly(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  return fd < 0 ? kInvalidFile : fd;
+File OpenReadWrite(const std::string& path) { return OpenExisting(path, O_RDWR); }
+File OpenReadOnly(const std::string& path) { return OpenExisting(path, O_RDONLY); }
+
+std::FILE* CreateNewTextFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  std::FILE* file = ::fdopen(fd, "w");
+  if (file == nullptr) ::close(fd);
+  return file;
 }
 
 void AdviseSequentialRead(File file) {
@@ -41,40 +61,41 @@ void Close(File file) {
 }
 
 namespace {
-// Repeats a transfer until size bytes are moved, the end is met (a short count) or it fails (-1).
-template <typename Step>
-std::int64_t TransferAll(std::size_t size, Step step) {
-  std::size_t done = 0;
-  while (done < size) {
-    ssize_t n = step(done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    done += static_cast<std::size_t>(n);
+off_t Offset(std::uint64_t position) { return static_cast<off_t>(position); }
+
+// One system call of a transfer, repeated when a signal interrupts it.
+template <typename Call>
+std::int64_t Retrying(Call call) {
+  for (;;) {
+    const ssize_t n = call();
+    if (n >= 0 || errno != EINTR) return n;
   }
-  return static_cast<std::int64_t>(done);
 }
 }  // namespace
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {
-    return ::pread(static_cast<int>(file), out + done, size - done, static_cast<off_t>(position + done));
+    return Retrying([&] { return ::pread(static_cast<int>(file), out + done, size - done, Offset(position + done)); });
   });
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
   auto* in = static_cast<const unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {
-    return ::pwrite(static_cast<int>(file), in + done, size - done, static_cast<off_t>(position + done));
+    return Retrying([&] { return ::pwrite(static_cast<int>(file), in + done, size - done, Offset(position + done)); });
   });
 }
 
+void RecordShortTransfer(bool writing) { errno = writing ? ENOSPC : ENODATA; }
+
+bool Sync(File file) { return ::fdatasync(static_cast<int>(file)) == 0; }
+
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
-  return TransferAll(size, [&](std::size_t done) { return ::read(static_cast<int>(file), out + done, size - done); });
+  return TransferAll(size, [&](std::size_t done) {
+    return Retrying([&] { return ::read(static_cast<int>(file), out + done, size - done); });
+  });
 }
 
 bool SetFileSize(File file, std::uint64_t size) {
@@ -108,13 +129,13 @@ std::string SystemErrorText(int code) {
 bool IsNotFoundError(int code) { return code == ENOENT || code == ENOTDIR; }
 
 std::string ExecutablePath(std::size_t limit) {
-  std::vector<char> buffer(limit + 1);
-  ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
-  if (n <= 0 || static_cast<std::size_t>(n) >= limit) return "";
-  return std::string(buffer.data(), static_cast<std::size_t>(n));
+  std::vector<char> buffer(PATH_MAX + 1);
+  ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+  if (n <= 0 || limit == 0) return "";
+  return std::string(buffer.data(), std::min(static_cast<std::size_t>(n), limit - 1));
 }
 
-std::string FullPathName(const std::string& path) {
+std::string FullPathName(const std::string& path, std::size_t limit) {
   std::string joined = path;
   if (path.empty() || path[0] != '/') {
     char cwd[PATH_MAX];
@@ -138,6 +159,10 @@ std::string FullPathName(const std::string& path) {
   std::string out;
   for (const auto& part : parts) out += "/" + part;
   if (out.empty() || trailing) out += "/";
+  if (out.size() >= limit) {
+    errno = ENAMETOOLONG;
+    return "";
+  }
   return out;
 }
 
@@ -146,8 +171,35 @@ std::string SharedLibraryFileName(const std::string& baseName) {
   return "lib" + baseName + ".so.1";
 }
 
-void* LibraryOpen(const std::string& path) { return ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
-void* LibrarySymbol(void* library, const char* name) { return ::dlsym(library, name); }
+std::string LibraryPath(const std::string& binDirectory, const std::string& baseName) {
+  // The bin directory's copy first; without one there, the system's library search path.
+  const std::string file = SharedLibraryFileName(baseName);
+  return FileExists(binDirectory + file) ? binDirectory + file : file;
+}
+
+void* LibraryOpen(const std::string& path) {
+  void* library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library != nullptr) return library;
+  // dlopen leaves no error number: a file that is there was not a loadable library.
+  const char* why = ::dlerror();
+  const bool missing = path.find('/') != std::string::npos
+                           ? !FileExists(path)
+                           : why != nullptr && std::strstr(why, "No such file or directory") != nullptr;
+  errno = missing ? ENOENT : ENOEXEC;
+  return nullptr;
+}
+
+void* LibrarySymbol(void* library, const char* name) {
+  void* address = ::dlsym(library, name);
+  link_map* own = nullptr;
+  link_map* definer = nullptr;
+  Dl_info info;
+  if (address != nullptr && ::dlinfo(library, RTLD_DI_LINKMAP, &own) == 0 &&
+      ::dladdr1(address, &info, reinterpret_cast<void**>(&definer), RTLD_DL_LINKMAP) != 0 && definer == own)
+    return address;
+  errno = ENOSYS;  // not defined by this library itself
+  return nullptr;
+}
 void LibraryClose(void* library) {
   if (library != nullptr) ::dlclose(library);
 }
@@ -159,10 +211,9 @@ bool FileExists(const std::string& path) {
 
 bool RemoveFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 
-void KeepRunningWithoutConsole() {
-  ::signal(SIGPIPE, SIG_IGN);
-  ::signal(SIGHUP, SIG_IGN);
-}
+void PrepareConsole() { ::signal(SIGPIPE, SIG_IGN); }
+
+void KeepRunningWithoutConsole() { ::signal(SIGHUP, SIG_IGN); }
 
 void DisableEcho(EchoState& state) {
   state.changed = false;
@@ -171,14 +222,15 @@ void DisableEcho(EchoState& state) {
   std::memcpy(state.saved, &mode, sizeof mode);
   mode.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   mode.c_lflag |= ICANON;
-  if (::tcsetattr(STDIN_FILENO, TCSAFLUSH, &mode) == 0) state.changed = true;
+  // TCSANOW: typed-ahead input stays pending, as it does across a console mode change.
+  if (::tcsetattr(STDIN_FILENO, TCSANOW, &mode) == 0) state.changed = true;
 }
 
 void RestoreEcho(const EchoState& state) {
   if (!state.changed) return;
   termios mode;
   std::memcpy(&mode, state.saved, sizeof mode);
-  ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &mode);
+  ::tcsetattr(STDIN_FILENO, TCSANOW, &mode);
 }
 
 }  // namespace platform

@@ -1,10 +1,13 @@
-// Windows implementation of the platform interface (built only on Windows).
+// Windows implementation of the platform interface, with the calls the system has always used.
 #include "platform.h"
+
+#include "transfer.h"
 
 #include <windows.h>
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace platform {
@@ -13,13 +16,19 @@ namespace {
 File FromHandle(HANDLE h) { return h == INVALID_HANDLE_VALUE ? kInvalidFile : reinterpret_cast<File>(h); }
 HANDLE ToHandle(File f) { return reinterpret_cast<HANDLE>(f); }
 
-bool SeekTo(File file, std::uint64_t position) {
-  LONG high = static_cast<LONG>(position >> 32);
-  DWORD low = SetFilePointer(ToHandle(file), static_cast<LONG>(position & 0xFFFFFFFFu), &high, FILE_BEGIN);
-  return !(low == 0xFFFFFFFFu && GetLastError() != NO_ERROR);
+// The position of a transfer travels in the OVERLAPPED block, so no file pointer is shared.
+OVERLAPPED At(std::uint64_t position) {
+  OVERLAPPED at{};
+  at.Offset = static_cast<DWORD>(position & 0xFFFFFFFFu);
+  at.OffsetHigh = static_cast<DWORD>(position >> 32);
+  return at;
 }
+
+DWORD Chunk(std::size_t size) { return static_cast<DWORD>(std::min<std::size_t>(size, 0x40000000u)); }
 }  // namespace
 
+// Read and write access, shared for reading and writing, existing files only. CreateFileA
+// refuses a directory here (it would need FILE_FLAG_BACKUP_SEMANTICS).
 File OpenReadWrite(const std::string& path) {
   return FromHandle(CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -30,7 +39,20 @@ File OpenReadOnly(const std::string& path) {
                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-// Read-ahead is chosen when a file is opened (FILE_FLAG_SEQUENTIAL_SCAN); nothing to do later.
+std::FILE* CreateNewTextFile(const std::string& path) {
+  HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return nullptr;
+  int fd = _open_osfhandle(reinterpret_cast<std::intptr_t>(h), _O_WRONLY | _O_TEXT);
+  if (fd < 0) {
+    CloseHandle(h);
+    return nullptr;
+  }
+  std::FILE* file = _fdopen(fd, "w");
+  if (file == nullptr) _close(fd);
+  return file;
+}
+
+// Read-ahead is the system's own choice for a file read from start to end.
 void AdviseSequentialRead(File) {}
 
 File CreateReadWrite(const std::string& path) {
@@ -43,40 +65,55 @@ void Close(File file) {
 }
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
-  if (!SeekTo(file, position)) return -1;
-  DWORD done = 0;
-  if (!ReadFile(ToHandle(file), buffer, static_cast<DWORD>(size), &done, nullptr)) return -1;
-  return done;
+  auto* out = static_cast<unsigned char*>(buffer);
+  return TransferAll(size, [&](std::size_t done) -> std::int64_t {
+    OVERLAPPED at = At(position + done);
+    DWORD moved = 0;
+    if (ReadFile(ToHandle(file), out + done, Chunk(size - done), &moved, &at)) return moved;
+    return GetLastError() == ERROR_HANDLE_EOF ? 0 : -1;
+  });
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
-  if (!SeekTo(file, position)) return -1;
-  DWORD done = 0;
-  if (!WriteFile(ToHandle(file), buffer, static_cast<DWORD>(size), &done, nullptr)) return -1;
-  return done;
+  auto* in = static_cast<const unsigned char*>(buffer);
+  return TransferAll(size, [&](std::size_t done) -> std::int64_t {
+    OVERLAPPED at = At(position + done);
+    DWORD moved = 0;
+    return WriteFile(ToHandle(file), in + done, Chunk(size - done), &moved, &at) ? moved : -1;
+  });
 }
+
+void RecordShortTransfer(bool writing) { SetLastError(writing ? ERROR_DISK_FULL : ERROR_HANDLE_EOF); }
+
+bool Sync(File file) { return FlushFileBuffers(ToHandle(file)) != 0; }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
-  DWORD done = 0;
-  if (!ReadFile(ToHandle(file), buffer, static_cast<DWORD>(size), &done, nullptr)) return -1;
-  return done;
+  auto* out = static_cast<unsigned char*>(buffer);
+  return TransferAll(size, [&](std::size_t done) -> std::int64_t {
+    DWORD moved = 0;
+    return ReadFile(ToHandle(file), out + done, Chunk(size - done), &moved, nullptr) ? moved : -1;
+  });
 }
 
-bool SetFileSize(File file, std::uint64_t size) { return SeekTo(file, size) && SetEndOfFile(ToHandle(file)); }
+bool SetFileSize(File file, std::uint64_t size) {
+  LARGE_INTEGER to;
+  to.QuadPart = static_cast<LONGLONG>(size);
+  return SetFilePointerEx(ToHandle(file), to, nullptr, FILE_BEGIN) && SetEndOfFile(ToHandle(file));
+}
+
 std::int64_t FileSize(File file) {
   LARGE_INTEGER size;
   return GetFileSizeEx(ToHandle(file), &size) ? size.QuadPart : -1;
 }
 
+// No holes are looked for: every byte counts as data.
 std::int64_t NextData(File, std::uint64_t position) { return static_cast<std::int64_t>(position); }
-std::int64_t NextHole(File file, std::uint64_t) {
-  LARGE_INTEGER size;
-  return GetFileSizeEx(ToHandle(file), &size) ? size.QuadPart : -1;
-}
+std::int64_t NextHole(File file, std::uint64_t) { return FileSize(file); }
 
 int LastError() { return static_cast<int>(GetLastError()); }
 void ClearLastError() { SetLastError(0); }
 
+// The system's text as it comes, line end included; "" when it has none.
 std::string SystemErrorText(int code) {
   char text[200];
   DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, static_cast<DWORD>(code),
@@ -86,21 +123,32 @@ std::string SystemErrorText(int code) {
 
 bool IsNotFoundError(int code) { return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND; }
 
+// GetModuleFileNameA cuts a longer path to limit - 1 characters and a terminator.
 std::string ExecutablePath(std::size_t limit) {
-  char path[MAX_PATH];
-  DWORD n = GetModuleFileNameA(nullptr, path, static_cast<DWORD>(limit < sizeof path ? limit : sizeof path));
-  return n == 0 ? std::string() : std::string(path, n);
+  char path[MAX_PATH + 1] = {};
+  DWORD n = GetModuleFileNameA(nullptr, path, static_cast<DWORD>(std::min<std::size_t>(limit, MAX_PATH)));
+  return n == 0 ? std::string() : std::string(path, strnlen(path, n));
 }
 
-std::string FullPathName(const std::string& path) {
-  char full[228];
-  DWORD n = GetFullPathNameA(path.c_str(), sizeof full, full, nullptr);
-  return (n == 0 || n >= sizeof full) ? std::string() : std::string(full, n);
+std::string FullPathName(const std::string& path, std::size_t limit) {
+  char full[MAX_PATH + 1];
+  const DWORD room = static_cast<DWORD>(std::min<std::size_t>(limit, sizeof full));
+  DWORD n = GetFullPathNameA(path.c_str(), room, full, nullptr);
+  if (n == 0) return "";
+  if (n >= room) {
+    SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    return "";
+  }
+  return std::string(full, n);
 }
 
 std::string SharedLibraryFileName(const std::string& baseName) { return baseName + ".dll"; }
+std::string LibraryPath(const std::string& binDirectory, const std::string& baseName) {
+  return binDirectory + SharedLibraryFileName(baseName);
+}
 
 void* LibraryOpen(const std::string& path) { return LoadLibraryA(path.c_str()); }
+// GetProcAddress looks in the named module only.
 void* LibrarySymbol(void* library, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
 }
@@ -111,10 +159,18 @@ void LibraryClose(void* library) {
 bool FileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 bool RemoveFile(const std::string& path) { return _unlink(path.c_str()) == 0; }
 
-// A write to a pipe without a reader just fails here. A closed console window still ends the
-// process: the system ends it shortly after any handler returns.
+// Binary mode: "\r\n" reaches the console as two bytes. A write to a pipe without a reader just
+// fails here; nothing more is needed.
+void PrepareConsole() {
+  _setmode(_fileno(stdout), _O_BINARY);
+  _setmode(_fileno(stderr), _O_BINARY);
+}
+
+// A closed console window still ends the process: the system ends it shortly after any handler
+// returns, so there is nothing to change.
 void KeepRunningWithoutConsole() {}
 
+// The console mode without echo; changing it discards no typed-ahead input.
 void DisableEcho(EchoState& state) {
   HANDLE in = GetStdHandle(STD_INPUT_HANDLE);
   DWORD mode = 0;

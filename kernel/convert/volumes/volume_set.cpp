@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "console_input.h"
 #include "messages.h"
 #include "platform.h"
 #include "state.h"
@@ -18,12 +19,6 @@ namespace {
 constexpr std::size_t kMarkerBytes = 909;
 constexpr std::size_t kDirectoryLine = 910;
 constexpr std::uint8_t kVolumeInfoType = 18;
-
-void DiscardRestOfLine() {
-  int c;
-  while ((c = std::getchar()) != EOF && c != '\n') {
-  }
-}
 
 void ReadPrimaryVolumeInfo() {
   if (volumeInfoBlockNumber == 0 || volumeInfoBlockNumber > primaryVolumeLastBlock)
@@ -84,12 +79,9 @@ bool AskVolumesInPlace() {
     Print("\r\nAre volumes in their expected locations? ");
     std::fflush(stdout);
     char answer[5];
-    if (std::fgets(answer, sizeof answer, stdin) == nullptr) answer[0] = '\0';
-    std::size_t n = std::strlen(answer);
-    if (n > 0 && answer[n - 1] == '\n')
-      answer[--n] = '\0';
-    else
-      DiscardRestOfLine();
+    bool ended = false;
+    ReadConsoleLine(answer, sizeof answer, &ended);  // the end of input reads as an empty line
+    if (!ended) DiscardRestOfLine();
     for (char* c = answer; *c != '\0'; ++c)
       if (*c >= 'a' && *c <= 'z') *c = static_cast<char>(*c - 32);
     if (std::strcmp(answer, "Y") == 0 || std::strcmp(answer, "YES") == 0) return true;
@@ -105,15 +97,15 @@ void EnterDirectories() {
     Print("Directory #%d (null=end)? ", static_cast<int>(volumeDirectories.size() + 1));
     std::fflush(stdout);
     char line[kDirectoryLine];
-    if (std::fgets(line, sizeof line, stdin) == nullptr) break;
-    std::size_t n = std::strlen(line);
-    if (n == 0 || line[n - 1] != '\n') {
+    bool ended = false;
+    if (!ReadConsoleLine(line, sizeof line, &ended)) break;
+    if (!ended) {
       DiscardRestOfLine();
       Print("Invalid volume directory - too long or invalid syntax.\r\n");
       continue;
     }
-    if (n == 1) break;
-    std::string dir(line, n - 1);
+    if (line[0] == '\0') break;
+    std::string dir(line);
     if (dir.back() != platform::kSeparator) dir += platform::kSeparator;
     if (dir.size() > kMaxDirLength) {
       Print("Invalid volume directory - too long or invalid syntax.\r\n");
@@ -140,9 +132,9 @@ bool SameIgnoringCase(const std::string& a, const std::string& b) {
 // directory ends the run; one whose marker cannot be opened stays unconfirmed.
 std::vector<bool> ConfirmDirectories() {
   std::vector<bool> confirmed(volumeDirectories.size(), false);
-  std::string resolved = platform::FullPathName(primaryDirectory);
+  std::string resolved = platform::FullPathName(primaryDirectory, kMaxDirLength + 1);
   std::string resolveError;
-  if (resolved.empty() || resolved.size() >= kMaxDirLength + 1) {
+  if (resolved.empty()) {
     resolveError = ErrorText();
     resolved = primaryDirectory;
   }
@@ -161,9 +153,12 @@ std::vector<bool> ConfirmDirectories() {
     while (read > 0 && lineLength < static_cast<std::size_t>(read) && text[lineLength] != '\r' &&
            text[lineLength] != '\n')
       ++lineLength;
-    std::uint8_t latin[kMaxDirLength + 2];
-    const int n = Utf8ToLatin1(text, static_cast<int>(lineLength), latin);
-    std::string named = n > 0 ? std::string(reinterpret_cast<const char*>(latin), static_cast<std::size_t>(n)) : "";
+    // The marker's line is compared in the form the system's paths take: UTF-8 where paths are
+    // UTF-8, else the 8-bit characters it decodes to.
+    std::uint8_t decoded[kMaxDirLength + 2];
+    const int n = platform::kPathsAreUtf8 ? CheckUtf8Path(text, static_cast<int>(lineLength), decoded)
+                                          : Utf8ToLatin1(text, static_cast<int>(lineLength), decoded);
+    std::string named = n > 0 ? std::string(reinterpret_cast<const char*>(decoded), static_cast<std::size_t>(n)) : "";
     if (!named.empty() && named.back() != platform::kSeparator) named += platform::kSeparator;
     if (n <= 0 || !SameIgnoringCase(named, resolved)) {
       Print("\r\nThe orva.dbdir file in %.*s indicates it is a volume directory of another database.\r\n",
@@ -254,11 +249,15 @@ int VolumeFileName(std::uint32_t volume, char* destination) {
   return 1;
 }
 
-int Utf8ToLatin1(const std::uint8_t* source, int length, std::uint8_t* destination) {
+namespace {
+// Decodes a counted UTF-8 string by the marker file's rules: a bad or cut sequence fails, and so
+// does output beyond 227 bytes. Writes 8-bit characters (values above 255 fail), or with keepUtf8
+// the sequences themselves.
+int DecodeMarkerText(const std::uint8_t* source, int length, std::uint8_t* destination, bool keepUtf8) {
   if (length < 0) return -1;
   int in = 0, out = 0;
   while (in < length) {
-    if (out == static_cast<int>(kMaxDirLength)) return -1;
+    const int start = in;
     const std::uint8_t lead = source[in++];
     unsigned value = lead;
     int follow = 0;
@@ -272,14 +271,29 @@ int Utf8ToLatin1(const std::uint8_t* source, int length, std::uint8_t* destinati
       else
         return -1;
     }
+    const int size = keepUtf8 ? 1 + follow : 1;
+    if (out + size > static_cast<int>(kMaxDirLength)) return -1;
     for (; follow > 0; --follow) {
       if (in >= length || (source[in] & 0xC0) != 0x80) return -1;
       value = value << 6 | (source[in++] & 0x3F);
     }
-    if (value > 255) return -1;
-    destination[out++] = static_cast<std::uint8_t>(value);
+    if (keepUtf8) {
+      for (int i = start; i < in; ++i) destination[out++] = source[i];
+    } else {
+      if (value > 255) return -1;
+      destination[out++] = static_cast<std::uint8_t>(value);
+    }
   }
   return out;
+}
+}  // namespace
+
+int Utf8ToLatin1(const std::uint8_t* source, int length, std::uint8_t* destination) {
+  return DecodeMarkerText(source, length, destination, false);
+}
+
+int CheckUtf8Path(const std::uint8_t* source, int length, std::uint8_t* destination) {
+  return DecodeMarkerText(source, length, destination, true);
 }
 
 }  // namespace bt

@@ -13,5 +13,7 @@ void DiscoverVolumeSet();
 int VolumeFileName(std::uint32_t volume, char* destination);
 // Counted UTF-8 to 8-bit characters: bytes written (at most 227), 0 when empty, -1 on failure.
 int Utf8ToLatin1(const std::uint8_t* source, int length, std::uint8_t* destination);
+// The same checks, but the text is kept as UTF-8 (any character): bytes written, at most 227.
+int CheckUtf8Path(const std::uint8_t* source, int length, std::uint8_t* destination);
 
 }  // namespace bt
