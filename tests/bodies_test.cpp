@@ -113,6 +113,20 @@ TEST(Bodies, MalformedDataNodesStopTheirBlockWithTheirMessage) {
   EXPECT_EQ(gdirPast.Data(60).rfind("\r\nIn Data block #77, 1 bad data format p=0x", 0), 0u);
 }
 
+// An integer value whose length is not a multiple of 4 has its last group reach past the node's
+// end, into the next node's word, while both lie inside the block.
+TEST(Bodies, IntegerRunEndingInsideTheBlockOffItsBoundary) {
+  Block b(8);
+  b.Word(0x8000000C);  // node 1: 12 bytes, type 0 at 32, seven value bytes 33..39
+  const std::uint8_t value[] = {1, 2, 3, 4, 5, 6, 7};
+  std::memcpy(b.bytes.data() + 33, value, sizeof value);
+  b.pos = 40;
+  b.Word(0x00000008);  // node 2: 8 bytes, untyped
+  EXPECT_EQ(b.Data(48), "");
+  const std::vector<std::uint8_t> expected = {4, 3, 2, 1, 0, 7, 6, 8, 0, 0, 5};
+  EXPECT_EQ(std::vector<std::uint8_t>(b.bytes.begin() + 33, b.bytes.begin() + 44), expected);
+}
+
 TEST(Bodies, BigReferencesPastTheLastBlockAreReportedAndSkipped) {
   Block b(8);
   bt::lastBlock = 50;
@@ -245,6 +259,24 @@ TEST(Bodies, MirrorInfoVersionUpgrade) {
             "The 'mibver' of mirror info block has been updated from version 1 to version 2.\r\n");
   EXPECT_EQ(big[32], 2);
   EXPECT_EQ(big[888], 5);  // swapped in place, not moved
+
+  // The move rule at its equality limits (value at 36 = 5, value at 40 = 8).
+  const struct {
+    std::uint32_t n;
+    std::uint64_t x;
+    bool moved;
+  } limits[] = {{5, 8, true}, {4, 8, false}, {1, 9, true}, {9, 10, false}, {0, 9, false}, {5, 0, false}};
+  for (const auto& c : limits) {
+    std::vector<std::uint8_t> l(4096, 0);
+    bt::swapFlag = 0;
+    l[32] = 1, l[36] = 5, l[40] = 8;
+    bt::StoreLE32(l.data() + 888, c.n);
+    bt::StoreLE32(l.data() + 892, static_cast<std::uint32_t>(c.x));
+    ::testing::internal::CaptureStdout();
+    bt::CvMirInfo(bt::Bytes(l));
+    EXPECT_EQ(::testing::internal::GetCapturedStdout().starts_with("The mirror info block has been converted"), c.moved)
+        << c.n << " " << c.x;
+  }
 
   std::vector<std::uint8_t> v2(4096, 0);
   v2[35] = 2;

@@ -20,6 +20,12 @@ const Json& Vectors() {
   return json;
 }
 
+// SHA-1 around its padding boundaries and HMAC-SHA-1 around its key block length.
+const Json& Boundaries() {
+  static const Json json = ParseJsonFile(BOUNDARY_JSON);
+  return json;
+}
+
 // Runs body once with the portable AES and once with the processor's instructions (if present).
 template <typename Body>
 void OnBothAesPaths(Body body) {
@@ -129,6 +135,16 @@ TEST(Crypto, Sha1HmacAndPbkdf2Vectors) {
     Bytes digest(20);
     crypto::Sha1(message.data(), message.size(), digest.data());
     EXPECT_EQ(digest, Hex(v["digest"].text));
+  }
+  for (const Json& v : Boundaries()["sha1_padding_boundaries"].items) {
+    Bytes message = Hex(v["message"].text), digest(20);
+    crypto::Sha1(message.data(), message.size(), digest.data());
+    EXPECT_EQ(digest, Hex(v["digest"].text)) << message.size() << " bytes";
+  }
+  for (const Json& v : Boundaries()["hmac_sha1_key_lengths"].items) {
+    Bytes key = Hex(v["key"].text), data = Hex(v["data"].text), digest(20);
+    crypto::HmacSha1(data.data(), data.size(), key.data(), key.size(), digest.data());
+    EXPECT_EQ(digest, Hex(v["digest"].text)) << key.size() << "-byte key";
   }
   for (const Json& v : Vectors()["hmac_sha1_rfc2202"].items) {
     Bytes key = Hex(v["key"].text), data = Hex(v["data"].text), digest(20);
