@@ -63,7 +63,11 @@ struct Envelope {
     block[4] = 0x88;
     block[5] = method;
   }
-  int Decompress() { return compression::DecompressBlock(block.data(), static_cast<std::uint32_t>(block.size()), true, "/nonexistent/"); }
+  // The libraries come from beside the program (the Windows build has them there), else from the system.
+  int Decompress() {
+    const std::string bin = std::filesystem::path(UnderTest().exe).parent_path().string() + "/";
+    return compression::DecompressBlock(block.data(), static_cast<std::uint32_t>(block.size()), true, bin);
+  }
 };
 
 TEST(Compression, InvalidEnvelopesAreLeftUntouched) {
@@ -104,25 +108,39 @@ TEST(Compression, ShortOrLongStreamsRestoreOnlyTheEnvelope) {
 
 TEST(Compression, NoBinDirectoryEndsTheRun) {
   Envelope e(8192, 100, 4);
-  EXPECT_EXIT(
-      {
-        std::freopen("/dev/stderr", "w", stdout);
-        compression::DecompressBlock(e.block.data(), 8192, true, "");
-      },
-      ::testing::ExitedWithCode(1), "\n\rCould not determine bin directory to locate compression library\n\r");
+  EXPECT_EQ(OUTPUT_OF_FAILURE(compression::DecompressBlock(e.block.data(), 8192, true, "")),
+            "\n\rCould not determine bin directory to locate compression library\n\r");
 }
 
-// A copy of byteturn whose bin directory holds the given library files.
+namespace fs = std::filesystem;
+
+// Copies the program under test into dir, with the compression libraries that lie beside it
+// (the Windows build has them there; elsewhere the system's are found).
+std::string CopyOfByteturn(const std::string& dir, const std::string& name) {
+  fs::create_directories(dir);
+  const fs::path exe = UnderTest().exe;
+  fs::copy_file(exe, dir + "/" + name + exe.extension().string());
+  for (const char* base : {"zlib1", "zstd", "lz4"}) {
+    const fs::path library = exe.parent_path() / LibraryFile(base);
+    if (fs::exists(library)) fs::copy_file(library, dir + "/" + LibraryFile(base), fs::copy_options::overwrite_existing);
+  }
+  return dir + "/" + name + exe.extension().string();
+}
+
+// A copy of byteturn whose bin directory holds the given library files: a stand-in of that
+// name, or (from "") a file that is no library at all.
 std::string ByteturnWith(const Scratch& s, const std::vector<std::pair<std::string, std::string>>& libraries) {
-  std::filesystem::create_directories(s.Path("bin"));
-  std::filesystem::copy_file(BYTETURN_EXE, s.Path("bin/byteturn"));
+  const std::string exe = CopyOfByteturn(s.Path("bin"), "byteturn");
+  // A Windows stand-in finds the library it depends on beside the program.
+  const std::string dependency = UnderTest().stubDir + "/libstub-dependency.dll";
+  if (fs::exists(dependency)) fs::copy_file(dependency, s.Path("bin/libstub-dependency.dll"));
   for (const auto& [from, name] : libraries) {
     if (from.empty())
-      WriteBytes(s.Path("bin/" + name), 0, {'n', 'o', 't', ' ', 'E', 'L', 'F'});
+      WriteBytes(s.Path("bin/" + name), 0, {'n', 'o', 't', ' ', 'a', ' ', 'l', 'i', 'b'});
     else
-      std::filesystem::copy_file(from, s.Path("bin/" + name));
+      fs::copy_file(from, s.Path("bin/" + name), fs::copy_options::overwrite_existing);
   }
-  return s.Path("bin/byteturn");
+  return exe;
 }
 
 // Each library's table is walked to its end; a symbol that only a dependency of the library
@@ -131,20 +149,20 @@ TEST(Compression, LibraryLackingASymbolIsRefused) {
   const struct {
     int method;
     std::string file, symbol;
-  } stubs[] = {{1, "libz.so.1", "deflateBound"},
-               {2, "libzstd.so.1", "ZSTD_getErrorName"},
-               {3, "liblz4.so.1", "LZ4_decompress_safe_continue"}};
+  } stubs[] = {{1, LibraryFile("zlib1"), "deflateBound"},
+               {2, LibraryFile("zstd"), "ZSTD_getErrorName"},
+               {3, LibraryFile("lz4"), "LZ4_decompress_safe_continue"}};
   for (const auto& stub : stubs) {
     Scratch s;
-    const std::string exe = ByteturnWith(s, {{std::string(STUB_DIR) + "/" + stub.file, stub.file}});
+    const std::string exe = ByteturnWith(s, {{UnderTest().stubDir + "/" + stub.file, stub.file}});
     gendb::Params p = Compressed(2, true, 5);
     p.methods = {stub.method};
     p.bigRefShare = 0;  // the block loop meets the first compressed block, not a big string
     Generate(p, s.Path("db.dat"));
     RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
     EXPECT_EQ(r.status, 1);
-    const std::string expected = "\n\rError loading symbol " + stub.symbol + " from " + s.Path("bin/" + stub.file) +
-                                 ": " + std::to_string(ENOSYS) + "\n\r";
+    const std::string expected = "\n\rError loading symbol " + stub.symbol + " from " + Shown(s.Path("bin/" + stub.file)) +
+                                 ": " + std::to_string(Codes().symbolMissing) + "\n\r";
     EXPECT_NE(r.out.find(expected), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\r\nError uncompressing "), std::string::npos) << r.out;
   }
@@ -154,20 +172,26 @@ TEST(Compression, LibraryLackingASymbolIsRefused) {
 // up to its last separator: the libraries are still found.
 TEST(Compression, LongExecutablePathStillGivesABinDirectory) {
   Scratch s;
-  const std::string dir = s.Path(std::string(100, 'a') + "/" + std::string(100, 'b'));
-  std::filesystem::create_directories(dir);
-  std::filesystem::copy_file(BYTETURN_EXE, dir + "/byteturn-with-a-long-name");
-  ASSERT_GT(dir.size() + 26, 227u);
+  const std::string dir = s.Path(std::string(80, 'a') + "/" + std::string(80, 'b'));
+  const std::string exe = CopyOfByteturn(dir, "byteturn-with-a-long-name");
+  const std::string shown = Shown(exe);
+  ASSERT_GT(shown.size(), 227u);
+  // Where the program then looks for its libraries (the Windows build only there): 226
+  // characters of the path as the program sees it, up to the last separator.
+  const std::string cut = exe.substr(0, 226 - (shown.size() - exe.size()));
+  const std::string bin = cut.substr(0, cut.rfind('/') + 1);
+  for (const char* base : {"zlib1", "zstd", "lz4"})
+    if (fs::exists(dir + "/" + LibraryFile(base))) fs::copy_file(dir + "/" + LibraryFile(base), bin + LibraryFile(base));
   gendb::Params p = Compressed(2, true, 8);
   p.methods = {1, 2, 3};
   Generate(p, s.Path("db.dat"));
-  RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", dir + "/byteturn-with-a-long-name");
+  RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
   EXPECT_EQ(r.status, 0) << r.out;
 }
 
 TEST(Compression, MissingLibraryMattersOnlyWhenItsMethodIsMet) {
   Scratch s;
-  const std::string exe = ByteturnWith(s, {{"", "liblz4.so.1"}});
+  const std::string exe = ByteturnWith(s, {{"", LibraryFile("lz4")}});
   gendb::Params p = Compressed(2, false, 6);
   p.methods = {1, 2, 5};
   Generate(p, s.Path("db.dat"));
@@ -179,7 +203,8 @@ TEST(Compression, MissingLibraryMattersOnlyWhenItsMethodIsMet) {
   RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
   EXPECT_EQ(r.status, 1);
   // A file that is not a loadable library.
-  EXPECT_NE(r.out.find("\n\rError loading " + s.Path("bin/liblz4.so.1") + ": " + std::to_string(ENOEXEC) + "\n\r"),
+  EXPECT_NE(r.out.find("\n\rError loading " + Shown(s.Path("bin/" + LibraryFile("lz4"))) + ": " +
+                       std::to_string(Codes().libraryNotLoadable) + "\n\r"),
             std::string::npos)
       << r.out;
   EXPECT_NE(r.out.find("\r\nError uncompressing "), std::string::npos) << r.out;
@@ -187,20 +212,20 @@ TEST(Compression, MissingLibraryMattersOnlyWhenItsMethodIsMet) {
 
 TEST(Compression, FailedLoadIsReportedOnce) {
   Scratch s;
-  WriteBytes(s.Path("liblz4.so.1"), 0, {'x'});
+  WriteBytes(s.Path(platform::SharedLibraryFileName("lz4")), 0, {'x'});
   Envelope e(8192, 100, 3);
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(compression::DecompressBlock(e.block.data(), 8192, true, s.dir + "/"), 0);
   EXPECT_EQ(compression::DecompressBlock(e.block.data(), 8192, true, s.dir + "/"), 0);
   const std::string out = ::testing::internal::GetCapturedStdout();
-  EXPECT_EQ(out.rfind("\n\rError loading " + s.Path("liblz4.so.1") + ": ", 0), 0u) << out;
+  EXPECT_EQ(out.rfind("\n\rError loading " + s.Path(platform::SharedLibraryFileName("lz4")) + ": ", 0), 0u) << out;
   EXPECT_EQ(out.find("Error loading", 5), std::string::npos) << out;
   EXPECT_TRUE(compression::compressionMethodTable[2].stateFlags & compression::kLoadFailed);
 
   // A library that is nowhere.
   platform::ClearLastError();
   EXPECT_EQ(platform::LibraryOpen(s.Path("libnothing.so.1")), nullptr);
-  EXPECT_EQ(platform::LastError(), ENOENT);
+  EXPECT_EQ(platform::LastError(), platform::kSeparator == '\\' ? 126 : ENOENT);  // module not found
 }
 
 }  // namespace

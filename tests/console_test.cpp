@@ -13,8 +13,8 @@ TEST(Console, ReportIntoAClosedPipeEndsWithZero) {
   gendb::Params p;
   p.lastBlock = 100;
   Generate(p, s.Path("db.dat"));
-  const std::string command =
-      "bash -c '\"$0\" -r \"$1\" | true; exit ${PIPESTATUS[0]}' '" BYTETURN_EXE "' '" + s.Path("db.dat") + "'";
+  const std::string command = "bash -c \"" + ShellCommand() + " -r '" + Shown(s.Path("db.dat")) +
+                              "' | true; exit \\${PIPESTATUS[0]}\"";
   for (int i = 0; i < 3; ++i) EXPECT_EQ(std::system(command.c_str()), 0);
 }
 
@@ -54,7 +54,7 @@ TEST(Console, AnswersTypedAheadConvertAnEncryptedDatabase) {
   twin.bigEndian = !p.bigEndian;
   twin.converted = true;
   Generate(twin, s.Path("twin.dat"));
-  const std::string answers = s.Path("k.key") + "\nadmin\npw\n";
+  const std::string answers = Shown(s.Path("k.key")) + "\nadmin\npw\n";
   WriteBytes(s.Path("answers"), 0, std::vector<std::uint8_t>(answers.begin(), answers.end()));
   const std::string shown = RunConsole("pty", 60, s.Path("answers"), {"-t", s.Path("db.dat")});
   EXPECT_NE(shown.find("status 0\n"), std::string::npos) << shown;

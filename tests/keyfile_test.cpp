@@ -30,7 +30,7 @@ gendb::Params Encrypted(bool big, const Key& key, std::uint64_t seed) {
 }
 
 std::string Answers(const std::string& keyfile, const std::string& user = "admin", const std::string& password = "s3cret") {
-  return keyfile + "\n" + user + "\n" + password + "\n";
+  return Shown(keyfile) + "\n" + user + "\n" + password + "\n";
 }
 
 // Both keyfile versions, the three key sizes, both orders: the twin's exact bytes.
@@ -155,7 +155,7 @@ TEST(Keyfile, RulesAndMessages) {
     ASSERT_EQ(cut.Save(keyfile), "");
     RunResult r = RunByteturn({"-t", db}, Answers(keyfile));
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, prompts + "Error reading keyfile item:  " + EndOfFileText() + "\n");
+    EXPECT_EQ(r.err, prompts + "Error reading keyfile item:  " + SystemText(Codes().endOfFile) + "\n");
   }
 }
 

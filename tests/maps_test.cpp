@@ -55,13 +55,9 @@ TEST(Maps, MissingListHeadIsFatal) {
   // whose stdout is redirected to stderr.
   bt::SetGeometry(2);
   bt::ResetMaps();
-  EXPECT_EXIT(
-      {
-        std::fflush(stdout);
-        std::freopen("/dev/stderr", "w", stdout);
-        bt::FetchGoverningMap(5000, 2);
-      },
-      ::testing::ExitedWithCode(1), "\r\nCould not find map block 2 in map list. map=0x0000000000000000");
+  std::fflush(stdout);
+  EXPECT_EQ(OUTPUT_OF_FAILURE(bt::FetchGoverningMap(5000, 2)),
+            "\r\nCould not find map block 2 in map list. map=0x0000000000000000");
 }
 
 // A map ahead that is not a map, and one beyond the last block, end the run before the block.

@@ -5,12 +5,19 @@
 #include <cstdint>
 #include <cstdio>
 
+// The formats are checked as C99 printf formats; on Windows the runtime's C99 printf is used.
+#ifdef _WIN32
+#define BT_PRINTF(f, a) __attribute__((format(gnu_printf, f, a)))
+#else
+#define BT_PRINTF(f, a) __attribute__((format(printf, f, a)))
+#endif
+
 namespace bt {
 
-void Print(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void PrintTo(std::FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
-[[noreturn]] void Fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
-[[noreturn]] void FailTo(std::FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void Print(const char* format, ...) BT_PRINTF(1, 2);
+void PrintTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
+[[noreturn]] void Fail(const char* format, ...) BT_PRINTF(1, 2);
+[[noreturn]] void FailTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
 [[noreturn]] void EndRun(int status);
 
 // A pointer as the messages show it after "0x": 16 upper-case hexadecimal digits.

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -34,6 +36,16 @@ std::string Quote(const std::string& s) {
   return q + "'";
 }
 
+// The arguments as a shell command's words; absolute paths in the form the program takes them.
+std::string Words(const std::vector<std::string>& args) {
+  std::string words;
+  for (const auto& a : args) {
+    words += ' ';
+    words += Quote(a.starts_with("/") ? Shown(a) : a);
+  }
+  return words;
+}
+
 }  // namespace
 
 Scratch::Scratch() {
@@ -61,8 +73,8 @@ RunResult RunByteturn(const std::vector<std::string>& args, const std::string& i
   }
   std::string command;
   if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
-  command += Quote(exe.empty() ? std::string(BYTETURN_EXE) : exe);
-  for (const auto& a : args) command += " " + Quote(a);
+  command += ShellCommand(exe);
+  command += Words(args);
   command += " < " + Quote(base + "in") + " > " + Quote(base + "out") + " 2> " + Quote(base + "err");
   int raw = std::system(command.c_str());
   RunResult r;
@@ -109,25 +121,82 @@ void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t v, bo
 
 bool Exists(const std::string& path) { return fs::exists(path); }
 
-std::string EndOfFileText() {
-  platform::RecordShortTransfer(false);
-  return platform::SystemErrorText(platform::LastError());
+std::string ScratchFileName(const std::string& what) {
+  const fs::path runs = fs::temp_directory_path() / "byteturn-runs";
+  fs::create_directories(runs);
+  return (runs / (TestName() + "-" + what)).string();
 }
 
-std::string EndOfFileError() {
-  platform::RecordShortTransfer(false);
-  return "Error " + std::to_string(platform::LastError()) + "=(" + EndOfFileText() + ")";
+const Target& UnderTest() {
+  static const Target target = [] {
+    Target t;
+    const char* exe = std::getenv("BYTETURN_UNDER_TEST");
+    const char* runner = std::getenv("BYTETURN_RUNNER");
+    const char* stubs = std::getenv("BYTETURN_STUB_DIR");
+    t.exe = exe != nullptr ? exe : BYTETURN_EXE;
+    t.runner = runner != nullptr ? runner : BYTETURN_RUNNER;
+    t.windows = t.exe.ends_with(".exe");
+    t.stubDir = stubs != nullptr ? stubs : STUB_DIR;
+    return t;
+  }();
+  return target;
+}
+
+std::string ShellCommand(const std::string& exe) {
+  const Target& t = UnderTest();
+  return (t.runner.empty() ? "" : t.runner + " ") + Quote(exe.empty() ? t.exe : exe);
+}
+
+std::string Shown(const std::string& path) {
+  if (!UnderTest().windows) return path;
+  std::string shown = path;
+  for (char& c : shown)
+    if (c == '/') c = '\\';
+  return shown.starts_with("\\") ? "Z:" + shown : shown;
+}
+
+char Sep() { return UnderTest().windows ? '\\' : '/'; }
+
+std::string LibraryFile(const std::string& baseName) {
+  return UnderTest().windows ? baseName + ".dll" : platform::SharedLibraryFileName(baseName);
+}
+
+std::string SystemText(int code) {
+  // The texts of the platform these tests run on are at hand.
+  const bool testsRunOnWindows = platform::kSeparator == '\\';
+  if (UnderTest().windows == testsRunOnWindows) return platform::SystemErrorText(code);
+  // The Windows system's own text, from a program of that platform that prints it.
+  const std::string out = (fs::temp_directory_path() / "byteturn-runs" / (TestName() + "-text")).string();
+  const std::string command = UnderTest().runner + " " + Quote(UnderTest().stubDir + "/system_text.exe") + " " +
+                              std::to_string(code) + " > " + Quote(out);
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  std::string text = ReadText(out);
+  fs::remove(out);
+  return text;
+}
+
+std::string ErrorShown(int code) {
+  const std::string text = SystemText(code);
+  return "Error " + std::to_string(code) + "=(" + (text.empty() ? "unknown error" : text) + ")";
+}
+
+const ErrorCodes& Codes() {
+  // Windows: file not found, access denied, end of file, name too long, module not found, not a
+  // valid image, no such procedure.
+  static const ErrorCodes windows{2, 5, 38, 206, 126, 193, 127};
+  static const ErrorCodes posix{ENOENT, EISDIR, ENODATA, ENAMETOOLONG, ENOENT, ENOEXEC, ENOSYS};
+  return UnderTest().windows ? windows : posix;
 }
 
 std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
                        const std::vector<std::string>& args, const std::string& cwd) {
-  const std::string out = fs::temp_directory_path() / "byteturn-runs" / (TestName() + "-console");
+  const std::string out = (fs::temp_directory_path() / "byteturn-runs" / (TestName() + "-console")).string();
   fs::create_directories(fs::path(out).parent_path());
   std::string command;
   if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
   command += "python3 " + Quote(CONSOLE_HELPER) + " " + mode + " " + std::to_string(seconds) + " " +
-             Quote(modeArgument) + " -- " + Quote(BYTETURN_EXE);
-  for (const auto& a : args) command += " " + Quote(a);
+             Quote(modeArgument) + " -- " + ShellCommand();
+  command += Words(args);
   command += " > " + Quote(out);
   EXPECT_EQ(std::system(command.c_str()), 0) << command;
   std::string text = ReadText(out);
@@ -135,8 +204,29 @@ std::string RunConsole(const std::string& mode, int seconds, const std::string& 
   return text;
 }
 
+namespace {
+// The markers name the primary directory as this machine writes it; the program under test
+// reads them in its own path form.
+void ShowMarkers(const gendb::Params& params, const std::string& path) {
+  if (!UnderTest().windows || !params.volumeSet.markers) return;
+  const std::string main = fs::path(path).parent_path().string() + "/";
+  for (const std::string& dir : params.volumeSet.directories) {
+    const std::string marker = (dir[0] == '/' ? dir : main + dir) + "orva.dbdir";
+    std::string line = ReadText(marker);
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    std::ofstream(marker, std::ios::binary | std::ios::trunc) << Shown(line) << "\n";
+  }
+}
+}  // namespace
+
+std::string GenerateFor(const gendb::Params& params, const std::string& path, gendb::Stats* stats) {
+  std::string error = gendb::GenerateDatabase(params, path, stats);
+  if (error.empty()) ShowMarkers(params, path);
+  return error;
+}
+
 void Generate(const gendb::Params& params, const std::string& path) {
-  std::string error = gendb::GenerateDatabase(params, path);
+  std::string error = GenerateFor(params, path);
   ASSERT_EQ(error, "") << path;
 }
 
@@ -144,7 +234,7 @@ RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, con
                                gendb::Stats* stats, const std::string& exe) {
   const std::string source = scratch.Path("source.dat"), twin = scratch.Path("twin.dat");
   params.converted = false;
-  std::string error = gendb::GenerateDatabase(params, source, stats);
+  std::string error = GenerateFor(params, source, stats);
   EXPECT_EQ(error, "");
   gendb::Params other = params;
   other.bigEndian = !params.bigEndian;

@@ -9,6 +9,34 @@
 
 namespace testsupport {
 
+// The byteturn under test: by default this build's program (run through the emulator when the
+// tests themselves are cross-built), or, when BYTETURN_UNDER_TEST names another program (the
+// Windows build), that one, run through BYTETURN_RUNNER ("wine"). What depends on the platform
+// under test (path form, system error numbers and texts, library file names) is computed here.
+struct Target {
+  std::string exe;
+  std::string runner;    // "" or the command that runs exe
+  bool windows = false;  // Windows paths, error codes and library names
+  std::string stubDir;   // where the compression library stand-ins of that platform are
+};
+const Target& UnderTest();
+// The program (or a copy of it at exe) as the start of a shell command.
+std::string ShellCommand(const std::string& exe = "");
+// A path of this machine as the program under test takes and prints it.
+std::string Shown(const std::string& path);
+// The directory separator of the platform under test.
+char Sep();
+// The platform's file name of a compression library: "zlib1", "zstd", "lz4".
+std::string LibraryFile(const std::string& baseName);
+// "Error %d=(%s)" as the program under test prints the system error code, and the codes of the
+// causes that the tests provoke.
+std::string ErrorShown(int code);
+std::string SystemText(int code);
+struct ErrorCodes {
+  int fileNotFound, openDirectory, endOfFile, nameTooLong, libraryMissing, libraryNotLoadable, symbolMissing;
+};
+const ErrorCodes& Codes();
+
 struct RunResult {
   int status = -1;
   std::string out;
@@ -36,17 +64,34 @@ void PatchU16(const std::string& path, std::uint64_t offset, std::uint16_t value
 void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t value, bool big);
 bool Exists(const std::string& path);
 
-// What byteturn shows for a file that ends before the bytes it needs: the system's text, and the
-// whole "Error %d=(%s)".
-std::string EndOfFileText();
-std::string EndOfFileError();
+// What byteturn shows for a file that ends before the bytes it needs.
+inline std::string EndOfFileError() { return ErrorShown(Codes().endOfFile); }
+
+// Runs body in a child process that must end with status 1 (a fatal failure of the program's
+// own code), and returns what it printed on standard output.
+#define OUTPUT_OF_FAILURE(body)                                                  \
+  [&] {                                                                          \
+    const std::string file_ = testsupport::ScratchFileName("failure-output");    \
+    EXPECT_EXIT(                                                                 \
+        {                                                                        \
+          std::freopen(file_.c_str(), "wb", stdout);                             \
+          body;                                                                  \
+        },                                                                       \
+        ::testing::ExitedWithCode(1), "");                                       \
+    return testsupport::ReadText(file_);                                         \
+  }()
+// A file name of the running test's own, in the system's temporary directory.
+std::string ScratchFileName(const std::string& what);
 
 // Runs tests/support/console.py in mode "pty" or "head" (see there) on byteturn with args, in
 // directory cwd, and returns what it printed.
 std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
                        const std::vector<std::string>& args, const std::string& cwd = "");
 
-// Generates the database for params into path, failing the test on error.
+// Generates the database for params into path, its markers in the form of the program under
+// test: "" or what went wrong.
+std::string GenerateFor(const gendb::Params& params, const std::string& path, gendb::Stats* stats = nullptr);
+// The same, failing the test on error.
 void Generate(const gendb::Params& params, const std::string& path);
 // Generates params in the source order and its converted twin in the other order, converts the
 // source with byteturn -t and expects the twin's exact bytes. Returns byteturn's result.

@@ -48,6 +48,7 @@ std::int64_t NextHole(File file, std::uint64_t position);
 // The last system error code, and a way to clear it before a call that may fail silently.
 int LastError();
 void ClearLastError();
+void SetLastError(int code);
 // The system's own text for an error code, or "" when it has none.
 std::string SystemErrorText(int code);
 // True for the codes meaning "file not found" and "path not found".

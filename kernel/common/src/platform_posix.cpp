@@ -119,6 +119,7 @@ std::int64_t NextHole(File file, std::uint64_t position) {
 
 int LastError() { return errno; }
 void ClearLastError() { errno = 0; }
+void SetLastError(int code) { errno = code; }
 
 std::string SystemErrorText(int code) {
   const char* text = ::strerror(code);

@@ -83,7 +83,7 @@ std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint6
   });
 }
 
-void RecordShortTransfer(bool writing) { SetLastError(writing ? ERROR_DISK_FULL : ERROR_HANDLE_EOF); }
+void RecordShortTransfer(bool writing) { ::SetLastError(writing ? ERROR_DISK_FULL : ERROR_HANDLE_EOF); }
 
 bool Sync(File file) { return FlushFileBuffers(ToHandle(file)) != 0; }
 
@@ -111,7 +111,8 @@ std::int64_t NextData(File, std::uint64_t position) { return static_cast<std::in
 std::int64_t NextHole(File file, std::uint64_t) { return FileSize(file); }
 
 int LastError() { return static_cast<int>(GetLastError()); }
-void ClearLastError() { SetLastError(0); }
+void ClearLastError() { ::SetLastError(0); }
+void SetLastError(int code) { ::SetLastError(static_cast<DWORD>(code)); }
 
 // The system's text as it comes, line end included; "" when it has none.
 std::string SystemErrorText(int code) {
@@ -136,7 +137,7 @@ std::string FullPathName(const std::string& path, std::size_t limit) {
   DWORD n = GetFullPathNameA(path.c_str(), room, full, nullptr);
   if (n == 0) return "";
   if (n >= room) {
-    SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    ::SetLastError(ERROR_FILENAME_EXCED_RANGE);
     return "";
   }
   return std::string(full, n);
