@@ -6,6 +6,7 @@
 #include "compression.h"
 #include "platform.h"
 #include "run.h"
+#include "state.h"
 
 using namespace testsupport;
 
@@ -108,7 +109,9 @@ TEST(Compression, ShortOrLongStreamsRestoreOnlyTheEnvelope) {
 
 TEST(Compression, NoBinDirectoryEndsTheRun) {
   Envelope e(8192, 100, 4);
-  EXPECT_EQ(OUTPUT_OF_FAILURE(compression::DecompressBlock(e.block.data(), 8192, true, "")),
+  bt::SetGeometry(2);
+  bt::binDirectory.clear();
+  EXPECT_EQ(OUTPUT_OF_FAILURE(bt::DecompressBlock(e.block.data())),
             "\n\rCould not determine bin directory to locate compression library\n\r");
 }
 

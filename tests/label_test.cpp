@@ -155,6 +155,32 @@ TEST(Label, ConvertLabelBlockReversesFieldsAndUnitTexts) {
   bt::swapFlag = 0;  // converting back takes the lengths in the new order and restores every byte
   bt::ConvertLabelBlock(bt::Bytes(block));
   EXPECT_EQ(block, original);
+
+  // A manager directory of 255 units runs over the second text's length (1792) and the key ID's
+  // (1920): which runs are swapped is still decided by the lengths the database stored.
+  for (int swap : {1, 0}) {
+    std::vector<std::uint8_t> label(4096, 0);
+    bt::swapFlag = swap;
+    auto put = [&](std::size_t at, std::uint16_t v) {
+      label[at + (swap ? 0 : 1)] = static_cast<std::uint8_t>(v >> 8);
+      label[at + (swap ? 1 : 0)] = static_cast<std::uint8_t>(v);
+    };
+    put(1532, 0x01FF);  // 255 units: 1534 to 2043
+    put(1792, 0x8002);  // two units at 1794
+    put(1920, 0x0003);  // bytes
+    label[1794] = 1, label[1795] = 2, label[1796] = 3, label[1797] = 4;
+    label[1922] = 5, label[1923] = 6;
+    const auto stored = label;
+    bt::ConvertLabelBlock(bt::Bytes(label));
+    // Swapped as part of the directory, then again as the second text: back where they were.
+    EXPECT_EQ(std::vector<std::uint8_t>(label.begin() + 1794, label.begin() + 1798),
+              std::vector<std::uint8_t>(stored.begin() + 1794, stored.begin() + 1798));
+    EXPECT_EQ(label[1922], 6);  // only the directory's units swapped the key ID's bytes
+    EXPECT_EQ(label[1923], 5);
+    // The length fields are swapped as directory units and as fields: as they were.
+    EXPECT_EQ(label[1792], stored[1792]);
+    EXPECT_EQ(label[1920], stored[1920]);
+  }
 }
 
 }  // namespace

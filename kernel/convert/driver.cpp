@@ -85,7 +85,7 @@ Step ConvertBlock(VolumeStream& vs, std::uint32_t b) {
     DecryptAfterRead(b, "Error decrypting map block\n");
     if ((blockBuffer[header::kType] & header::kCompressed) && DecompressBlock(blockBuffer) == 0)
       Fail("\r\nError uncompressing map block (block #%u)\r\n", b);
-    ConvertMapBlock(b);
+    ConvertMapBlock(block, b);
     return Step::kWrite;
   }
 
@@ -160,6 +160,7 @@ void ConvertVolume(std::uint32_t volume, std::uint32_t& b, bool verbose) {
     if (b == UINT32_MAX) break;
   }
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
+  SyncVolumeOrFail(vs.writeFile, volume);  // on stable storage before the run says it is done
   platform::Close(vs.readFile);
   platform::Close(vs.writeFile);
 }
@@ -190,6 +191,7 @@ int ByteturnMain(int argc, const char* const* argv) {
   platform::KeepRunningWithoutConsole();
   std::uint32_t b = 1;
   for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) ConvertVolume(volume, b, commandLine.verbose);
+  SyncHandleCache();
 
   Print("\r\nDone converting to %s", swapFlag ? "little-endian\r\n" : "big-endian\r\n");
   CloseHandleCache();

@@ -77,11 +77,11 @@ void ReverseMapFields(Bytes block) {
   RevEach32(block, map::kWordsStart, block.size());
 }
 
-void ConvertMapBlock(std::uint32_t b) {
+void ConvertMapBlock(Bytes block, std::uint32_t b) {
   const bool listed = IsTrueMapBlock(b) && b != currentMapNumber;
-  if (listed && swapFlag == 0) AppendToMapList(b, blockBuffer);
-  ReverseMapFields(BlockSpan());
-  if (listed && swapFlag == 1) AppendToMapList(b, blockBuffer);
+  if (listed && swapFlag == 0) AppendToMapList(b, block.data());
+  ReverseMapFields(block);
+  if (listed && swapFlag == 1) AppendToMapList(b, block.data());
 }
 
 void ReadCurMap(std::uint32_t m, int swap) {

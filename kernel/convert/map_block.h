@@ -25,7 +25,7 @@ std::uint32_t GoverningMap(std::uint32_t b);
 // Reverses a map block's fields in place (also used for the other blocks of a map area).
 void ReverseMapFields(Bytes block);
 // Converts map area block b in the block buffer and lists a copy of a true map.
-void ConvertMapBlock(std::uint32_t b);
+void ConvertMapBlock(Bytes block, std::uint32_t b);
 // Reads map block m into the current map, in this machine's order.
 void ReadCurMap(std::uint32_t m, int swap);
 // Makes map m the current map: read ahead, or taken from the head of the map list.

@@ -22,7 +22,11 @@ void PrintTo(std::FILE* stream, const char* format, ...) {
 void EndRun(int status) {
   std::fflush(stdout);
   std::fflush(stderr);
+#ifdef BYTETURN_FUZZ
+  throw RunEnded{status};
+#else
   std::exit(status);
+#endif
 }
 
 void Fail(const char* format, ...) {

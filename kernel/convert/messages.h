@@ -18,7 +18,12 @@ void Print(const char* format, ...) BT_PRINTF(1, 2);
 void PrintTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
 [[noreturn]] void Fail(const char* format, ...) BT_PRINTF(1, 2);
 [[noreturn]] void FailTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
+// Ends the process with status. A fuzzing build (BYTETURN_FUZZ) throws RunEnded instead, so that
+// its targets can go on after a refusal.
 [[noreturn]] void EndRun(int status);
+struct RunEnded {
+  int status;
+};
 
 // A pointer as the messages show it after "0x": 16 upper-case hexadecimal digits.
 inline unsigned long long PointerValue(const void* p) {

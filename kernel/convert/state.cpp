@@ -1,5 +1,7 @@
 #include "state.h"
 
+#include "messages.h"
+
 namespace bt {
 
 int swapFlag = 0;
@@ -30,6 +32,11 @@ std::string primaryDirectory;
 std::vector<std::string> volumeDirectories;
 std::uint32_t volumeFirstBlock[kMaxVolumes + 2];
 std::uint16_t volumeDirIndex[kMaxVolumes + 2];
+
+int DecompressBlock(std::uint8_t* block) {
+  if (binDirectory.empty()) Fail("\n\rCould not determine bin directory to locate compression library\n\r");
+  return compression::DecompressBlock(block, blockSize, swapFlag != 0, binDirectory);
+}
 
 void SetGeometry(std::uint32_t code) {
   blockSizeCode = code;

@@ -78,10 +78,9 @@ inline constexpr BlockGeometry kGeometry[6] = {
     {16384, 125952, 4, 1},    {32768, 252928, 2, 1},   {65536, 506880, 1, 1},
 };
 
-// Decompresses a block of the run's block size in place (1 = done, 0 = library unusable).
-inline int DecompressBlock(std::uint8_t* block) {
-  return compression::DecompressBlock(block, blockSize, swapFlag != 0, binDirectory);
-}
+// Decompresses a block of the run's block size in place (1 = done, 0 = library unusable). Without
+// a bin directory no library can be found: that ends the run, whatever the method.
+int DecompressBlock(std::uint8_t* block);
 
 // Installs a block size code (0..5) as the run's geometry.
 void SetGeometry(std::uint32_t code);

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "messages.h"
 #include "state.h"
 #include "volume_set.h"
 
@@ -84,6 +85,17 @@ platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_
 void EmptyHandleCache() {
   for (CacheSlot& slot : handleCache) slot = CacheSlot{};
   nextSlot = 0;
+}
+
+void SyncVolumeOrFail(platform::File file, std::uint32_t volume) {
+  platform::ClearLastError();
+  if (!platform::Sync(file)) Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(volume), ErrorText());
+}
+
+// Blocks rewritten out of order (big strings) went through these handles.
+void SyncHandleCache() {
+  for (const CacheSlot& slot : handleCache)
+    if (slot.file != platform::kInvalidFile) SyncVolumeOrFail(slot.file, static_cast<std::uint32_t>(slot.volume));
 }
 
 void CloseHandleCache() {

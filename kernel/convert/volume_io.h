@@ -19,7 +19,11 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
 // Cached handle of the volume holding block b (invalid when it cannot be opened).
 platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
 void EmptyHandleCache();
+// Flushes every cached file to stable storage; ends the run on the first that fails.
+void SyncHandleCache();
 void CloseHandleCache();
+// Flushes the file of volume to stable storage; ends the run when it fails.
+void SyncVolumeOrFail(platform::File file, std::uint32_t volume);
 // Slot contents, for inspection: the volume index held by a slot, -1 when empty.
 int HandleCacheSlotVolume(int slot);
 

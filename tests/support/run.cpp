@@ -61,7 +61,7 @@ Scratch::~Scratch() {
 }
 
 RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input, const std::string& cwd,
-                      const std::string& exe) {
+                      const std::string& exe, const std::string& environment) {
   static std::atomic<int> counter{0};
   // Tests run as parallel processes: the test's name keeps their files apart.
   const fs::path runs = fs::temp_directory_path() / "byteturn-runs";
@@ -73,6 +73,7 @@ RunResult RunByteturn(const std::vector<std::string>& args, const std::string& i
   }
   std::string command;
   if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
+  if (!environment.empty()) command += environment + " ";
   command += ShellCommand(exe);
   command += Words(args);
   command += " < " + Quote(base + "in") + " > " + Quote(base + "out") + " 2> " + Quote(base + "err");
@@ -133,7 +134,9 @@ const Target& UnderTest() {
     const char* exe = std::getenv("BYTETURN_UNDER_TEST");
     const char* runner = std::getenv("BYTETURN_RUNNER");
     const char* stubs = std::getenv("BYTETURN_STUB_DIR");
+    const char* faults = std::getenv("BYTETURN_FAULTS_UNDER_TEST");
     t.exe = exe != nullptr ? exe : BYTETURN_EXE;
+    t.faultsExe = faults != nullptr ? faults : BYTETURN_FAULTS_EXE;
     t.runner = runner != nullptr ? runner : BYTETURN_RUNNER;
     t.windows = t.exe.ends_with(".exe");
     t.stubDir = stubs != nullptr ? stubs : STUB_DIR;

@@ -15,6 +15,7 @@ namespace testsupport {
 // under test (path form, system error numbers and texts, library file names) is computed here.
 struct Target {
   std::string exe;
+  std::string faultsExe;  // the same program with the fault seam (see fault_seam.h)
   std::string runner;    // "" or the command that runs exe
   bool windows = false;  // Windows paths, error codes and library names
   std::string stubDir;   // where the compression library stand-ins of that platform are
@@ -44,9 +45,9 @@ struct RunResult {
 };
 
 // Runs byteturn (or a copy of it at exe) with the arguments, in directory cwd when given,
-// feeding input on stdin.
+// feeding input on stdin; environment holds "NAME=value" words for its environment.
 RunResult RunByteturn(const std::vector<std::string>& args, const std::string& input = "",
-                      const std::string& cwd = "", const std::string& exe = "");
+                      const std::string& cwd = "", const std::string& exe = "", const std::string& environment = "");
 
 // A fresh directory for the running test, removed when the object goes away.
 struct Scratch {

@@ -1,7 +1,6 @@
 #include "compression.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "byteorder.h"
@@ -170,11 +169,6 @@ int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t message
 }
 
 int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDir) {
-  if (binDir.empty()) {
-    std::printf("\n\rCould not determine bin directory to locate compression library\n\r");
-    std::fflush(stdout);
-    std::exit(1);
-  }
   const int method = block[5];
   const std::int32_t length = static_cast<std::int32_t>(bt::Load32(block, bigEndian));
   if (length < 1 || length > static_cast<std::int32_t>(blockSize) - 4104 || method < 1 || method > 5) return 1;

@@ -45,7 +45,8 @@ int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t message
 
 // Decompresses the block in place when its envelope is valid and its stream yields exactly one
 // block. 1 = done (decompressed, or left compressed), 0 = the method's library is unusable.
-// Ends the process when binDirectory is empty.
+// binDirectory (ending in a separator) is where the libraries are looked for first; the caller
+// refuses to go on without one.
 int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDirectory);
 
 }  // namespace compression

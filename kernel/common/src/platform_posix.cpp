@@ -1,6 +1,7 @@
 // POSIX implementation of the platform interface.
 #include "platform.h"
 
+#include "fault_seam.h"
 #include "transfer.h"
 
 #include <cerrno>
@@ -22,8 +23,19 @@ static_assert(sizeof(termios) <= sizeof(platform::EchoState::saved));
 namespace platform {
 
 namespace {
+// Records this platform's code for an injected fault (test builds only); false when there is none.
+bool Injected(faults::Fault fault) {
+  switch (fault) {
+    case faults::Fault::kIo: errno = EIO; return true;
+    case faults::Fault::kNoSpace: errno = ENOSPC; return true;
+    case faults::Fault::kAccess: errno = EACCES; return true;
+    default: return false;
+  }
+}
+
 // Opening a directory as a file fails, as it does on Windows.
 File OpenExisting(const std::string& path, int access) {
+  if (Injected(faults::BeforeOpen(path))) return kInvalidFile;
   int fd = ::open(path.c_str(), access | O_CLOEXEC);
   if (fd < 0) return kInvalidFile;
   struct stat st;
@@ -32,7 +44,17 @@ File OpenExisting(const std::string& path, int access) {
     errno = EISDIR;
     return kInvalidFile;
   }
+  faults::NoteOpened(fd, path);
   return fd;
+}
+
+// Asks the fault plan about a transfer: false with the fault recorded, or the size to move.
+bool Allowed(bool writing, File file, std::uint64_t position, std::size_t* size) {
+  std::uint64_t stop = 0;
+  const faults::Fault fault = faults::BeforeTransfer(writing, file, position, *size, &stop);
+  if (Injected(fault)) return false;
+  if (fault == faults::Fault::kShort) *size = static_cast<std::size_t>(stop - position);
+  return true;
 }
 }  // namespace
 
@@ -57,7 +79,9 @@ File CreateReadWrite(const std::string& path) {
 }
 
 void Close(File file) {
-  if (file != kInvalidFile) ::close(static_cast<int>(file));
+  if (file == kInvalidFile) return;
+  faults::NoteClosed(file);
+  ::close(static_cast<int>(file));
 }
 
 namespace {
@@ -74,6 +98,7 @@ std::int64_t Retrying(Call call) {
 }  // namespace
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
+  if (!Allowed(false, file, position, &size)) return -1;
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {
     return Retrying([&] { return ::pread(static_cast<int>(file), out + done, size - done, Offset(position + done)); });
@@ -81,6 +106,7 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
+  if (!Allowed(true, file, position, &size)) return -1;
   auto* in = static_cast<const unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {
     return Retrying([&] { return ::pwrite(static_cast<int>(file), in + done, size - done, Offset(position + done)); });
@@ -89,7 +115,7 @@ std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint6
 
 void RecordShortTransfer(bool writing) { errno = writing ? ENOSPC : ENODATA; }
 
-bool Sync(File file) { return ::fdatasync(static_cast<int>(file)) == 0; }
+bool Sync(File file) { return !Injected(faults::BeforeSync(file)) && ::fdatasync(static_cast<int>(file)) == 0; }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);

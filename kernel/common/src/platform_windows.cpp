@@ -1,6 +1,7 @@
 // Windows implementation of the platform interface, with the calls the system has always used.
 #include "platform.h"
 
+#include "fault_seam.h"
 #include "transfer.h"
 
 #include <windows.h>
@@ -25,19 +26,39 @@ OVERLAPPED At(std::uint64_t position) {
 }
 
 DWORD Chunk(std::size_t size) { return static_cast<DWORD>(std::min<std::size_t>(size, 0x40000000u)); }
+
+// Records this platform's code for an injected fault (test builds only); false when there is none.
+bool Injected(faults::Fault fault) {
+  switch (fault) {
+    case faults::Fault::kIo: ::SetLastError(ERROR_IO_DEVICE); return true;
+    case faults::Fault::kNoSpace: ::SetLastError(ERROR_DISK_FULL); return true;
+    case faults::Fault::kAccess: ::SetLastError(ERROR_ACCESS_DENIED); return true;
+    default: return false;
+  }
+}
+
+// Asks the fault plan about a transfer: false with the fault recorded, or the size to move.
+bool Allowed(bool writing, File file, std::uint64_t position, std::size_t* size) {
+  std::uint64_t stop = 0;
+  const faults::Fault fault = faults::BeforeTransfer(writing, file, position, *size, &stop);
+  if (Injected(fault)) return false;
+  if (fault == faults::Fault::kShort) *size = static_cast<std::size_t>(stop - position);
+  return true;
+}
+
+File OpenExisting(const std::string& path, DWORD access) {
+  if (Injected(faults::BeforeOpen(path))) return kInvalidFile;
+  File file = FromHandle(CreateFileA(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (file != kInvalidFile) faults::NoteOpened(file, path);
+  return file;
+}
 }  // namespace
 
 // Read and write access, shared for reading and writing, existing files only. CreateFileA
 // refuses a directory here (it would need FILE_FLAG_BACKUP_SEMANTICS).
-File OpenReadWrite(const std::string& path) {
-  return FromHandle(CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-}
-
-File OpenReadOnly(const std::string& path) {
-  return FromHandle(CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-}
+File OpenReadWrite(const std::string& path) { return OpenExisting(path, GENERIC_READ | GENERIC_WRITE); }
+File OpenReadOnly(const std::string& path) { return OpenExisting(path, GENERIC_READ); }
 
 std::FILE* CreateNewTextFile(const std::string& path) {
   HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -61,10 +82,13 @@ File CreateReadWrite(const std::string& path) {
 }
 
 void Close(File file) {
-  if (file != kInvalidFile) CloseHandle(ToHandle(file));
+  if (file == kInvalidFile) return;
+  faults::NoteClosed(file);
+  CloseHandle(ToHandle(file));
 }
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
+  if (!Allowed(false, file, position, &size)) return -1;
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) -> std::int64_t {
     OVERLAPPED at = At(position + done);
@@ -75,6 +99,7 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
+  if (!Allowed(true, file, position, &size)) return -1;
   auto* in = static_cast<const unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) -> std::int64_t {
     OVERLAPPED at = At(position + done);
@@ -85,7 +110,7 @@ std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint6
 
 void RecordShortTransfer(bool writing) { ::SetLastError(writing ? ERROR_DISK_FULL : ERROR_HANDLE_EOF); }
 
-bool Sync(File file) { return FlushFileBuffers(ToHandle(file)) != 0; }
+bool Sync(File file) { return !Injected(faults::BeforeSync(file)) && FlushFileBuffers(ToHandle(file)) != 0; }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);

@@ -41,27 +41,6 @@ void FindPrimaryDirectory() {
   if (primaryDirectory.size() > kMaxDirLength) Fail("\r\nInvalid primary volume directory - too long or invalid syntax.\r\n");
 }
 
-// Checks the primary volume info block and reads its stored directory list (at most 20 entries).
-void ReadStoredDirectories(std::uint32_t* checkpoint) {
-  Bytes block = BlockSpan();
-  if (swapFlag) CvVolInfo(block, 0);
-  if (block[4] != kVolumeInfoType || LoadLE32(block.data() + volinfo::kVolumeNumber) != 0 ||
-      LoadLE64(block.data() + volinfo::kStartingBlock) != 1)
-    Fail("\r\nBad volume info block in primary volume.\r\n");
-  *checkpoint = LoadLE32(block.data() + volinfo::kCheckpoint);
-  volumeDirectories.clear();
-  const std::uint64_t end = volinfo::kDirList + std::uint64_t{LoadLE32(block.data() + volinfo::kDirListLength)};
-  for (std::size_t cursor = volinfo::kDirList; cursor < end && volumeDirectories.size() < kMaxVolumeDirs;) {
-    // An entry that would reach past the block is as bad as a malformed one.
-    if (!Fits(block, cursor, 2)) Fail("\r\nBad volume info block in primary volume.\r\n");
-    const std::uint16_t length = LoadLE16(block.data() + cursor);
-    if (length == 0 || length > kMaxDirLength || !Fits(block, cursor + 2, length))
-      Fail("\r\nBad volume info block in primary volume.\r\n");
-    volumeDirectories.emplace_back(reinterpret_cast<const char*>(block.data() + cursor + 2), length);
-    cursor += 2 + ((length + 1u) & ~1u);
-  }
-}
-
 void PrintExpectedLocations() {
   Print("\r\nDatabase has %d volumes.\r\n", static_cast<int>(furtherVolumeCount + 1));
   Print("Volumes are expected to be in the primary directory:\r\n");
@@ -223,11 +202,31 @@ std::uint32_t FindVolume(std::uint32_t v, std::uint32_t expectedStart, std::uint
 
 }  // namespace
 
+// Checks the primary volume info block and reads its stored directory list (at most 20 entries).
+void ReadVolumeDirectoryList(Bytes block, std::uint32_t* checkpoint) {
+  if (swapFlag) CvVolInfo(block, 0);
+  if (block[4] != kVolumeInfoType || LoadLE32(block.data() + volinfo::kVolumeNumber) != 0 ||
+      LoadLE64(block.data() + volinfo::kStartingBlock) != 1)
+    Fail("\r\nBad volume info block in primary volume.\r\n");
+  *checkpoint = LoadLE32(block.data() + volinfo::kCheckpoint);
+  volumeDirectories.clear();
+  const std::uint64_t end = volinfo::kDirList + std::uint64_t{LoadLE32(block.data() + volinfo::kDirListLength)};
+  for (std::size_t cursor = volinfo::kDirList; cursor < end && volumeDirectories.size() < kMaxVolumeDirs;) {
+    // An entry that would reach past the block is as bad as a malformed one.
+    if (!Fits(block, cursor, 2)) Fail("\r\nBad volume info block in primary volume.\r\n");
+    const std::uint16_t length = LoadLE16(block.data() + cursor);
+    if (length == 0 || length > kMaxDirLength || !Fits(block, cursor + 2, length))
+      Fail("\r\nBad volume info block in primary volume.\r\n");
+    volumeDirectories.emplace_back(reinterpret_cast<const char*>(block.data() + cursor + 2), length);
+    cursor += 2 + ((length + 1u) & ~1u);
+  }
+}
+
 void DiscoverVolumeSet() {
   ReadPrimaryVolumeInfo();
   FindPrimaryDirectory();
   std::uint32_t checkpoint = 0;
-  ReadStoredDirectories(&checkpoint);
+  ReadVolumeDirectoryList(BlockSpan(), &checkpoint);
   PrintExpectedLocations();
   if (!AskVolumesInPlace()) EnterDirectories();
   std::vector<bool> confirmed;

@@ -1,0 +1,91 @@
+#include "fault_seam.h"
+
+#include <cstdlib>
+#include <map>
+#include <vector>
+
+namespace platform::faults {
+
+namespace {
+
+struct Entry {
+  std::string op, name;
+  std::uint64_t arg = 0;
+  Fault fault = Fault::kNone;
+  std::uint64_t opens = 0;  // matching opens seen so far
+};
+
+std::vector<std::string> Split(const std::string& text, char by) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  for (;;) {
+    const std::size_t end = text.find(by, start);
+    parts.push_back(text.substr(start, end - start));
+    if (end == std::string::npos) return parts;
+    start = end + 1;
+  }
+}
+
+std::vector<Entry>& Plan() {
+  static std::vector<Entry> plan = [] {
+    std::vector<Entry> entries;
+    const char* text = std::getenv("BYTETURN_FAULTS");
+    if (text == nullptr) return entries;
+    for (const std::string& item : Split(text, ';')) {
+      const std::vector<std::string> f = Split(item, ':');
+      if (f.size() != 4) continue;
+      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, 0};
+      if (f[3] == "EIO") e.fault = Fault::kIo;
+      if (f[3] == "ENOSPC") e.fault = Fault::kNoSpace;
+      if (f[3] == "EACCES") e.fault = Fault::kAccess;
+      if (f[3] == "short") e.fault = Fault::kShort;
+      entries.push_back(e);
+    }
+    return entries;
+  }();
+  return plan;
+}
+
+std::map<File, std::string>& Paths() {
+  static std::map<File, std::string> paths;
+  return paths;
+}
+
+bool Matches(const Entry& e, const std::string& op, const std::string& path) {
+  return e.op == op && path.size() >= e.name.size() && path.compare(path.size() - e.name.size(), e.name.size(), e.name) == 0;
+}
+
+std::string PathOf(File file) {
+  const auto it = Paths().find(file);
+  return it == Paths().end() ? std::string() : it->second;
+}
+
+}  // namespace
+
+Fault BeforeOpen(const std::string& path) {
+  for (Entry& e : Plan())
+    if (Matches(e, "open", path) && (++e.opens == e.arg || e.arg == 0)) return e.fault;
+  return Fault::kNone;
+}
+
+void NoteOpened(File file, const std::string& path) { Paths()[file] = path; }
+void NoteClosed(File file) { Paths().erase(file); }
+
+Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop) {
+  const std::string path = PathOf(file);
+  for (const Entry& e : Plan()) {
+    if (!Matches(e, writing ? "write" : "read", path) || e.arg < position || e.arg >= position + size) continue;
+    *stop = e.arg;
+    return e.fault;
+  }
+  return Fault::kNone;
+}
+
+Fault BeforeSync(File file) {
+  const std::string path = PathOf(file);
+  for (const Entry& e : Plan())
+    if (Matches(e, "sync", path)) return e.fault;
+  return Fault::kNone;
+}
+
+}  // namespace platform::faults

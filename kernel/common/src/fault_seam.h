@@ -1,0 +1,41 @@
+// Injected I/O faults, for the tests. A test build of the program (byteturn-faults) defines
+// BYTETURN_FAULT_SEAM and links fault_seam.cpp, which reads a plan from the environment
+// variable BYTETURN_FAULTS; both platform files ask it before each open, transfer and flush. The
+// program itself is built without it: every question below is then an inline "no fault".
+//
+// Plan: entries "op:name:arg:fault" separated by ';'.
+//   op     open, read, write or sync
+//   name   the end of the file's path ("ORVA.DAT", "ORVA-0002.VOL"); empty for any file
+//   arg    open: which matching open fails (1 = the first; 0 = every one); read, write: a byte
+//          position: every transfer that covers it fails, as a bad place on a disk does;
+//          sync: unused
+//   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded), or short: the
+//          transfer moves the bytes before the position and stops, as at the end of a file
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform.h"
+
+namespace platform::faults {
+
+enum class Fault { kNone, kIo, kNoSpace, kAccess, kShort };
+
+#ifdef BYTETURN_FAULT_SEAM
+Fault BeforeOpen(const std::string& path);
+void NoteOpened(File file, const std::string& path);
+void NoteClosed(File file);
+// For kShort, *stop is the position where the transfer stops.
+Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop);
+Fault BeforeSync(File file);
+#else
+inline Fault BeforeOpen(const std::string&) { return Fault::kNone; }
+inline void NoteOpened(File, const std::string&) {}
+inline void NoteClosed(File) {}
+inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_t*) { return Fault::kNone; }
+inline Fault BeforeSync(File) { return Fault::kNone; }
+#endif
+
+}  // namespace platform::faults

@@ -1,0 +1,163 @@
+// I/O faults injected below the program (byteturn-faults, see fault_seam.h): each ends the run
+// with its message and status 1, keeps the lock, and leaves every block before the failing one
+// converted and every block from it on as it was.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "run.h"
+
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uint32_t kBlock = 8192;
+
+gendb::Params Database() {
+  gendb::Params p;
+  p.seed = 21;
+  p.sizeCode = 2;
+  p.lastBlock = 2000;
+  p.freeShare = 0.05;
+  p.mix = gendb::Mix{3, 6, 1, 3, 1, 0, 0};  // no big strings: nothing is rewritten out of order
+  p.bigRefShare = 0;
+  p.compressShare = 0.2;
+  p.methods = {1, 2, 3};
+  return p;
+}
+
+std::uint64_t At(std::uint32_t b) { return std::uint64_t{b - 1} * kBlock; }
+
+// Blocks before first are the converted twin's, blocks from first on the original's.
+void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,
+                           std::uint32_t first) {
+  const auto now = ReadBytes(db), converted = ReadBytes(twin), before = ReadBytes(original);
+  ASSERT_EQ(now.size(), before.size());
+  for (std::uint64_t offset = 0; offset < now.size(); offset += kBlock) {
+    const std::uint32_t b = static_cast<std::uint32_t>(offset / kBlock + 1);
+    const auto& expected = b < first ? converted : before;
+    EXPECT_TRUE(std::equal(now.begin() + offset, now.begin() + offset + kBlock, expected.begin() + offset))
+        << "block " << b << (b < first ? " not converted" : " changed");
+  }
+}
+
+struct FaultCase {
+  std::string name, plan, message;
+  std::uint32_t firstUnchanged;
+};
+
+TEST(Faults, InjectedFailuresEndTheRunAtTheirBlock) {
+  const int io = UnderTest().windows ? 1117 : EIO;     // ERROR_IO_DEVICE
+  const int full = UnderTest().windows ? 112 : ENOSPC;  // ERROR_DISK_FULL
+  const std::vector<FaultCase> cases = {
+      {"read", "read:ORVA.DAT:" + std::to_string(At(301) + 100) + ":EIO",
+       "\r\nError read block #301. " + ErrorShown(io) + "\r\n", 301},
+      {"write", "write:ORVA.DAT:" + std::to_string(At(1200)) + ":EIO",
+       "\r\nError writing block 1200. " + ErrorShown(io) + "\r\n", 1200},
+      {"disk full", "write:ORVA.DAT:" + std::to_string(At(1999) + kBlock - 1) + ":ENOSPC",
+       "\r\nError writing block 1999. " + ErrorShown(full) + "\r\n", 1999},
+      {"label block", "write:ORVA.DAT:0:EIO", "\r\nWrite of label block failed. " + ErrorShown(io) + "\r\n", 1},
+      {"flush", "sync:ORVA.DAT::EIO", "\r\nError flushing volume #0. " + ErrorShown(io) + "\r\n", 2001},
+  };
+  Scratch s;
+  const gendb::Params p = Database();
+  gendb::Params twin = p;
+  twin.bigEndian = !p.bigEndian;
+  twin.converted = true;
+  Generate(p, s.Path("original.dat"));
+  Generate(twin, s.Path("twin.dat"));
+  for (const FaultCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Generate(p, s.Path("ORVA.DAT"));
+    fs::remove(s.Path("orva.lck"));
+    RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")}, "", "", UnderTest().faultsExe, "BYTETURN_FAULTS='" + c.plan + "'");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.out.ends_with(c.message)) << r.out;
+    EXPECT_EQ(r.out.find("Done converting"), std::string::npos);
+    EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
+    ExpectConvertedBefore(s.Path("ORVA.DAT"), s.Path("twin.dat"), s.Path("original.dat"), c.firstUnchanged);
+  }
+}
+
+// A database file that ends inside a block: the blocks before it are converted, and the message
+// names the end of the file.
+TEST(Faults, FileCutShortInsideABlock) {
+  Scratch s;
+  const gendb::Params p = Database();
+  gendb::Params twin = p;
+  twin.bigEndian = !p.bigEndian;
+  twin.converted = true;
+  for (const char* name : {"ORVA.DAT", "original.dat"}) {
+    Generate(p, s.Path(name));
+    fs::resize_file(s.Path(name), At(500) + 4000);
+  }
+  Generate(twin, s.Path("twin.dat"));
+  fs::resize_file(s.Path("twin.dat"), At(500) + 4000);
+  RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.out.ends_with("\r\nError read block #500. " + EndOfFileError() + "\r\n")) << r.out;
+  EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
+  const auto now = ReadBytes(s.Path("ORVA.DAT")), converted = ReadBytes(s.Path("twin.dat")),
+             before = ReadBytes(s.Path("original.dat"));
+  EXPECT_TRUE(std::equal(now.begin(), now.begin() + At(500), converted.begin()));
+  EXPECT_TRUE(std::equal(now.begin() + At(500), now.end(), before.begin() + At(500)));
+}
+
+// A further volume that cannot be opened when the run reaches it (it could when the set was
+// checked): the volumes before it are converted, it and those after it are as they were.
+TEST(Faults, VolumeThatCannotBeOpenedWhenTheRunReachesIt) {
+  Scratch s;
+  gendb::Params p = Database();
+  p.sizeCode = 1;
+  p.lastBlock = 3000;
+  p.volumeSet.volumes = 3;
+  p.volumeSet.placement = {0, 0, 0};
+  gendb::Params twin = p;
+  twin.bigEndian = !p.bigEndian;
+  twin.converted = true;
+  fs::create_directories(s.Path("db"));
+  fs::create_directories(s.Path("original"));
+  fs::create_directories(s.Path("twin"));
+  Generate(p, s.Path("db/ORVA.DAT"));
+  Generate(p, s.Path("original/ORVA.DAT"));
+  Generate(twin, s.Path("twin/ORVA.DAT"));
+  // The set check opens the volume once; the run's own open is the second.
+  const int denied = UnderTest().windows ? 5 : EACCES;
+  RunResult r = RunByteturn({"-t", "ORVA.DAT"}, "yes\n", s.Path("db"), UnderTest().faultsExe,
+                            "BYTETURN_FAULTS='open:ORVA-0002.VOL:2:EACCES'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.out.ends_with("\r\nError opening volume #2 for reading. " + ErrorShown(denied) + "\r\n")) << r.out;
+  EXPECT_EQ(ReadText(s.Path("db/orva.lck")), "\tsealturn");
+  const auto files = gendb::DatabaseFiles(p, s.Path("db/ORVA.DAT")), originals = gendb::DatabaseFiles(p, s.Path("original/ORVA.DAT")),
+             twins = gendb::DatabaseFiles(twin, s.Path("twin/ORVA.DAT"));
+  for (std::size_t v = 0; v < files.size(); ++v)
+    EXPECT_EQ(ReadBytes(files[v]), ReadBytes(v < 2 ? twins[v] : originals[v])) << "volume " << v;
+}
+
+// Of two runs started together exactly one converts; the other finds the lock.
+TEST(Faults, TwoRunsStartedTogether) {
+  Scratch s;
+  gendb::Params p;
+  p.sizeCode = 1;
+  p.lastBlock = 2000000;
+  p.freeShare = 0.999;
+  p.sparse = true;
+  gendb::Params twin = p;
+  twin.bigEndian = false;
+  twin.converted = true;
+  Generate(p, s.Path("ORVA.DAT"));
+  Generate(twin, s.Path("twin.dat"));
+  const std::string run = ShellCommand() + " -t '" + Shown(s.Path("ORVA.DAT")) + "'";
+  const std::string script = "cd '" + s.dir + "' && { " + run + " > a.out 2> a.err & " + run +
+                             " > b.out 2> b.err; echo $? > b.status; wait $!; echo $? > a.status; }";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  const std::string a = ReadText(s.Path("a.status")), b = ReadText(s.Path("b.status"));
+  EXPECT_TRUE((a == "0\n" && b == "1\n") || (a == "1\n" && b == "0\n")) << a << b;
+  const std::string refused = ReadText(s.Path(a == "1\n" ? "a.err" : "b.err"));
+  EXPECT_EQ(refused, Shown(s.Path("ORVA.DAT")) + " is locked by Veltrano ORVA.\n");
+  EXPECT_EQ(gendb::CompareFiles(s.Path("ORVA.DAT"), s.Path("twin.dat"), 4096), "");
+  EXPECT_FALSE(Exists(s.Path("orva.lck")));
+}
+
+}  // namespace
