@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <random>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -16,13 +17,15 @@ namespace testsupport {
 namespace fs = std::filesystem;
 
 namespace {
-// The running test's name, which no other test process shares: a base for names of scratch files.
+// The running test's name and a token of this process: no other test process, of this suite or
+// of another one run at the same time, shares it. A base for names of scratch files.
 std::string TestName() {
+  static const std::string token = std::to_string(std::random_device{}() % 1000000);
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
   std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "anon";
   for (char& c : name)
     if (c == '/') c = '_';
-  return name;
+  return name + "." + token;
 }
 
 std::string Quote(const std::string& s) {
