@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "run.h"
 
@@ -67,11 +68,13 @@ TEST(Faults, InjectedFailuresEndTheRunAtTheirBlock) {
   twin.converted = true;
   Generate(p, s.Path("original.dat"));
   Generate(twin, s.Path("twin.dat"));
-  for (const FaultCase& c : cases) {
-    SCOPED_TRACE(c.name);
+  // The same with one block per call and with the largest batches.
+  for (const std::string batch : {"BYTETURN_BATCH_BLOCKS=1 ", ""}) for (const FaultCase& c : cases) {
+    SCOPED_TRACE(batch + c.name);
     Generate(p, s.Path("ORVA.DAT"));
     fs::remove(s.Path("orva.lck"));
-    RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")}, "", "", UnderTest().faultsExe, "BYTETURN_FAULTS='" + c.plan + "'");
+    RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")}, "", "", UnderTest().faultsExe,
+                              batch + "BYTETURN_FAULTS='" + c.plan + "'");
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.out.ends_with(c.message)) << r.out;
     EXPECT_EQ(r.out.find("Done converting"), std::string::npos);
@@ -133,6 +136,77 @@ TEST(Faults, VolumeThatCannotBeOpenedWhenTheRunReachesIt) {
              twins = gendb::DatabaseFiles(twin, s.Path("twin/ORVA.DAT"));
   for (std::size_t v = 0; v < files.size(); ++v)
     EXPECT_EQ(ReadBytes(files[v]), ReadBytes(v < 2 ? twins[v] : originals[v])) << "volume " << v;
+}
+
+// Reading and writing many blocks per call changes nothing that can be seen: for every kind of
+// database, a run one block at a time and a run with the largest batches give the same files and
+// the same output.
+TEST(Faults, BatchesChangeNothingThatCanBeSeen) {
+  std::vector<gendb::Params> kinds;
+  gendb::Params plain = Database();
+  plain.mix = gendb::Mix{3, 8, 2, 4, 1, 1, 1};  // big strings and bad offsets too
+  plain.bigRefShare = 0.6;
+  plain.mirrorV1Share = 0.5;
+  kinds.push_back(plain);
+  gendb::Params compressed = plain;
+  compressed.compressShare = 0.6;
+  compressed.methods = {1, 2, 3, 4, 5};
+  kinds.push_back(compressed);
+  gendb::Params encrypted = plain;
+  encrypted.bigEndian = false;
+  encrypted.databaseKey.assign(24, 0x33);
+  encrypted.keyId = "batch";
+  kinds.push_back(encrypted);
+  gendb::Params maps = plain;  // many maps, mostly free: reads stop at free blocks and map changes
+  maps.sizeCode = 1;
+  maps.lastBlock = 30720 * 2 + 900;
+  maps.sparse = true;
+  maps.freeShare = 0.6;
+  kinds.push_back(maps);
+  for (std::size_t k = 0; k < kinds.size(); ++k) {
+    SCOPED_TRACE(k);
+    Scratch s;
+    const gendb::Params& p = kinds[k];
+    std::string answers;
+    if (!p.databaseKey.empty()) {
+      ASSERT_EQ(gendb::WriteKeyfile(s.Path("k.key"), "1.0", p.keyId, "admin", "pw", p.databaseKey), "");
+      answers = Shown(s.Path("k.key")) + "\nadmin\npw\n";
+    }
+    Generate(p, s.Path("one.dat"));
+    Generate(p, s.Path("many.dat"));
+    const RunResult one = RunByteturn({s.Path("one.dat")}, answers, "", UnderTest().faultsExe, "BYTETURN_BATCH_BLOCKS=1");
+    const RunResult many = RunByteturn({s.Path("many.dat")}, answers, "", UnderTest().faultsExe);
+    EXPECT_EQ(one.status, 0) << one.out;
+    EXPECT_EQ(many.status, one.status);
+    EXPECT_EQ(one.out, many.out);
+    EXPECT_EQ(one.err, many.err);
+    EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), gendb::GeometryFor(p.sizeCode).blockSize), "");
+  }
+}
+
+// A read that fails out of order (a big string reached from a data node): the converted blocks
+// before the data node's block are on disk, as when each block is written in its turn.
+TEST(Faults, OutOfOrderReadFailureAfterBatchedBlocks) {
+  Scratch s;
+  gendb::Params p = Database();
+  p.mix = gendb::Mix{3, 8, 2, 4, 1, 0, 0};
+  p.bigRefShare = 0.8;
+  Generate(p, s.Path("one.dat"));
+  // The last big string block: the failure comes when its data node is converted.
+  const auto bytes = ReadBytes(s.Path("one.dat"));
+  std::uint64_t big = 0;
+  for (std::uint64_t at = 0; at + kBlock <= bytes.size(); at += kBlock)
+    if (bytes[at + 4] == 24) big = at;
+  ASSERT_GT(big, 0u);
+  Generate(p, s.Path("many.dat"));
+  RunResult one, many;
+  for (auto [name, batch, r] : {std::tuple{"one.dat", "BYTETURN_BATCH_BLOCKS=1 ", &one}, std::tuple{"many.dat", "", &many}})
+    *r = RunByteturn({"-t", s.Path(name)}, "", "", UnderTest().faultsExe,
+                     std::string(batch) + "BYTETURN_FAULTS='read:" + name + ":" + std::to_string(big + 10) + ":EIO'");
+  EXPECT_EQ(one.status, 1);
+  EXPECT_NE(one.out.find(" failed to read block #" + std::to_string(big / kBlock + 1) + "."), std::string::npos) << one.out;
+  EXPECT_EQ(one.out, many.out);
+  EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
 }
 
 // Of two runs started together exactly one converts; the other finds the lock.

@@ -2,11 +2,12 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <limits>
 
+#include "block_batch.h"
 #include "block_cipher.h"
 #include "block_header.h"
 #include "command_line.h"
+#include "compression.h"
 #include "label_block.h"
 #include "lock_file.h"
 #include "map_block.h"
@@ -24,17 +25,6 @@ namespace {
 
 constexpr std::size_t kBinDirectoryLimit = 227;
 
-// Both handles of the volume being converted move forward one block at a time.
-struct VolumeStream {
-  std::uint32_t volume;
-  std::uint32_t first;
-  std::uint32_t last;
-  platform::File readFile;
-  platform::File writeFile;
-  std::uint64_t readPosition;
-  std::uint64_t writePosition;
-};
-
 enum class Step { kWrite, kSkip };
 
 std::string BinDirectoryOf(const std::string& executable) {
@@ -51,57 +41,64 @@ void ReadLabelCopy(std::uint8_t* labelCopy) {
   platform::Close(file);
 }
 
-bool AdvanceOneBlock(std::uint64_t& position) {
-  if (position > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) - blockSize) return false;
-  position += blockSize;
-  return true;
+struct Volume {
+  std::uint32_t index, first, last;
+};
+
+// Block b as it is on disk; ends the run with message (block number, system error) when it
+// cannot be read.
+Bytes FetchBlockOrFail(std::uint32_t b, const char* message) {
+  Bytes block = FetchBlock(b);
+  if (block.empty()) Fail(message, b, ErrorText());
+  return block;
 }
 
-bool ReadNextBlock(VolumeStream& vs) {
-  bool ok = ReadBlockAt(vs.readFile, vs.readPosition, blockBuffer, blockSize);
-  if (ok) vs.readPosition += blockSize;
-  return ok;
+void DecryptAfterRead(Bytes block, std::uint32_t b, const char* message) {
+  if (databaseEncrypted && !DecryptDataBlock(block.data(), block.data(), b)) Fail("%s", message);
 }
 
-void DecryptAfterRead(std::uint32_t b, const char* message) {
-  if (databaseEncrypted && !DecryptDataBlock(blockBuffer, blockBuffer, b)) Fail("%s", message);
+// Decompresses the block; a failure ends the run with message. Loading a library may fail, so
+// the converted blocks before it go to disk first.
+void DecompressOrFail(Bytes block, std::uint32_t b, const char* message) {
+  if (binDirectory.empty() || compression::MethodNeedsLoading(block[header::kByte5])) WritePendingBlocks();
+  if (DecompressBlock(block.data()) == 0) Fail(message, b);
 }
 
-// Reads, decrypts, decompresses and converts block b; tells whether it is to be written back.
-Step ConvertBlock(VolumeStream& vs, std::uint32_t b) {
-  Bytes block = BlockSpan();
+// Converts block b in its slot (reading, decrypting and decompressing it first); tells whether
+// it is to be written back.
+Step ConvertBlock(const Volume& v, std::uint32_t b) {
   if (b == 1) {
-    if (!ReadNextBlock(vs)) Fail("\r\nError read label block #%u. %s\r\n", 1u, ErrorText());
-    ConvertLabelBlock(block);
+    ConvertLabelBlock(FetchBlockOrFail(1, "\r\nError read label block #%u. %s\r\n"));
     return Step::kWrite;
   }
-  if (b == volumeInfoBlockNumber || b == vs.first) {
-    if (!ReadNextBlock(vs)) Fail("\r\nError reading volume info block #%u. %s\r\n", b, ErrorText());
-    CvVolInfo(block, static_cast<std::int32_t>(vs.volume));
+  if (b == volumeInfoBlockNumber || b == v.first) {
+    Bytes block = FetchBlockOrFail(b, "\r\nError reading volume info block #%u. %s\r\n");
+    WritePendingBlocks();  // a bad directory list ends the run
+    CvVolInfo(block, static_cast<std::int32_t>(v.index));
     return Step::kWrite;
   }
   if (InMapArea(b)) {
-    if (!ReadNextBlock(vs)) Fail("\r\nError read map block #%u. %s\r\n", b, ErrorText());
-    DecryptAfterRead(b, "Error decrypting map block\n");
-    if ((blockBuffer[header::kType] & header::kCompressed) && DecompressBlock(blockBuffer) == 0)
-      Fail("\r\nError uncompressing map block (block #%u)\r\n", b);
+    Bytes block = FetchBlockOrFail(b, "\r\nError read map block #%u. %s\r\n");
+    DecryptAfterRead(block, b, "Error decrypting map block\n");
+    if (block[header::kType] & header::kCompressed)
+      DecompressOrFail(block, b, "\r\nError uncompressing map block (block #%u)\r\n");
     ConvertMapBlock(block, b);
     return Step::kWrite;
   }
 
-  FetchGoverningMap(b, GoverningMap(b));
-  if (IsFreeBlock(b)) {
-    if (!AdvanceOneBlock(vs.readPosition))
-      Fail("\r\nRead fseek failed to advance block #%u. %s\r\n", b, ErrorText());
-    return Step::kSkip;
+  const std::uint32_t m = GoverningMap(b);
+  if (!IsCurrentMap(m)) {
+    WritePendingBlocks();  // the map is read ahead, or missing from the list
+    FetchGoverningMap(b, m);
   }
-  if (!ReadNextBlock(vs)) Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
-  DecryptAfterRead(b, "Error decrypting data block\n");
+  if (IsFreeBlock(b)) return Step::kSkip;
+  Bytes block = FetchBlockOrFail(b, "\r\nError read block #%u. %s\r\n");
+  DecryptAfterRead(block, b, "Error decrypting data block\n");
 
-  std::uint8_t type = blockBuffer[header::kType];
+  std::uint8_t type = block[header::kType];
   if ((type & 0x7F) == kTypeBigString) return Step::kSkip;
   if (type & header::kCompressed) {
-    if (DecompressBlock(blockBuffer) == 0) Fail("\r\nError uncompressing block #%u\r\n", b);
+    DecompressOrFail(block, b, "\r\nError uncompressing block #%u\r\n");
     type &= 0x7F;
   }
   if (type == kTypeMirrorInfo) {
@@ -118,51 +115,35 @@ void PrintProgress(std::uint32_t b, bool verbose) {
   std::fflush(stdout);  // a terminal shows the line while the run goes on
 }
 
-void WriteBack(VolumeStream& vs, std::uint32_t b) {
-  if (databaseEncrypted && b != volumeInfoBlockNumber && b != vs.first &&
-      !EncryptDataBlock(blockBuffer, blockBuffer, b))
-    Fail("Error encrypting block\n");
-  if (!WriteBlockAt(vs.writeFile, vs.writePosition, blockBuffer, blockSize)) {
-    if (b == 1) Fail("\r\nWrite of label block failed. %s\r\n", ErrorText());
-    Fail("\r\nError writing block %u. %s\r\n", b, ErrorText());
-  }
-  vs.writePosition += blockSize;
-}
-
-void ConvertVolume(std::uint32_t volume, std::uint32_t& b, bool verbose) {
-  VolumeStream vs{};
-  vs.volume = volume;
-  if (volume == 0) {
-    vs.first = 1;
-    vs.last = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
+void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
+  Volume v{index, 1, 0};
+  if (index == 0) {
+    v.last = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
   } else {
-    vs.first = volumeFirstBlock[volume];
-    vs.last = volume == furtherVolumeCount ? lastBlock : volumeFirstBlock[volume + 1] - 1;
+    v.first = volumeFirstBlock[index];
+    v.last = index == furtherVolumeCount ? lastBlock : volumeFirstBlock[index + 1] - 1;
   }
-  vs.readFile = OpenVolumeFile(volume);
-  if (vs.readFile == platform::kInvalidFile)
-    Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(volume), ErrorText());
-  platform::AdviseSequentialRead(vs.readFile);
-  vs.writeFile = OpenVolumeFile(volume);
-  if (vs.writeFile == platform::kInvalidFile)
-    Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(volume), ErrorText());
+  platform::File readFile = OpenVolumeFile(index);
+  if (readFile == platform::kInvalidFile)
+    Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(index), ErrorText());
+  platform::AdviseSequentialRead(readFile);
+  platform::File writeFile = OpenVolumeFile(index);
+  if (writeFile == platform::kInvalidFile)
+    Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(index), ErrorText());
 
+  BeginVolumeBatch(index, v.first, v.last, readFile, writeFile);
   std::uint64_t handled = 0;
-  for (; b <= vs.last; ++b, ++handled) {
-    if (ConvertBlock(vs, b) == Step::kWrite) {
-      PrintProgress(b, verbose);
-      WriteBack(vs, b);
-    } else {
-      if (!AdvanceOneBlock(vs.writePosition))
-        Fail("\r\nWrite fseek failed to advance block #%u. %s\r\n", b, ErrorText());
-      PrintProgress(b, verbose);
-    }
+  for (; b <= v.last; ++b, ++handled) {
+    const Step step = ConvertBlock(v, b);
+    PrintProgress(b, verbose);
+    KeepBlock(b, step == Step::kWrite);
     if (b == UINT32_MAX) break;
   }
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
-  SyncVolumeOrFail(vs.writeFile, volume);  // on stable storage before the run says it is done
-  platform::Close(vs.readFile);
-  platform::Close(vs.writeFile);
+  WritePendingBlocks();
+  SyncVolumeOrFail(writeFile, index);  // on stable storage before the run says it is done
+  platform::Close(readFile);
+  platform::Close(writeFile);
 }
 
 }  // namespace

@@ -117,6 +117,8 @@ void FetchGoverningMap(std::uint32_t b, std::uint32_t m) {
   currentMapNumber = m;
 }
 
+bool IsCurrentMap(std::uint32_t m) { return m == currentMapNumber; }
+
 bool IsFreeBlock(std::uint32_t b) {
   if (LoadLE32(currentMap + map::kBitmapFlag) == 0) return false;
   const std::uint32_t i = (b - 1) % blocksPerMap;

@@ -30,6 +30,8 @@ void ConvertMapBlock(Bytes block, std::uint32_t b);
 void ReadCurMap(std::uint32_t m, int swap);
 // Makes map m the current map: read ahead, or taken from the head of the map list.
 void FetchGoverningMap(std::uint32_t b, std::uint32_t m);
+// True when map m is the current map (its free bits are known).
+bool IsCurrentMap(std::uint32_t m);
 // True when the current map marks block b as free.
 bool IsFreeBlock(std::uint32_t b);
 

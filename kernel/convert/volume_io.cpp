@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "block_batch.h"
 #include "messages.h"
 #include "state.h"
 #include "volume_set.h"
@@ -59,6 +60,8 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
 }
 
 platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
+  // An access out of order sees the disk as the block-at-a-time run would have left it.
+  WritePendingBlocks();
   int volume = static_cast<int>(VolumeIndexOfBlock(b, first, last));
   for (const CacheSlot& slot : handleCache)
     if (slot.volume == volume && slot.file != platform::kInvalidFile) return slot.file;

@@ -168,6 +168,10 @@ int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t message
   return 0;
 }
 
+bool MethodNeedsLoading(std::uint8_t method) {
+  return method >= 1 && method <= 5 && (compressionMethodTable[method - 1].stateFlags & kLoaded) == 0;
+}
+
 int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDir) {
   const int method = block[5];
   const std::int32_t length = static_cast<std::int32_t>(bt::Load32(block, bigEndian));

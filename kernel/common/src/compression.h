@@ -43,6 +43,10 @@ struct LibraryTable {
 // 0 = loaded (or already), -1 = the library file could not be loaded, -2 = a symbol is missing.
 int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t messageSize, char* message);
 
+// True when decompressing a block stored with method would first load its library (which may
+// fail): the method is one of the five and not loaded yet.
+bool MethodNeedsLoading(std::uint8_t method);
+
 // Decompresses the block in place when its envelope is valid and its stream yields exactly one
 // block. 1 = done (decompressed, or left compressed), 0 = the method's library is unusable.
 // binDirectory (ending in a separator) is where the libraries are looked for first; the caller

@@ -88,4 +88,9 @@ Fault BeforeSync(File file) {
   return Fault::kNone;
 }
 
+std::uint32_t BatchBlocks() {
+  const char* text = std::getenv("BYTETURN_BATCH_BLOCKS");
+  return text == nullptr ? 0 : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
 }  // namespace platform::faults

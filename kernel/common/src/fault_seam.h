@@ -11,6 +11,7 @@
 //          sync: unused
 //   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded), or short: the
 //          transfer moves the bytes before the position and stops, as at the end of a file
+// BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call.
 #pragma once
 
 #include <cstddef>
@@ -30,12 +31,15 @@ void NoteClosed(File file);
 // For kShort, *stop is the position where the transfer stops.
 Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop);
 Fault BeforeSync(File file);
+// BYTETURN_BATCH_BLOCKS: blocks per batch of the conversion (0: the program's own choice).
+std::uint32_t BatchBlocks();
 #else
 inline Fault BeforeOpen(const std::string&) { return Fault::kNone; }
 inline void NoteOpened(File, const std::string&) {}
 inline void NoteClosed(File) {}
 inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_t*) { return Fault::kNone; }
 inline Fault BeforeSync(File) { return Fault::kNone; }
+inline std::uint32_t BatchBlocks() { return 0; }
 #endif
 
 }  // namespace platform::faults

@@ -36,6 +36,11 @@ std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint6
 void RecordShortTransfer(bool writing);
 // Flushes what was written to the file down to stable storage; false with the system error set.
 bool Sync(File file);
+// Starts writing the given range of the file back to the disk without waiting for it, so that a
+// later Sync has less left to do. Failures are ignored: Sync reports them.
+void StartWriteBack(File file, std::uint64_t position, std::uint64_t size);
+// Blocks per batch that a test build asks the conversion to use; 0 in the program itself.
+std::uint32_t TestBatchBlocks();
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);

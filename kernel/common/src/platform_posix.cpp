@@ -117,6 +117,16 @@ void RecordShortTransfer(bool writing) { errno = writing ? ENOSPC : ENODATA; }
 
 bool Sync(File file) { return !Injected(faults::BeforeSync(file)) && ::fdatasync(static_cast<int>(file)) == 0; }
 
+void StartWriteBack(File file, std::uint64_t position, std::uint64_t size) {
+#ifdef __linux__
+  (void)::sync_file_range(static_cast<int>(file), Offset(position), Offset(size), SYNC_FILE_RANGE_WRITE);
+#else
+  (void)file, (void)position, (void)size;
+#endif
+}
+
+std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
+
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {

@@ -112,6 +112,11 @@ void RecordShortTransfer(bool writing) { ::SetLastError(writing ? ERROR_DISK_FUL
 
 bool Sync(File file) { return !Injected(faults::BeforeSync(file)) && FlushFileBuffers(ToHandle(file)) != 0; }
 
+// The system's lazy writer already writes a file back while it is being written.
+void StartWriteBack(File, std::uint64_t, std::uint64_t) {}
+
+std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
+
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) -> std::int64_t {

@@ -1,0 +1,134 @@
+#include "block_batch.h"
+
+#include <algorithm>
+
+#include "block_cipher.h"
+#include "map_block.h"
+#include "messages.h"
+#include "state.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace {
+
+// One mebibyte per call: the benchmark's copy no longer gains past it, and it bounds the memory.
+constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
+constexpr std::size_t kMaxSlots = kBatchBytes / 4096;
+alignas(64) std::uint8_t batchBuffer[kBatchBytes];
+
+// Block numbers are kept in 64 bits: the block after the last one may be 2^32.
+struct VolumeBatch {
+  std::uint32_t first = 0, last = 0;
+  platform::File readFile = platform::kInvalidFile, writeFile = platform::kInvalidFile;
+  std::uint64_t windowFirst = 0, windowEnd = 0;  // blocks whose disk bytes are in the slots
+  std::uint64_t pendingFirst = 0;                // converted blocks from here up to next await writing
+  std::uint64_t next = 0;                        // the block whose turn it is
+  std::uint64_t writeBackFrom = 0;               // written blocks from here are not yet on their way to disk
+  bool write[kMaxSlots] = {};                    // by slot: kept to be written
+} batch;
+
+std::uint64_t SlotCount() {
+  const std::uint64_t own = kBatchBytes / blockSize, asked = platform::TestBatchBlocks();
+  return asked == 0 ? own : std::min(own, asked);
+}
+
+std::uint8_t* Slot(std::uint64_t b) { return batchBuffer + (b - batch.windowFirst) * blockSize; }
+std::uint64_t Position(std::uint64_t b) { return (b - batch.first) * blockSize; }
+
+// How many blocks from b one read may take: up to the batch size and the volume's end, stopping
+// before a free block and before a block whose free bit is not known yet (another map governs it).
+std::uint64_t ReadExtent(std::uint64_t b) {
+  std::uint64_t n = 1;
+  for (; n < SlotCount() && b + n <= batch.last; ++n) {
+    const std::uint32_t c = static_cast<std::uint32_t>(b + n);
+    if (c == volumeInfoBlockNumber || InMapArea(c)) continue;  // read whatever the map says
+    if (!IsCurrentMap(GoverningMap(c)) || IsFreeBlock(c)) break;
+  }
+  return n;
+}
+
+// Every so many written bytes the disk is set to work on them, so that the flush at the end of
+// the volume waits for little more than the last of them.
+constexpr std::uint64_t kWriteBackBytes = std::uint64_t{8} << 20;
+
+void StartWriteBackUpTo(std::uint64_t end) {
+  if ((end - batch.writeBackFrom) * blockSize < kWriteBackBytes) return;
+  platform::StartWriteBack(batch.writeFile, Position(batch.writeBackFrom), (end - batch.writeBackFrom) * blockSize);
+  batch.writeBackFrom = end;
+}
+
+void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
+  const auto size = static_cast<std::uint32_t>(count * blockSize);
+  if (WriteBlockAt(batch.writeFile, Position(from), Slot(from), size)) {
+    StartWriteBackUpTo(from + count);
+    return;
+  }
+  // Which block failed: the run again, one block at a time (rewriting a block is harmless).
+  for (std::uint64_t b = from; b < from + count; ++b) {
+    if (WriteBlockAt(batch.writeFile, Position(b), Slot(b), blockSize)) continue;
+    if (b == 1) Fail("\r\nWrite of label block failed. %s\r\n", ErrorText());
+    Fail("\r\nError writing block %u. %s\r\n", static_cast<std::uint32_t>(b), ErrorText());
+  }
+}
+
+}  // namespace
+
+void BeginVolumeBatch(std::uint32_t, std::uint32_t first, std::uint32_t last, platform::File readFile,
+                      platform::File writeFile) {
+  batch = VolumeBatch{};
+  batch.first = first;
+  batch.last = last;
+  batch.readFile = readFile;
+  batch.writeFile = writeFile;
+  batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = first;
+}
+
+Bytes FetchBlock(std::uint32_t b) {
+  batch.next = b;
+  if (b >= batch.windowFirst && b < batch.windowEnd) return Bytes(Slot(b), blockSize);
+  WritePendingBlocks();  // their slots are about to be filled again
+  const std::uint64_t n = ReadExtent(b);
+  batch.windowFirst = batch.windowEnd = b;
+  if (n > 1 && ReadBlockAt(batch.readFile, Position(b), batchBuffer, static_cast<std::uint32_t>(n * blockSize))) {
+    batch.windowEnd = b + n;
+  } else {
+    // One block alone: either the run could not be read (then the failing block is found this
+    // way, and the message names it), or there is no run.
+    if (!ReadBlockAt(batch.readFile, Position(b), batchBuffer, blockSize)) return Bytes();
+    batch.windowEnd = b + std::uint64_t{1};
+  }
+  return Bytes(Slot(b), blockSize);
+}
+
+void KeepBlock(std::uint32_t b, bool write) {
+  if (b >= batch.windowFirst && b < batch.windowEnd) {
+    batch.write[b - batch.windowFirst] = write;
+    if (write && databaseEncrypted && b != volumeInfoBlockNumber && b != batch.first &&
+        !EncryptDataBlock(Slot(b), Slot(b), b))
+      Fail("Error encrypting block\n");
+  }
+  batch.next = std::uint64_t{b} + 1;
+}
+
+void WritePendingBlocks() {
+  const std::uint64_t end = std::min(batch.next, batch.windowEnd);
+  for (std::uint64_t b = std::max(batch.pendingFirst, batch.windowFirst); b < end;) {
+    if (!batch.write[b - batch.windowFirst]) {
+      ++b;
+      continue;
+    }
+    std::uint64_t runEnd = b;
+    while (runEnd < end && batch.write[runEnd - batch.windowFirst]) ++runEnd;
+    WriteRunOrFail(b, runEnd - b);
+    b = runEnd;
+  }
+  batch.pendingFirst = batch.next;
+}
+
+void NoteOutOfOrderWrite(std::uint32_t b) {
+  // The block whose turn it is keeps its slot: the block-at-a-time run writes it afterwards too.
+  if (b > batch.next && b < batch.windowEnd) batch.windowEnd = b;
+}
+
+}  // namespace bt

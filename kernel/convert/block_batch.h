@@ -1,0 +1,38 @@
+// Batched block I/O of the volume being converted. Runs of consecutive blocks are read with one
+// call into the batch buffer, converted there slot by slot in block order, and written back in
+// runs of consecutive converted blocks with one call each. What the disk holds at every point
+// where a run can end is what the block-at-a-time run leaves:
+// - free blocks are never read: a read run stops before the first one, and before any block
+//   whose governing map is not the current one;
+// - converted blocks are written before anything that reads or writes the database out of order
+//   (the map read ahead, big strings), before any step that may end the run, and in block order;
+// - passed-over blocks are never written; a block rewritten out of order is read again before
+//   its turn comes;
+// - a read or write of a run that fails is redone block by block, so that the failing block is
+//   the one reported.
+#pragma once
+
+#include <cstdint>
+
+#include "byteorder.h"
+#include "platform.h"
+
+namespace bt {
+
+// Starts the volume whose blocks first..last are read through readFile and written through
+// writeFile.
+void BeginVolumeBatch(std::uint32_t volume, std::uint32_t first, std::uint32_t last, platform::File readFile,
+                      platform::File writeFile);
+// Block b (the next one in order) as it is on disk, read ahead with the blocks that follow it
+// when it is not there already; an empty span when it cannot be read (the system error is
+// recorded, and every converted block before b is on disk).
+Bytes FetchBlock(std::uint32_t b);
+// Block b, converted in its slot: write it back (encrypted first when it is to be) or pass over it.
+void KeepBlock(std::uint32_t b, bool write);
+// Writes every converted block before the next one to the disk, in order; ends the run on a
+// write failure, naming the block.
+void WritePendingBlocks();
+// An out-of-order write of block b: the copy read ahead, if any, is stale.
+void NoteOutOfOrderWrite(std::uint32_t b);
+
+}  // namespace bt
