@@ -126,9 +126,11 @@ void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t v, bo
 bool Exists(const std::string& path) { return fs::exists(path); }
 
 std::string ScratchFileName(const std::string& what) {
+  // Without the process token: a death test's child (a new process on Windows) must find it.
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
   const fs::path runs = fs::temp_directory_path() / "byteturn-runs";
   fs::create_directories(runs);
-  return (runs / (TestName() + "-" + what)).string();
+  return (runs / (std::string(info->test_suite_name()) + "." + info->name() + "-" + what)).string();
 }
 
 const Target& UnderTest() {
