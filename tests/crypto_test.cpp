@@ -8,6 +8,7 @@
 #include "pbkdf2.h"
 #include "sha1.h"
 
+#include <array>
 #include <cstring>
 
 using namespace testsupport;
@@ -79,6 +80,36 @@ TEST(Crypto, AesCbcVectorsInPlace) {
       crypto::AesCbcEncrypt(big.data(), big.data(), big.size(), c1.data(), enc);
       crypto::AesCbcDecrypt(big.data(), big.data(), big.size(), c2.data(), dec);
       EXPECT_EQ(big, copy);
+    }
+  });
+}
+
+// Several independent chains encrypted together give what each gives alone: 1 to 16 messages,
+// every key size, both AES paths.
+TEST(Crypto, CbcEncryptionOfManyMessagesEqualsOneByOne) {
+  OnBothAesPaths([] {
+    for (std::size_t keySize : {16u, 24u, 32u}) {
+      Bytes key(keySize);
+      for (std::size_t i = 0; i < keySize; ++i) key[i] = static_cast<unsigned char>(i * 11 + 5);
+      crypto::AesKeySchedule enc{};
+      ASSERT_EQ(crypto::AesSetEncryptKey(key.data(), static_cast<int>(keySize), enc), 0);
+      for (std::size_t count = 1; count <= 16; ++count) {
+        const std::size_t length = 4096;
+        Bytes data(count * length), expected;
+        std::vector<std::array<std::uint8_t, 16>> ivs(count);
+        for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + i / 4096);
+        for (std::size_t m = 0; m < count; ++m)
+          for (int k = 0; k < 16; ++k) ivs[m][k] = static_cast<std::uint8_t>(m * 16 + k);
+        expected = data;
+        for (std::size_t m = 0; m < count; ++m) {
+          std::array<std::uint8_t, 16> iv = ivs[m];
+          crypto::AesCbcEncrypt(expected.data() + m * length, expected.data() + m * length, length, iv.data(), enc);
+        }
+        ASSERT_EQ(crypto::AesCbcEncryptMany(data.data(), count, length,
+                                            reinterpret_cast<const std::uint8_t(*)[16]>(ivs.data()), enc),
+                  0);
+        EXPECT_EQ(data, expected) << keySize << "-byte key, " << count << " messages";
+      }
     }
   });
 }

@@ -58,7 +58,25 @@ void StartWriteBackUpTo(std::uint64_t end) {
   batch.writeBackFrom = end;
 }
 
+// An encrypted database's blocks are encrypted again before they are written, all of a run
+// together; its volume info blocks and the first block of each volume are not encrypted.
+void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
+  if (!databaseEncrypted) return;
+  for (std::uint64_t b = from; b < from + count;) {
+    if (b == volumeInfoBlockNumber || b == batch.first) {
+      ++b;
+      continue;
+    }
+    std::uint64_t end = b;
+    while (end < from + count && end != volumeInfoBlockNumber && end != batch.first) ++end;
+    if (!EncryptDataBlocks(Slot(b), static_cast<std::uint32_t>(b), static_cast<std::uint32_t>(end - b)))
+      Fail("Error encrypting block\n");
+    b = end;
+  }
+}
+
 void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
+  EncryptRunOrFail(from, count);
   const auto size = static_cast<std::uint32_t>(count * blockSize);
   if (WriteBlockAt(batch.writeFile, Position(from), Slot(from), size)) {
     StartWriteBackUpTo(from + count);
@@ -102,12 +120,7 @@ Bytes FetchBlock(std::uint32_t b) {
 }
 
 void KeepBlock(std::uint32_t b, bool write) {
-  if (b >= batch.windowFirst && b < batch.windowEnd) {
-    batch.write[b - batch.windowFirst] = write;
-    if (write && databaseEncrypted && b != volumeInfoBlockNumber && b != batch.first &&
-        !EncryptDataBlock(Slot(b), Slot(b), b))
-      Fail("Error encrypting block\n");
-  }
+  if (b >= batch.windowFirst && b < batch.windowEnd) batch.write[b - batch.windowFirst] = write;
   batch.next = std::uint64_t{b} + 1;
 }
 

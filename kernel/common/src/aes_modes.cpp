@@ -36,4 +36,19 @@ int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
   return 0;
 }
 
+int AesCbcEncryptMany(std::uint8_t* data, std::size_t count, std::size_t length, const std::uint8_t (*ivs)[16],
+                      const AesKeySchedule& s) {
+  if (length % 16 != 0 || !ValidRounds(s)) return -1;
+  if (AesUsingHardware()) {
+    AesCbcEncryptManyHardware(data, count, length / 16, ivs, s);
+    return 0;
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    std::uint8_t iv[16];
+    std::memcpy(iv, ivs[i], 16);
+    AesCbcEncrypt(data + i * length, data + i * length, length, iv, s);
+  }
+  return 0;
+}
+
 }  // namespace crypto
