@@ -42,4 +42,13 @@ inline Fault BeforeSync(File) { return Fault::kNone; }
 inline std::uint32_t BatchBlocks() { return 0; }
 #endif
 
+// Asks the plan about a transfer of size bytes at position: the fault to record, or kShort with
+// *size cut to stop before the faulty position, or kNone.
+inline Fault TransferFault(bool writing, File file, std::uint64_t position, std::size_t* size) {
+  std::uint64_t stop = 0;
+  const Fault fault = BeforeTransfer(writing, file, position, *size, &stop);
+  if (fault == Fault::kShort) *size = static_cast<std::size_t>(stop - position);
+  return fault;
+}
+
 }  // namespace platform::faults

@@ -48,14 +48,6 @@ File OpenExisting(const std::string& path, int access) {
   return fd;
 }
 
-// Asks the fault plan about a transfer: false with the fault recorded, or the size to move.
-bool Allowed(bool writing, File file, std::uint64_t position, std::size_t* size) {
-  std::uint64_t stop = 0;
-  const faults::Fault fault = faults::BeforeTransfer(writing, file, position, *size, &stop);
-  if (Injected(fault)) return false;
-  if (fault == faults::Fault::kShort) *size = static_cast<std::size_t>(stop - position);
-  return true;
-}
 }  // namespace
 
 File OpenReadWrite(const std::string& path) { return OpenExisting(path, O_RDWR); }
@@ -98,7 +90,7 @@ std::int64_t Retrying(Call call) {
 }  // namespace
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
-  if (!Allowed(false, file, position, &size)) return -1;
+  if (Injected(faults::TransferFault(false, file, position, &size))) return -1;
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {
     return Retrying([&] { return ::pread(static_cast<int>(file), out + done, size - done, Offset(position + done)); });
@@ -106,7 +98,7 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
-  if (!Allowed(true, file, position, &size)) return -1;
+  if (Injected(faults::TransferFault(true, file, position, &size))) return -1;
   auto* in = static_cast<const unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) {
     return Retrying([&] { return ::pwrite(static_cast<int>(file), in + done, size - done, Offset(position + done)); });

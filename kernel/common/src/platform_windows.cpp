@@ -37,15 +37,6 @@ bool Injected(faults::Fault fault) {
   }
 }
 
-// Asks the fault plan about a transfer: false with the fault recorded, or the size to move.
-bool Allowed(bool writing, File file, std::uint64_t position, std::size_t* size) {
-  std::uint64_t stop = 0;
-  const faults::Fault fault = faults::BeforeTransfer(writing, file, position, *size, &stop);
-  if (Injected(fault)) return false;
-  if (fault == faults::Fault::kShort) *size = static_cast<std::size_t>(stop - position);
-  return true;
-}
-
 File OpenExisting(const std::string& path, DWORD access) {
   if (Injected(faults::BeforeOpen(path))) return kInvalidFile;
   File file = FromHandle(CreateFileA(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
@@ -88,7 +79,7 @@ void Close(File file) {
 }
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
-  if (!Allowed(false, file, position, &size)) return -1;
+  if (Injected(faults::TransferFault(false, file, position, &size))) return -1;
   auto* out = static_cast<unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) -> std::int64_t {
     OVERLAPPED at = At(position + done);
@@ -99,7 +90,7 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
 }
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
-  if (!Allowed(true, file, position, &size)) return -1;
+  if (Injected(faults::TransferFault(true, file, position, &size))) return -1;
   auto* in = static_cast<const unsigned char*>(buffer);
   return TransferAll(size, [&](std::size_t done) -> std::int64_t {
     OVERLAPPED at = At(position + done);
