@@ -92,8 +92,7 @@ void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
 
 }  // namespace
 
-void BeginVolumeBatch(std::uint32_t, std::uint32_t first, std::uint32_t last, platform::File readFile,
-                      platform::File writeFile) {
+void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File readFile, platform::File writeFile) {
   batch = VolumeBatch{};
   batch.first = first;
   batch.last = last;

@@ -21,8 +21,7 @@ namespace bt {
 
 // Starts the volume whose blocks first..last are read through readFile and written through
 // writeFile.
-void BeginVolumeBatch(std::uint32_t volume, std::uint32_t first, std::uint32_t last, platform::File readFile,
-                      platform::File writeFile);
+void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File readFile, platform::File writeFile);
 // Block b (the next one in order) as it is on disk, read ahead with the blocks that follow it
 // when it is not there already; an empty span when it cannot be read (the system error is
 // recorded, and every converted block before b is on disk).

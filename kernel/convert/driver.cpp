@@ -131,7 +131,7 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
   if (writeFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(index), ErrorText());
 
-  BeginVolumeBatch(index, v.first, v.last, readFile, writeFile);
+  BeginVolumeBatch(v.first, v.last, readFile, writeFile);
   std::uint64_t handled = 0;
   for (; b <= v.last; ++b, ++handled) {
     const Step step = ConvertBlock(v, b);
