@@ -8,7 +8,6 @@
 #include "pbkdf2.h"
 #include "sha1.h"
 
-#include <array>
 #include <cstring>
 
 using namespace testsupport;
@@ -96,18 +95,15 @@ TEST(Crypto, CbcEncryptionOfManyMessagesEqualsOneByOne) {
       for (std::size_t count = 1; count <= 16; ++count) {
         const std::size_t length = 4096;
         Bytes data(count * length), expected;
-        std::vector<std::array<std::uint8_t, 16>> ivs(count);
+        std::uint8_t ivs[16][16];
         for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + i / 4096);
-        for (std::size_t m = 0; m < count; ++m)
-          for (int k = 0; k < 16; ++k) ivs[m][k] = static_cast<std::uint8_t>(m * 16 + k);
+        for (std::size_t i = 0; i < sizeof ivs; ++i) ivs[i / 16][i % 16] = static_cast<std::uint8_t>(i * 3 + 1);
         expected = data;
         for (std::size_t m = 0; m < count; ++m) {
-          std::array<std::uint8_t, 16> iv = ivs[m];
+          Bytes iv(ivs[m], ivs[m] + 16);
           crypto::AesCbcEncrypt(expected.data() + m * length, expected.data() + m * length, length, iv.data(), enc);
         }
-        ASSERT_EQ(crypto::AesCbcEncryptMany(data.data(), count, length,
-                                            reinterpret_cast<const std::uint8_t(*)[16]>(ivs.data()), enc),
-                  0);
+        ASSERT_EQ(crypto::AesCbcEncryptMany(data.data(), count, length, ivs, enc), 0);
         EXPECT_EQ(data, expected) << keySize << "-byte key, " << count << " messages";
       }
     }
