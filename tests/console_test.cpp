@@ -50,10 +50,7 @@ TEST(Console, AnswersTypedAheadConvertAnEncryptedDatabase) {
   p.keyId = "typed-ahead";
   ASSERT_EQ(gendb::WriteKeyfile(s.Path("k.key"), "1.0", "typed-ahead", "admin", "pw", key), "");
   Generate(p, s.Path("db.dat"));
-  gendb::Params twin = p;
-  twin.bigEndian = !p.bigEndian;
-  twin.converted = true;
-  Generate(twin, s.Path("twin.dat"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
   const std::string answers = Shown(s.Path("k.key")) + "\nadmin\npw\n";
   WriteBytes(s.Path("answers"), 0, std::vector<std::uint8_t>(answers.begin(), answers.end()));
   const std::string shown = RunConsole("pty", 60, s.Path("answers"), {"-t", s.Path("db.dat")});

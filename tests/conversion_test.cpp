@@ -121,11 +121,7 @@ TEST(Conversion, ProgressLinesOnlyAtThousandsAndNeverTerse) {
 TEST(Conversion, ProgressPercentWrapsPastTheThirtyTwoBitRange) {
   Scratch s;
   const std::string db = s.Path("db.dat");
-  gendb::Params p;
-  p.sizeCode = 1;
-  p.lastBlock = 42960000;
-  p.freeShare = 1.0;
-  p.sparse = true;
+  gendb::Params p = SparseDatabase(42960000, 1.0);
   Generate(p, db);
   RunResult r = RunByteturn({db});
   EXPECT_EQ(r.status, 0);
@@ -136,17 +132,10 @@ TEST(Conversion, ProgressPercentWrapsPastTheThirtyTwoBitRange) {
 // Output piped to a reader that quits early: the run still converts every block and ends normally.
 TEST(Conversion, AReaderThatGoesAwayDoesNotStopTheRun) {
   Scratch s;
-  gendb::Params p;
-  p.sizeCode = 1;
-  p.lastBlock = 4000000;  // 4000 progress lines: more than a pipe holds
-  p.freeShare = 0.999;
-  p.sparse = true;
+  gendb::Params p = SparseDatabase(4000000, 0.999);  // 4000 progress lines: more than a pipe holds
   const std::string db = s.Path("ORVA.DAT"), twin = s.Path("twin.dat");
   Generate(p, db);
-  gendb::Params other = p;
-  other.bigEndian = false;
-  other.converted = true;
-  Generate(other, twin);
+  Generate(TwinOf(p), twin);
 
   const std::string command = ShellCommand() + " '" + Shown(db) + "' 2>/dev/null";
   std::FILE* pipe = popen(command.c_str(), "r");
@@ -162,11 +151,7 @@ TEST(Conversion, AReaderThatGoesAwayDoesNotStopTheRun) {
 // pipe that is read only after the signal, so the run is still going when the signal comes.
 TEST(Conversion, AHangUpDoesNotStopTheRun) {
   Scratch s;
-  gendb::Params p;
-  p.sizeCode = 1;
-  p.lastBlock = 4000000;
-  p.freeShare = 1.0;
-  p.sparse = true;
+  gendb::Params p = SparseDatabase(4000000, 1.0);
   Generate(p, s.Path("ORVA.DAT"));
   const std::string script = "cd '" + s.dir + "' && mkfifo pipe && { " + ShellCommand() + " ORVA.DAT > pipe 2>&1 & "
       "pid=$!; exec 3< pipe; head -c 8192 <&3 > /dev/null; kill -HUP $pid; echo $? > kill.txt; "

@@ -63,9 +63,7 @@ TEST(Faults, InjectedFailuresEndTheRunAtTheirBlock) {
   };
   Scratch s;
   const gendb::Params p = Database();
-  gendb::Params twin = p;
-  twin.bigEndian = !p.bigEndian;
-  twin.converted = true;
+  const gendb::Params twin = TwinOf(p);
   Generate(p, s.Path("original.dat"));
   Generate(twin, s.Path("twin.dat"));
   // The same with one block per call and with the largest batches.
@@ -88,9 +86,7 @@ TEST(Faults, InjectedFailuresEndTheRunAtTheirBlock) {
 TEST(Faults, FileCutShortInsideABlock) {
   Scratch s;
   const gendb::Params p = Database();
-  gendb::Params twin = p;
-  twin.bigEndian = !p.bigEndian;
-  twin.converted = true;
+  const gendb::Params twin = TwinOf(p);
   for (const char* name : {"ORVA.DAT", "original.dat"}) {
     Generate(p, s.Path(name));
     fs::resize_file(s.Path(name), At(500) + 4000);
@@ -116,9 +112,7 @@ TEST(Faults, VolumeThatCannotBeOpenedWhenTheRunReachesIt) {
   p.lastBlock = 3000;
   p.volumeSet.volumes = 3;
   p.volumeSet.placement = {0, 0, 0};
-  gendb::Params twin = p;
-  twin.bigEndian = !p.bigEndian;
-  twin.converted = true;
+  const gendb::Params twin = TwinOf(p);
   fs::create_directories(s.Path("db"));
   fs::create_directories(s.Path("original"));
   fs::create_directories(s.Path("twin"));
@@ -212,16 +206,9 @@ TEST(Faults, OutOfOrderReadFailureAfterBatchedBlocks) {
 // Of two runs started together exactly one converts; the other finds the lock.
 TEST(Faults, TwoRunsStartedTogether) {
   Scratch s;
-  gendb::Params p;
-  p.sizeCode = 1;
-  p.lastBlock = 2000000;
-  p.freeShare = 0.999;
-  p.sparse = true;
-  gendb::Params twin = p;
-  twin.bigEndian = false;
-  twin.converted = true;
+  const gendb::Params p = SparseDatabase(2000000, 0.999);
   Generate(p, s.Path("ORVA.DAT"));
-  Generate(twin, s.Path("twin.dat"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
   const std::string run = ShellCommand() + " -t '" + Shown(s.Path("ORVA.DAT")) + "'";
   const std::string script = "cd '" + s.dir + "' && { " + run + " > a.out 2> a.err & " + run +
                              " > b.out 2> b.err; echo $? > b.status; wait $!; echo $? > a.status; }";

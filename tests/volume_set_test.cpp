@@ -41,9 +41,7 @@ RunResult ConvertsToTwin(gendb::Params p, const Scratch& s, const std::string& i
   MakeDirectories(p, s.Path("src"));
   MakeDirectories(p, s.Path("twin"));
   Generate(p, s.Path("src/ORVA.DAT"));
-  gendb::Params twin = p;
-  twin.bigEndian = !p.bigEndian;
-  twin.converted = true;
+  const gendb::Params twin = TwinOf(p);
   Generate(twin, s.Path("twin/ORVA.DAT"));
   RunResult r = RunByteturn({"-t", "ORVA.DAT"}, input, s.Path("src"));
   EXPECT_EQ(r.status, 0) << r.out;

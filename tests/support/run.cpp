@@ -227,6 +227,21 @@ void ShowMarkers(const gendb::Params& params, const std::string& path) {
 }
 }  // namespace
 
+gendb::Params TwinOf(gendb::Params params) {
+  params.bigEndian = !params.bigEndian;
+  params.converted = true;
+  return params;
+}
+
+gendb::Params SparseDatabase(std::uint32_t lastBlock, double freeShare) {
+  gendb::Params p;
+  p.sizeCode = 1;
+  p.lastBlock = lastBlock;
+  p.freeShare = freeShare;
+  p.sparse = true;
+  return p;
+}
+
 std::string GenerateFor(const gendb::Params& params, const std::string& path, gendb::Stats* stats) {
   std::string error = gendb::GenerateDatabase(params, path, stats);
   if (error.empty()) ShowMarkers(params, path);
@@ -244,10 +259,7 @@ RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, con
   params.converted = false;
   std::string error = GenerateFor(params, source, stats);
   EXPECT_EQ(error, "");
-  gendb::Params other = params;
-  other.bigEndian = !params.bigEndian;
-  other.converted = true;
-  Generate(other, twin);
+  Generate(TwinOf(params), twin);
   RunResult r = RunByteturn({"-t", source}, input, "", exe);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(gendb::CompareFiles(source, twin, gendb::GeometryFor(params.sizeCode).blockSize), "")

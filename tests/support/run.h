@@ -89,6 +89,12 @@ std::string ScratchFileName(const std::string& what);
 std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
                        const std::vector<std::string>& args, const std::string& cwd = "");
 
+// The image a conversion of params must give: the other order, converted.
+gendb::Params TwinOf(gendb::Params params);
+// A big-endian database of 4096-byte blocks up to lastBlock, mostly free blocks left as holes:
+// many blocks and progress lines that cost little disk.
+gendb::Params SparseDatabase(std::uint32_t lastBlock, double freeShare);
+
 // Generates the database for params into path, its markers in the form of the program under
 // test: "" or what went wrong.
 std::string GenerateFor(const gendb::Params& params, const std::string& path, gendb::Stats* stats = nullptr);
