@@ -9,6 +9,7 @@
 #include "sha1.h"
 
 #include <cstring>
+#include <utility>
 
 using namespace testsupport;
 using Bytes = std::vector<unsigned char>;
@@ -26,23 +27,25 @@ const Json& Boundaries() {
   return json;
 }
 
-// Runs body once with the portable AES and once with the processor's instructions (if present).
+// Runs body once on each AES path the processor has.
 template <typename Body>
-void OnBothAesPaths(Body body) {
-  for (bool hardware : {false, true}) {
-    if (hardware && !crypto::AesHardwareAvailable()) {
-      std::printf("no AES instructions on this processor: hardware path not run\n");
+void OnEveryAesPath(Body body) {
+  const crypto::AesPath before = crypto::AesPathInUse();
+  for (auto [path, name] : {std::pair{crypto::AesPath::kPortable, "portable AES"},
+                            std::pair{crypto::AesPath::kHardware, "AES instructions"},
+                            std::pair{crypto::AesPath::kWide, "vector AES instructions"}}) {
+    if (!crypto::AesUsePath(path)) {
+      std::printf("not on this processor: %s path not run\n", name);
       continue;
     }
-    crypto::AesUseHardware(hardware);
-    SCOPED_TRACE(hardware ? "hardware AES" : "portable AES");
+    SCOPED_TRACE(name);
     body();
   }
-  crypto::AesUseHardware(true);
+  crypto::AesUsePath(before);
 }
 
 TEST(Crypto, AesBlockVectors) {
-  OnBothAesPaths([] {
+  OnEveryAesPath([] {
     for (const Json& v : Vectors()["aes_fips197_appendix_c"].items) {
       Bytes key = Hex(v["key"].text), plain = Hex(v["plaintext"].text), cipher = Hex(v["ciphertext"].text);
       crypto::AesKeySchedule enc{}, dec{};
@@ -58,7 +61,7 @@ TEST(Crypto, AesBlockVectors) {
 }
 
 TEST(Crypto, AesCbcVectorsInPlace) {
-  OnBothAesPaths([] {
+  OnEveryAesPath([] {
     for (const Json& v : Vectors()["aes_cbc_sp800_38a_f2"].items) {
       Bytes key = Hex(v["key"].text), iv = Hex(v["iv"].text), plain = Hex(v["plaintext"].text),
             cipher = Hex(v["ciphertext"].text);
@@ -72,7 +75,7 @@ TEST(Crypto, AesCbcVectorsInPlace) {
       chain = iv;
       ASSERT_EQ(crypto::AesCbcDecrypt(buffer.data(), buffer.data(), buffer.size(), chain.data(), dec), 0);
       EXPECT_EQ(buffer, plain);
-      // Long runs take the eight-wide path: a 4 KB round trip.
+      // Long runs take the eight- and sixteen-wide paths: a 4 KB round trip, with a tail.
       Bytes big(4096 + 48);
       for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<unsigned char>(i * 13);
       Bytes copy = big, c1 = iv, c2 = iv;
@@ -83,19 +86,19 @@ TEST(Crypto, AesCbcVectorsInPlace) {
   });
 }
 
-// Several independent chains encrypted together give what each gives alone: 1 to 16 messages,
-// every key size, both AES paths.
+// Several independent chains encrypted together give what each gives alone: 1 to 35 messages
+// (beyond two groups of sixteen), every key size, every AES path.
 TEST(Crypto, CbcEncryptionOfManyMessagesEqualsOneByOne) {
-  OnBothAesPaths([] {
+  OnEveryAesPath([] {
     for (std::size_t keySize : {16u, 24u, 32u}) {
       Bytes key(keySize);
       for (std::size_t i = 0; i < keySize; ++i) key[i] = static_cast<unsigned char>(i * 11 + 5);
       crypto::AesKeySchedule enc{};
       ASSERT_EQ(crypto::AesSetEncryptKey(key.data(), static_cast<int>(keySize), enc), 0);
-      for (std::size_t count = 1; count <= 16; ++count) {
+      for (std::size_t count = 1; count <= 35; ++count) {
         const std::size_t length = 4096;
         Bytes data(count * length), expected;
-        std::uint8_t ivs[16][16];
+        std::uint8_t ivs[35][16];
         for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + i / 4096);
         for (std::size_t i = 0; i < sizeof ivs; ++i) ivs[i / 16][i % 16] = static_cast<std::uint8_t>(i * 3 + 1);
         expected = data;
@@ -129,7 +132,7 @@ TEST(Crypto, AesResultCodesAndInputChecks) {
 }
 
 TEST(Crypto, KeyUnwrapVectorsAndChecks) {
-  OnBothAesPaths([] {
+  OnEveryAesPath([] {
     for (const Json& v : Vectors()["aes_key_wrap_rfc3394_section4"].items) {
       Bytes kek = Hex(v["kek"].text), key = Hex(v["key_data"].text), wrapped = Hex(v["wrapped"].text);
       Bytes out(64);

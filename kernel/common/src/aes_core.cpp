@@ -56,14 +56,15 @@ const Tables& T() {
   return tables;
 }
 
-bool hardware = false;
-bool hardwareChecked = false;
+bool chosen = false;
+AesPath path = AesPath::kPortable;
 
-void EnsureChoice() {
-  if (!hardwareChecked) {
-    hardwareChecked = true;
-    hardware = AesHardwareAvailable();
+AesPath Choice() {
+  if (!chosen) {
+    chosen = true;
+    path = AesWideAvailable() ? AesPath::kWide : AesHardwareAvailable() ? AesPath::kHardware : AesPath::kPortable;
   }
+  return path;
 }
 
 int RoundsFor(int length, int* bytes) {
@@ -176,8 +177,7 @@ void AesDecryptPortable(const std::uint8_t in[16], std::uint8_t out[16], const A
 
 int AesEncryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& s) {
   if (!ValidRounds(s)) return -1;
-  EnsureChoice();
-  if (hardware)
+  if (Choice() != AesPath::kPortable)
     AesEncryptHardware(in, out, s);
   else
     AesEncryptPortable(in, out, s);
@@ -186,23 +186,24 @@ int AesEncryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKe
 
 int AesDecryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& s) {
   if (!ValidRounds(s)) return -1;
-  EnsureChoice();
-  if (hardware)
+  if (Choice() != AesPath::kPortable)
     AesDecryptHardware(in, out, s);
   else
     AesDecryptPortable(in, out, s);
   return 0;
 }
 
-bool AesUseHardware(bool wanted) {
-  hardwareChecked = true;
-  hardware = wanted && AesHardwareAvailable();
-  return hardware;
+bool AesPathAvailable(AesPath p) {
+  return p == AesPath::kPortable || (p == AesPath::kHardware ? AesHardwareAvailable() : AesWideAvailable());
 }
 
-bool AesUsingHardware() {
-  EnsureChoice();
-  return hardware;
+bool AesUsePath(AesPath p) {
+  if (!AesPathAvailable(p)) return false;
+  chosen = true;
+  path = p;
+  return true;
 }
+
+AesPath AesPathInUse() { return Choice(); }
 
 }  // namespace crypto

@@ -1,6 +1,5 @@
-// AES block cipher (FIPS-197) with 128-, 192- and 256-bit keys. Two implementations give the
-// same results: the processor's AES instructions, chosen at run time when present, and portable
-// table-driven code.
+// AES block cipher (FIPS-197) with 128-, 192- and 256-bit keys. Three implementations give the
+// same results; the fastest the processor has is chosen at run time.
 #pragma once
 
 #include <cstddef>
@@ -21,10 +20,13 @@ int AesSetDecryptKey(const std::uint8_t* key, int length, AesKeySchedule& schedu
 int AesEncryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
 int AesDecryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
 
-bool AesHardwareAvailable();
-// Selects the implementation; the hardware one only when available. Returns what is in use.
-bool AesUseHardware(bool hardware);
-bool AesUsingHardware();
+// Portable table-driven code; the AES instructions, one 16-byte piece each; the vector AES
+// instructions on 512-bit registers, four pieces each (AES of one piece stays on the second).
+enum class AesPath { kPortable, kHardware, kWide };
+bool AesPathAvailable(AesPath path);
+// Selects path when the processor has it; tells whether it did.
+bool AesUsePath(AesPath path);
+AesPath AesPathInUse();
 
 // Internals shared with the modes: the portable and hardware block functions.
 bool ValidRounds(const AesKeySchedule& schedule);
@@ -38,5 +40,11 @@ void AesCbcEncryptHardware(const std::uint8_t* in, std::uint8_t* out, std::size_
                            const AesKeySchedule& schedule);
 void AesCbcEncryptManyHardware(std::uint8_t* data, std::size_t count, std::size_t blocks, const std::uint8_t (*ivs)[16],
                                const AesKeySchedule& schedule);
+bool AesHardwareAvailable();
+bool AesWideAvailable();
+void AesCbcDecryptWide(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks, std::uint8_t iv[16],
+                       const AesKeySchedule& schedule);
+void AesCbcEncryptManyWide(std::uint8_t* data, std::size_t count, std::size_t blocks, const std::uint8_t (*ivs)[16],
+                           const AesKeySchedule& schedule);
 
 }  // namespace crypto

@@ -7,7 +7,11 @@ namespace crypto {
 int AesCbcDecrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length, std::uint8_t iv[16],
                   const AesKeySchedule& s) {
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
-  if (AesUsingHardware()) {
+  if (AesPathInUse() == AesPath::kWide) {
+    AesCbcDecryptWide(in, out, length / 16, iv, s);
+    return 0;
+  }
+  if (AesPathInUse() == AesPath::kHardware) {
     AesCbcDecryptHardware(in, out, length / 16, iv, s);
     return 0;
   }
@@ -24,7 +28,7 @@ int AesCbcDecrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
 int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length, std::uint8_t iv[16],
                   const AesKeySchedule& s) {
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
-  if (AesUsingHardware()) {
+  if (AesPathInUse() != AesPath::kPortable) {  // one chain: a piece at a time on either path
     AesCbcEncryptHardware(in, out, length / 16, iv, s);
     return 0;
   }
@@ -39,7 +43,11 @@ int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
 int AesCbcEncryptMany(std::uint8_t* data, std::size_t count, std::size_t length, const std::uint8_t (*ivs)[16],
                       const AesKeySchedule& s) {
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
-  if (AesUsingHardware()) {
+  if (AesPathInUse() == AesPath::kWide) {
+    AesCbcEncryptManyWide(data, count, length / 16, ivs, s);
+    return 0;
+  }
+  if (AesPathInUse() == AesPath::kHardware) {
     AesCbcEncryptManyHardware(data, count, length / 16, ivs, s);
     return 0;
   }

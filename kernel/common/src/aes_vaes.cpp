@@ -1,0 +1,130 @@
+// AES with the processor's vector AES instructions on 512-bit registers (x86-64 with VAES and
+// AVX-512): one instruction takes a round of four 16-byte pieces.
+#include "aes_core.h"
+
+#if defined(__x86_64__) || defined(_M_X64)
+#include <immintrin.h>
+
+// GCC 12's AVX-512 intrinsics start some results from a deliberately undefined register and then
+// warn about it where they are inlined.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+
+namespace crypto {
+
+#define BT_VAES_TARGET __attribute__((target("aes,sse4.1,avx512f,vaes")))
+
+namespace {
+// Round key r in each of the four lanes of a register.
+BT_VAES_TARGET inline __m512i Key4(const AesKeySchedule& s, int r) {
+  return _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i*>(s.roundKeyBytes + 16 * r)));
+}
+
+BT_VAES_TARGET inline __m128i Load(const std::uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+BT_VAES_TARGET inline void Store(std::uint8_t* p, __m128i x) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), x); }
+
+// Four pieces from four places into the lanes of one register, and back.
+BT_VAES_TARGET inline __m512i Gather(const std::uint8_t* const p[4]) {
+  __m512i v = _mm512_castsi128_si512(Load(p[0]));
+  v = _mm512_inserti32x4(v, Load(p[1]), 1);
+  v = _mm512_inserti32x4(v, Load(p[2]), 2);
+  return _mm512_inserti32x4(v, Load(p[3]), 3);
+}
+
+BT_VAES_TARGET inline void Scatter(std::uint8_t* const p[4], __m512i v) {
+  Store(p[0], _mm512_castsi512_si128(v));
+  Store(p[1], _mm512_extracti32x4_epi32(v, 1));
+  Store(p[2], _mm512_extracti32x4_epi32(v, 2));
+  Store(p[3], _mm512_extracti32x4_epi32(v, 3));
+}
+
+// CBC encryption of up to 4 * R chains (lanes) together, in place. A register lane with no
+// chain of its own repeats the last chain: same bytes in, same bytes out, stored to the same place.
+template <int R>
+BT_VAES_TARGET void EncryptChains(std::uint8_t* data, std::size_t lanes, std::size_t blocks,
+                                  const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
+  const int rounds = s.rounds;
+  __m512i k[15];
+  for (int r = 0; r <= rounds; ++r) k[r] = Key4(s, r);
+  const std::size_t length = 16 * blocks;
+  std::uint8_t* start[4 * R];
+  for (std::size_t l = 0; l < 4 * R; ++l) start[l] = data + (l < lanes ? l : lanes - 1) * length;
+  __m512i chain[R];
+  for (int q = 0; q < R; ++q) {
+    const std::uint8_t* iv[4];
+    for (std::size_t l = 0; l < 4; ++l) {
+      const std::size_t lane = 4 * static_cast<std::size_t>(q) + l;
+      iv[l] = ivs[lane < lanes ? lane : lanes - 1];
+    }
+    chain[q] = Gather(iv);
+  }
+  for (std::size_t j = 0; j < blocks; ++j) {
+    std::uint8_t* at[4 * R];
+    for (std::size_t l = 0; l < 4 * R; ++l) at[l] = start[l] + 16 * j;
+    __m512i x[R];
+    for (int q = 0; q < R; ++q) x[q] = _mm512_xor_si512(_mm512_xor_si512(Gather(at + 4 * q), chain[q]), k[0]);
+    for (int r = 1; r < rounds; ++r)
+      for (int q = 0; q < R; ++q) x[q] = _mm512_aesenc_epi128(x[q], k[r]);
+    for (int q = 0; q < R; ++q) chain[q] = _mm512_aesenclast_epi128(x[q], k[rounds]);
+    for (int q = 0; q < R; ++q) Scatter(at + 4 * q, chain[q]);
+  }
+}
+}  // namespace
+
+bool AesWideAvailable() {
+  return AesHardwareAvailable() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("vaes");
+}
+
+// CBC decryption has no chain between the decryptions: sixteen pieces per step in four
+// registers. The value each piece is combined with is the ciphertext before it, taken from the
+// registers already loaded, so that in and out may be the same.
+BT_VAES_TARGET void AesCbcDecryptWide(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks,
+                                      std::uint8_t iv[16], const AesKeySchedule& s) {
+  const int rounds = s.rounds;
+  __m512i k[15];
+  for (int r = 0; r <= rounds; ++r) k[r] = Key4(s, r);
+  __m512i before = _mm512_inserti32x4(_mm512_setzero_si512(), Load(iv), 3);  // its last lane: the chain value
+  std::size_t i = 0;
+  for (; i + 16 <= blocks; i += 16) {
+    __m512i c[4], x[4];
+    for (int q = 0; q < 4; ++q) c[q] = _mm512_loadu_si512(in + 16 * i + 64 * q);
+    for (int q = 0; q < 4; ++q) x[q] = _mm512_xor_si512(c[q], k[0]);
+    for (int r = 1; r < rounds; ++r)
+      for (int q = 0; q < 4; ++q) x[q] = _mm512_aesdec_epi128(x[q], k[r]);
+    for (int q = 0; q < 4; ++q) x[q] = _mm512_aesdeclast_epi128(x[q], k[rounds]);
+    // Each lane's predecessor: the register's lanes moved up one, the one before's last lane first.
+    _mm512_storeu_si512(out + 16 * i, _mm512_xor_si512(x[0], _mm512_alignr_epi64(c[0], before, 6)));
+    for (int q = 1; q < 4; ++q)
+      _mm512_storeu_si512(out + 16 * i + 64 * q, _mm512_xor_si512(x[q], _mm512_alignr_epi64(c[q], c[q - 1], 6)));
+    before = c[3];
+  }
+  Store(iv, _mm512_extracti32x4_epi32(before, 3));
+  if (i < blocks) AesCbcDecryptHardware(in + 16 * i, out + 16 * i, blocks - i, iv, s);
+}
+
+BT_VAES_TARGET void AesCbcEncryptManyWide(std::uint8_t* data, std::size_t count, std::size_t blocks,
+                                          const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
+  constexpr std::size_t kLanes = 16;
+  for (std::size_t first = 0; first < count; first += kLanes) {
+    const std::size_t lanes = count - first < kLanes ? count - first : kLanes;
+    std::uint8_t* at = data + first * 16 * blocks;
+    switch ((lanes + 3) / 4) {
+      case 1: EncryptChains<1>(at, lanes, blocks, ivs + first, s); break;
+      case 2: EncryptChains<2>(at, lanes, blocks, ivs + first, s); break;
+      case 3: EncryptChains<3>(at, lanes, blocks, ivs + first, s); break;
+      default: EncryptChains<4>(at, lanes, blocks, ivs + first, s); break;
+    }
+  }
+}
+
+}  // namespace crypto
+
+#else
+
+namespace crypto {
+bool AesWideAvailable() { return false; }
+void AesCbcDecryptWide(const std::uint8_t*, std::uint8_t*, std::size_t, std::uint8_t*, const AesKeySchedule&) {}
+void AesCbcEncryptManyWide(std::uint8_t*, std::size_t, std::size_t, const std::uint8_t (*)[16], const AesKeySchedule&) {}
+}  // namespace crypto
+
+#endif
