@@ -203,6 +203,37 @@ TEST(Faults, OutOfOrderReadFailureAfterBatchedBlocks) {
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
 }
 
+// A block that cannot be written inside a batch: what the later blocks of the batch printed is
+// never shown, as when each block is written in its turn.
+TEST(Faults, WriteFailureHidesMessagesOfLaterBlocks) {
+  Scratch s;
+  gendb::Params p = Database();
+  p.mix = gendb::Mix{3, 6, 1, 3, 0, 0, 2};  // blocks with bad offsets: each has its message
+  Generate(p, s.Path("original.dat"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
+  Generate(p, s.Path("probe.dat"));
+  const std::string all = RunByteturn({s.Path("probe.dat")}).out;
+  const std::string skip = "Skip a bad block, block #";
+  const std::size_t at = all.find(skip, all.find(skip) + 1);  // the second one: blocks before it
+  ASSERT_NE(at, std::string::npos) << all;
+  const auto k = static_cast<std::uint32_t>(std::stoul(all.substr(at + skip.size())));
+  // The nearest block before it that the run writes.
+  const auto original = ReadBytes(s.Path("original.dat")), twin = ReadBytes(s.Path("twin.dat"));
+  std::uint32_t f = k - 1;
+  while (f > 2 && std::equal(original.begin() + At(f), original.begin() + At(f + 1), twin.begin() + At(f))) --f;
+  RunResult one, many;
+  for (auto [name, batch, r] : {std::tuple{"one.dat", "BYTETURN_BATCH_BLOCKS=1 ", &one}, std::tuple{"many.dat", "", &many}}) {
+    Generate(p, s.Path(name));
+    *r = RunByteturn({s.Path(name)}, "", "", UnderTest().faultsExe,
+                     std::string(batch) + "BYTETURN_FAULTS='write:" + name + ":" + std::to_string(At(f)) + ":EIO'");
+  }
+  EXPECT_EQ(one.status, 1);
+  EXPECT_NE(one.out.find("\r\nError writing block " + std::to_string(f) + "."), std::string::npos) << one.out;
+  EXPECT_EQ(one.out.find(skip + std::to_string(k)), std::string::npos) << one.out;
+  EXPECT_EQ(many.out, one.out);
+  EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
+}
+
 // Of two runs started together exactly one converts; the other finds the lock.
 TEST(Faults, TwoRunsStartedTogether) {
   Scratch s;

@@ -60,6 +60,16 @@ void StartWriteBackUpTo(std::uint64_t end) {
 
 // An encrypted database's blocks are encrypted again before they are written, all of a run
 // together; its volume info blocks and the first block of each volume are not encrypted.
+// Ends the run at block b: what the blocks before it printed is shown, what later ones printed
+// is not, as when the blocks are written one at a time.
+[[noreturn]] void FailAtBlock(std::uint64_t b, bool encrypting) {
+  ReleaseHeldOutput(b);
+  DiscardHeldOutput();
+  if (encrypting) Fail("Error encrypting block\n");
+  if (b == 1) Fail("\r\nWrite of label block failed. %s\r\n", ErrorText());
+  Fail("\r\nError writing block %u. %s\r\n", static_cast<std::uint32_t>(b), ErrorText());
+}
+
 void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
   if (!databaseEncrypted) return;
   for (std::uint64_t b = from; b < from + count;) {
@@ -70,7 +80,7 @@ void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
     std::uint64_t end = b;
     while (end < from + count && end != volumeInfoBlockNumber && end != batch.first) ++end;
     if (!EncryptDataBlocks(Slot(b), static_cast<std::uint32_t>(b), static_cast<std::uint32_t>(end - b)))
-      Fail("Error encrypting block\n");
+      FailAtBlock(b, true);
     b = end;
   }
 }
@@ -83,11 +93,8 @@ void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
     return;
   }
   // Which block failed: the run again, one block at a time (rewriting a block is harmless).
-  for (std::uint64_t b = from; b < from + count; ++b) {
-    if (WriteBlockAt(batch.writeFile, Position(b), Slot(b), blockSize)) continue;
-    if (b == 1) Fail("\r\nWrite of label block failed. %s\r\n", ErrorText());
-    Fail("\r\nError writing block %u. %s\r\n", static_cast<std::uint32_t>(b), ErrorText());
-  }
+  for (std::uint64_t b = from; b < from + count; ++b)
+    if (!WriteBlockAt(batch.writeFile, Position(b), Slot(b), blockSize)) FailAtBlock(b, false);
 }
 
 }  // namespace
@@ -99,10 +106,13 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
   batch.readFile = readFile;
   batch.writeFile = writeFile;
   batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = first;
+  HoldOutput(true);
+  SetOutputMark(first);
 }
 
 Bytes FetchBlock(std::uint32_t b) {
   batch.next = b;
+  SetOutputMark(b);
   if (b >= batch.windowFirst && b < batch.windowEnd) return Bytes(Slot(b), blockSize);
   WritePendingBlocks();  // their slots are about to be filled again
   const std::uint64_t n = ReadExtent(b);
@@ -121,6 +131,7 @@ Bytes FetchBlock(std::uint32_t b) {
 void KeepBlock(std::uint32_t b, bool write) {
   if (b >= batch.windowFirst && b < batch.windowEnd) batch.write[b - batch.windowFirst] = write;
   batch.next = std::uint64_t{b} + 1;
+  SetOutputMark(batch.next);
 }
 
 void WritePendingBlocks() {
@@ -136,6 +147,12 @@ void WritePendingBlocks() {
     b = runEnd;
   }
   batch.pendingFirst = batch.next;
+  ReleaseHeldOutput(batch.next);  // the blocks before it are written
+}
+
+void EndVolumeBatch() {
+  WritePendingBlocks();
+  HoldOutput(false);
 }
 
 void NoteOutOfOrderWrite(std::uint32_t b) {

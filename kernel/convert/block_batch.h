@@ -1,7 +1,7 @@
 // Batched block I/O of the volume being converted. Runs of consecutive blocks are read with one
 // call into the batch buffer, converted there slot by slot in block order, and written back in
-// runs of consecutive converted blocks with one call each. What the disk holds at every point
-// where a run can end is what the block-at-a-time run leaves:
+// runs of consecutive converted blocks with one call each. What the disk holds and what the
+// console shows at every point where a run can end is what the block-at-a-time run leaves:
 // - free blocks are never read: a read run stops before the first one, and before any block
 //   whose governing map is not the current one;
 // - converted blocks are written before anything that reads or writes the database out of order
@@ -9,7 +9,9 @@
 // - passed-over blocks are never written; a block rewritten out of order is read again before
 //   its turn comes;
 // - a read or write of a run that fails is redone block by block, so that the failing block is
-//   the one reported.
+//   the one reported;
+// - messages are held back until the blocks converted before them are written, and those of
+//   blocks after a block that cannot be written are never shown.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +22,7 @@
 namespace bt {
 
 // Starts the volume whose blocks first..last are read through readFile and written through
-// writeFile.
+// writeFile; its messages are held back from here on.
 void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File readFile, platform::File writeFile);
 // Block b (the next one in order) as it is on disk, read ahead with the blocks that follow it
 // when it is not there already; an empty span when it cannot be read (the system error is
@@ -31,6 +33,8 @@ void KeepBlock(std::uint32_t b, bool write);
 // Writes every converted block before the next one to the disk, in order; ends the run on a
 // write failure, naming the block.
 void WritePendingBlocks();
+// Writes what is pending and shows every message held back: the volume's blocks are done.
+void EndVolumeBatch();
 // An out-of-order write of block b: the copy read ahead, if any, is stale.
 void NoteOutOfOrderWrite(std::uint32_t b);
 

@@ -111,8 +111,7 @@ Step ConvertBlock(const Volume& v, std::uint32_t b) {
 void PrintProgress(std::uint32_t b, bool verbose) {
   if (!verbose || b % 1000 != 0 || lastBlock == 0) return;
   std::uint32_t percent = b * 100u / lastBlock;  // unsigned 32 bits: wraps once b * 100 passes 2^32
-  Print("\r%u blocks (%.0d%%)     ", b, static_cast<int>(percent));
-  std::fflush(stdout);  // a terminal shows the line while the run goes on
+  Print("\r%u blocks (%.0d%%)     ", b, static_cast<int>(percent));  // shown once the blocks before it are written
 }
 
 void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
@@ -140,7 +139,7 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
     if (b == UINT32_MAX) break;
   }
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
-  WritePendingBlocks();
+  EndVolumeBatch();
   SyncVolumeOrFail(writeFile, index);  // on stable storage before the run says it is done
   platform::Close(readFile);
   platform::Close(writeFile);

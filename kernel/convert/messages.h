@@ -1,5 +1,5 @@
 // Console output. Messages are written byte for byte as given (CR LF stays CR LF); a fatal
-// failure prints its one message and ends the process with status 1.
+// failure prints what is held back, then its one message, and ends the process with status 1.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +24,15 @@ void PrintTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
 struct RunEnded {
   int status;
 };
+
+// Output held back. While blocks converted before a message are still on their way to the disk,
+// the message is kept, marked with the number of the block whose turn it was, and printed once
+// those blocks are written; a failure to write them drops what later blocks printed.
+void HoldOutput(bool hold);
+void SetOutputMark(std::uint64_t mark);
+// Prints the kept messages marked up to mark, in order; DiscardHeldOutput forgets the rest.
+void ReleaseHeldOutput(std::uint64_t mark);
+void DiscardHeldOutput();
 
 // A pointer as the messages show it after "0x": 16 upper-case hexadecimal digits.
 inline unsigned long long PointerValue(const void* p) {
