@@ -157,24 +157,35 @@ TEST(Faults, BatchesChangeNothingThatCanBeSeen) {
   maps.sparse = true;
   maps.freeShare = 0.6;
   kinds.push_back(maps);
+  gendb::Params volumes = compressed;  // big strings reached across volume files
+  volumes.sizeCode = 1;
+  volumes.lastBlock = 3000;
+  volumes.volumeSet.volumes = 3;
+  volumes.volumeSet.placement = {0, 0, 0};
+  kinds.push_back(volumes);
   for (std::size_t k = 0; k < kinds.size(); ++k) {
     SCOPED_TRACE(k);
     Scratch s;
     const gendb::Params& p = kinds[k];
-    std::string answers;
+    std::string answers = p.volumeSet.volumes != 0 ? "yes\n" : "";
     if (!p.databaseKey.empty()) {
       ASSERT_EQ(gendb::WriteKeyfile(s.Path("k.key"), "1.0", p.keyId, "admin", "pw", p.databaseKey), "");
       answers = Shown(s.Path("k.key")) + "\nadmin\npw\n";
     }
-    Generate(p, s.Path("one.dat"));
-    Generate(p, s.Path("many.dat"));
-    const RunResult one = RunByteturn({s.Path("one.dat")}, answers, "", UnderTest().faultsExe, "BYTETURN_BATCH_BLOCKS=1");
-    const RunResult many = RunByteturn({s.Path("many.dat")}, answers, "", UnderTest().faultsExe);
+    RunResult one, many;
+    for (auto [dir, batch, r] : {std::tuple{"one", "BYTETURN_BATCH_BLOCKS=1", &one}, std::tuple{"many", "", &many}}) {
+      fs::create_directories(s.Path(dir));
+      Generate(p, s.Path(std::string(dir) + "/ORVA.DAT"));
+      *r = RunByteturn({"ORVA.DAT"}, answers, s.Path(dir), UnderTest().faultsExe, batch);
+    }
     EXPECT_EQ(one.status, 0) << one.out;
     EXPECT_EQ(many.status, one.status);
     EXPECT_EQ(one.out, many.out);
     EXPECT_EQ(one.err, many.err);
-    EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), gendb::GeometryFor(p.sizeCode).blockSize), "");
+    const auto ones = gendb::DatabaseFiles(p, s.Path("one/ORVA.DAT")), manys = gendb::DatabaseFiles(p, s.Path("many/ORVA.DAT"));
+    ASSERT_EQ(ones.size(), p.volumeSet.volumes + 1u);
+    for (std::size_t v = 0; v < ones.size(); ++v)
+      EXPECT_EQ(gendb::CompareFiles(ones[v], manys[v], gendb::GeometryFor(p.sizeCode).blockSize), "") << "volume " << v;
   }
 }
 
