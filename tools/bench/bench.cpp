@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "gendb.h"
 #include "platform.h"
@@ -56,6 +57,14 @@ double TimeCommand(const std::string& command, bool cold) {
   return std::chrono::duration<double>(end - start).count();
 }
 
+double Best(const std::vector<double>& times) { return *std::min_element(times.begin(), times.end()); }
+
+double Median(std::vector<double> times) {
+  std::sort(times.begin(), times.end());
+  const std::size_t n = times.size();
+  return n % 2 == 1 ? times[n / 2] : (times[n / 2 - 1] + times[n / 2]) / 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -75,7 +84,7 @@ int main(int argc, char** argv) {
     else if (a == "--code") p.sizeCode = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
     else if (a == "--free") p.freeShare = std::strtod(v, nullptr);
     else if (a == "--dir") dir = v;
-    else if (a == "--rounds") rounds = std::atoi(v);
+    else if (a == "--rounds") rounds = std::max(1, std::atoi(v));
     else if (a == "--mix-other-only" && std::strcmp(v, "1") == 0) p.mix = gendb::Mix{};
     else if (a == "--encrypted") encrypted = std::strcmp(v, "1") == 0;
     else if (a == "--cold") cold = std::strcmp(v, "1") == 0;
@@ -120,7 +129,7 @@ int main(int argc, char** argv) {
   const std::string peakFile = dir + "/bench.peak";
   const std::string convert = "/usr/bin/time -f %M -o " + peakFile + " " + byteturn + " -t " + db + " > /dev/null" +
                               (encrypted ? " 2>/dev/null < " + answers : std::string());
-  double bestBlock = 1e30, bestLarge = 1e30, bestConvert = 1e30;
+  std::vector<double> timesBlock, timesLarge, timesConvert;
   std::int64_t peakKiB = 0;
   for (int r = 0; r < rounds; ++r) {
     const double tb = TimeCommand(rewriteBlock, cold), tl = TimeCommand(rewriteLarge, cold);
@@ -132,17 +141,22 @@ int main(int argc, char** argv) {
     }
     std::printf("round %d: dd bs=%u %.3f s, dd bs=1M %.3f s, byteturn %.3f s\n", r + 1, g.blockSize, tb, tl, tc);
     std::fflush(stdout);
-    bestBlock = std::min(bestBlock, tb);
-    bestLarge = std::min(bestLarge, tl);
-    bestConvert = std::min(bestConvert, tc);
+    timesBlock.push_back(tb);
+    timesLarge.push_back(tl);
+    timesConvert.push_back(tc);
   }
+  // The best round of each, and the middle one: on a shared machine, and from a disk whose host
+  // may cache it, single rounds can be far off either way.
+  const double bestBlock = Best(timesBlock), bestLarge = Best(timesLarge), bestConvert = Best(timesConvert);
   const double mib = static_cast<double>(std::uint64_t{p.lastBlock} * g.blockSize) / (1024.0 * 1024.0);
   std::printf("page cache:                        %s\n", cold ? "emptied before each command" : "warm");
   std::printf("dd conv=notrunc,fsync bs=%-6u    %.3f s, %.0f MiB/s\n", g.blockSize, bestBlock, mib / bestBlock);
   std::printf("dd conv=notrunc,fsync bs=1M        %.3f s, %.0f MiB/s\n", bestLarge, mib / bestLarge);
   std::printf("byteturn -t (flushed at the end)   %.3f s, %.0f MiB/s\n", bestConvert, mib / bestConvert);
-  std::printf("ratio byteturn / dd bs=%-6u      %.2f\n", g.blockSize, bestConvert / bestBlock);
-  std::printf("ratio byteturn / dd bs=1M          %.2f\n", bestConvert / bestLarge);
+  std::printf("ratio byteturn / dd bs=%-6u      %.2f (median of rounds: %.2f)\n", g.blockSize, bestConvert / bestBlock,
+              Median(timesConvert) / Median(timesBlock));
+  std::printf("ratio byteturn / dd bs=1M          %.2f (median of rounds: %.2f)\n", bestConvert / bestLarge,
+              Median(timesConvert) / Median(timesLarge));
   std::printf("peak resident memory of byteturn   %.1f MiB\n", static_cast<double>(peakKiB) / 1024.0);
   if (encrypted) {
     const double openssl = OpensslSpeed();
