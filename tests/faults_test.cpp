@@ -245,14 +245,16 @@ TEST(Faults, WriteFailureHidesMessagesOfLaterBlocks) {
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
 }
 
-// Of two runs started together exactly one converts; the other finds the lock.
+// Of two runs started together exactly one converts; the other finds the lock. The one that
+// takes it waits three seconds at its first write, so that the other surely starts meanwhile.
 TEST(Faults, TwoRunsStartedTogether) {
   Scratch s;
   const gendb::Params p = SparseDatabase(2000000, 0.999);
   Generate(p, s.Path("ORVA.DAT"));
   Generate(TwinOf(p), s.Path("twin.dat"));
-  const std::string run = ShellCommand() + " -t '" + Shown(s.Path("ORVA.DAT")) + "'";
-  const std::string script = "cd '" + s.dir + "' && { " + run + " > a.out 2> a.err & " + run +
+  const std::string run = ShellCommand(UnderTest().faultsExe) + " -t '" + Shown(s.Path("ORVA.DAT")) + "'";
+  const std::string script = "cd '" + s.dir + "' && export BYTETURN_FAULTS='write:ORVA.DAT:0:slow' && { " + run +
+                             " > a.out 2> a.err & " + run +
                              " > b.out 2> b.err; echo $? > b.status; wait $!; echo $? > a.status; }";
   ASSERT_EQ(std::system(script.c_str()), 0);
   const std::string a = ReadText(s.Path("a.status")), b = ReadText(s.Path("b.status"));

@@ -1,7 +1,9 @@
 #include "fault_seam.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <map>
+#include <thread>
 #include <vector>
 
 namespace platform::faults {
@@ -12,6 +14,7 @@ struct Entry {
   std::string op, name;
   std::uint64_t arg = 0;
   Fault fault = Fault::kNone;
+  bool slow = false;
   std::uint64_t opens = 0;  // matching opens seen so far
 };
 
@@ -34,11 +37,12 @@ std::vector<Entry>& Plan() {
     for (const std::string& item : Split(text, ';')) {
       const std::vector<std::string> f = Split(item, ':');
       if (f.size() != 4) continue;
-      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, 0};
+      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, false, 0};
       if (f[3] == "EIO") e.fault = Fault::kIo;
       if (f[3] == "ENOSPC") e.fault = Fault::kNoSpace;
       if (f[3] == "EACCES") e.fault = Fault::kAccess;
       if (f[3] == "short") e.fault = Fault::kShort;
+      if (f[3] == "slow") e.slow = true;
       entries.push_back(e);
     }
     return entries;
@@ -75,6 +79,10 @@ Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_
   const std::string path = PathOf(file);
   for (const Entry& e : Plan()) {
     if (!Matches(e, writing ? "write" : "read", path) || e.arg < position || e.arg >= position + size) continue;
+    if (e.slow) {
+      std::this_thread::sleep_for(std::chrono::seconds(3));
+      continue;
+    }
     *stop = e.arg;
     return e.fault;
   }

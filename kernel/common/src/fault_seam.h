@@ -9,8 +9,10 @@
 //   arg    open: which matching open fails (1 = the first; 0 = every one); read, write: a byte
 //          position: every transfer that covers it fails, as a bad place on a disk does;
 //          sync: unused
-//   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded), or short: the
-//          transfer moves the bytes before the position and stops, as at the end of a file
+//   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded); short: the
+//          transfer moves the bytes before the position and stops, as at the end of a file;
+//          slow: the transfer waits three seconds, then goes through (a run that is sure to
+//          hold its lock while another starts)
 // BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call.
 #pragma once
 
