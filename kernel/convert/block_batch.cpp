@@ -59,8 +59,6 @@ void StartWriteBackUpTo(std::uint64_t end) {
   batch.writeBackFrom = end;
 }
 
-// An encrypted database's blocks are encrypted again before they are written, all of a run
-// together; its volume info blocks and the first block of each volume are not encrypted.
 // Ends the run at block b: what the blocks before it printed is shown, what later ones printed
 // is not, as when the blocks are written one at a time.
 [[noreturn]] void FailAtBlock(std::uint64_t b, bool encrypting) {
@@ -71,6 +69,8 @@ void StartWriteBackUpTo(std::uint64_t end) {
   Fail("\r\nError writing block %u. %s\r\n", static_cast<std::uint32_t>(b), ErrorText());
 }
 
+// An encrypted database's blocks are encrypted again before they are written, all of a run
+// together; its volume info blocks and the first block of each volume are not encrypted.
 void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
   if (!databaseEncrypted) return;
   for (std::uint64_t b = from; b < from + count;) {
