@@ -73,17 +73,15 @@ void StartWriteBackUpTo(std::uint64_t end) {
 // together; its volume info blocks and the first block of each volume are not encrypted.
 void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
   if (!databaseEncrypted) return;
-  for (std::uint64_t b = from; b < from + count;) {
-    if (b == volumeInfoBlockNumber || b == batch.first) {
-      ++b;
-      continue;
-    }
-    std::uint64_t end = b;
-    while (end < from + count && end != volumeInfoBlockNumber && end != batch.first) ++end;
-    if (!EncryptDataBlocks(Slot(b), static_cast<std::uint32_t>(b), static_cast<std::uint32_t>(end - b)))
-      FailAtBlock(b, true);
-    b = end;
+  std::uint8_t* blocks[kMaxSlots];
+  std::uint32_t numbers[kMaxSlots];
+  std::uint32_t n = 0;
+  for (std::uint64_t b = from; b < from + count; ++b) {
+    if (b == volumeInfoBlockNumber || b == batch.first) continue;
+    blocks[n] = Slot(b);
+    numbers[n++] = static_cast<std::uint32_t>(b);
   }
+  if (n != 0 && !EncryptDataBlocks(blocks, numbers, n)) FailAtBlock(numbers[0], true);
 }
 
 void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {

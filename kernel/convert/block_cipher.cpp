@@ -32,15 +32,15 @@ int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b)
   return 1;
 }
 
-int EncryptDataBlocks(std::uint8_t* blocks, std::uint32_t first, std::uint32_t count) {
+int EncryptDataBlocks(std::uint8_t* const* blocks, const std::uint32_t* numbers, std::uint32_t count) {
   if (!databaseKeyLoaded) return 0;
   if (blockSize % 16 != 0 || blockSize < 16) return 1;
   constexpr std::uint32_t kGroup = 64;
   std::uint8_t ivs[kGroup][16];
   for (std::uint32_t done = 0; done < count; done += kGroup) {
     const std::uint32_t n = count - done < kGroup ? count - done : kGroup;
-    for (std::uint32_t i = 0; i < n; ++i) BlockIv(first + done + i, ivs[i]);
-    crypto::AesCbcEncryptMany(blocks + std::size_t{done} * blockSize, n, blockSize, ivs, encryptionKeySchedule);
+    for (std::uint32_t i = 0; i < n; ++i) BlockIv(numbers[done + i], ivs[i]);
+    crypto::AesCbcEncryptMany(blocks + done, n, blockSize, ivs, encryptionKeySchedule);
   }
   return 1;
 }

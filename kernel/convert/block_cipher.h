@@ -9,8 +9,8 @@ namespace bt {
 // In place when in == out. 0 when no database key is loaded.
 int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b);
 int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b);
-// Encrypts count consecutive blocks first, first + 1, ... laid end to end at blocks, in place,
-// each exactly as EncryptDataBlock does; several at once. 0 when no database key is loaded.
-int EncryptDataBlocks(std::uint8_t* blocks, std::uint32_t first, std::uint32_t count);
+// Encrypts count blocks in place, block i at blocks[i] with the number numbers[i], each exactly
+// as EncryptDataBlock does; several at once. 0 when no database key is loaded.
+int EncryptDataBlocks(std::uint8_t* const* blocks, const std::uint32_t* numbers, std::uint32_t count);
 
 }  // namespace bt

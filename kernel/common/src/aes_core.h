@@ -38,13 +38,13 @@ void AesCbcDecryptHardware(const std::uint8_t* in, std::uint8_t* out, std::size_
                            const AesKeySchedule& schedule);
 void AesCbcEncryptHardware(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks, std::uint8_t iv[16],
                            const AesKeySchedule& schedule);
-void AesCbcEncryptManyHardware(std::uint8_t* data, std::size_t count, std::size_t blocks, const std::uint8_t (*ivs)[16],
-                               const AesKeySchedule& schedule);
+void AesCbcEncryptManyHardware(std::uint8_t* const* messages, std::size_t count, std::size_t blocks,
+                               const std::uint8_t (*ivs)[16], const AesKeySchedule& schedule);
 bool AesHardwareAvailable();
 bool AesWideAvailable();
 void AesCbcDecryptWide(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks, std::uint8_t iv[16],
                        const AesKeySchedule& schedule);
-void AesCbcEncryptManyWide(std::uint8_t* data, std::size_t count, std::size_t blocks, const std::uint8_t (*ivs)[16],
-                           const AesKeySchedule& schedule);
+void AesCbcEncryptManyWide(std::uint8_t* const* messages, std::size_t count, std::size_t blocks,
+                           const std::uint8_t (*ivs)[16], const AesKeySchedule& schedule);
 
 }  // namespace crypto

@@ -40,21 +40,21 @@ int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
   return 0;
 }
 
-int AesCbcEncryptMany(std::uint8_t* data, std::size_t count, std::size_t length, const std::uint8_t (*ivs)[16],
-                      const AesKeySchedule& s) {
+int AesCbcEncryptMany(std::uint8_t* const* messages, std::size_t count, std::size_t length,
+                      const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
   if (AesPathInUse() == AesPath::kWide) {
-    AesCbcEncryptManyWide(data, count, length / 16, ivs, s);
+    AesCbcEncryptManyWide(messages, count, length / 16, ivs, s);
     return 0;
   }
   if (AesPathInUse() == AesPath::kHardware) {
-    AesCbcEncryptManyHardware(data, count, length / 16, ivs, s);
+    AesCbcEncryptManyHardware(messages, count, length / 16, ivs, s);
     return 0;
   }
   for (std::size_t i = 0; i < count; ++i) {
     std::uint8_t iv[16];
     std::memcpy(iv, ivs[i], 16);
-    AesCbcEncrypt(data + i * length, data + i * length, length, iv, s);
+    AesCbcEncrypt(messages[i], messages[i], length, iv, s);
   }
   return 0;
 }

@@ -14,11 +14,11 @@ int AesCbcDecrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
 int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length, std::uint8_t iv[16],
                   const AesKeySchedule& encryptSchedule);
 
-// CBC encryption of count messages of length bytes each, laid end to end at data, in place;
-// message i starts from ivs[i] (not updated). The chains are independent, so the processor's AES
+// CBC encryption of count messages of length bytes each, in place; message i is at messages[i]
+// and starts from ivs[i] (not updated). The chains are independent, so the processor's AES
 // instructions advance several of them together. The result is that of AesCbcEncrypt on each.
 // 0 on success, -1 when length is not a multiple of 16.
-int AesCbcEncryptMany(std::uint8_t* data, std::size_t count, std::size_t length, const std::uint8_t (*ivs)[16],
-                      const AesKeySchedule& encryptSchedule);
+int AesCbcEncryptMany(std::uint8_t* const* messages, std::size_t count, std::size_t length,
+                      const std::uint8_t (*ivs)[16], const AesKeySchedule& encryptSchedule);
 
 }  // namespace crypto

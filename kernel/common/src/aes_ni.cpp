@@ -86,13 +86,12 @@ BT_AES_TARGET void AesCbcEncryptHardware(const std::uint8_t* in, std::uint8_t* o
 
 // Independent chains, eight at a time: each round instruction of one chain waits for the one
 // before it, so while it does the others go through the processor's AES unit.
-BT_AES_TARGET void AesCbcEncryptManyHardware(std::uint8_t* data, std::size_t count, std::size_t blocks,
+BT_AES_TARGET void AesCbcEncryptManyHardware(std::uint8_t* const* messages, std::size_t count, std::size_t blocks,
                                              const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
   constexpr std::size_t kLanes = 8;
   const int rounds = s.rounds;
   __m128i k[15];
   for (int r = 0; r <= rounds; ++r) k[r] = Key(s, r);
-  const std::size_t length = 16 * blocks;
   for (std::size_t first = 0; first < count; first += kLanes) {
     const std::size_t lanes = count - first < kLanes ? count - first : kLanes;
     __m128i chain[kLanes];
@@ -100,12 +99,12 @@ BT_AES_TARGET void AesCbcEncryptManyHardware(std::uint8_t* data, std::size_t cou
     for (std::size_t j = 0; j < blocks; ++j) {
       __m128i x[kLanes];
       for (std::size_t l = 0; l < lanes; ++l)
-        x[l] = _mm_xor_si128(_mm_xor_si128(Load(data + (first + l) * length + 16 * j), chain[l]), k[0]);
+        x[l] = _mm_xor_si128(_mm_xor_si128(Load(messages[first + l] + 16 * j), chain[l]), k[0]);
       for (int r = 1; r < rounds; ++r)
         for (std::size_t l = 0; l < lanes; ++l) x[l] = _mm_aesenc_si128(x[l], k[r]);
       for (std::size_t l = 0; l < lanes; ++l) {
         chain[l] = _mm_aesenclast_si128(x[l], k[rounds]);
-        Store(data + (first + l) * length + 16 * j, chain[l]);
+        Store(messages[first + l] + 16 * j, chain[l]);
       }
     }
   }
@@ -125,7 +124,8 @@ void AesDecryptHardware(const std::uint8_t in[16], std::uint8_t out[16], const A
 }
 void AesCbcDecryptHardware(const std::uint8_t*, std::uint8_t*, std::size_t, std::uint8_t*, const AesKeySchedule&) {}
 void AesCbcEncryptHardware(const std::uint8_t*, std::uint8_t*, std::size_t, std::uint8_t*, const AesKeySchedule&) {}
-void AesCbcEncryptManyHardware(std::uint8_t*, std::size_t, std::size_t, const std::uint8_t (*)[16], const AesKeySchedule&) {}
+void AesCbcEncryptManyHardware(std::uint8_t* const*, std::size_t, std::size_t, const std::uint8_t (*)[16],
+                               const AesKeySchedule&) {}
 }  // namespace crypto
 
 #endif

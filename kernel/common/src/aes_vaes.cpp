@@ -44,14 +44,13 @@ BT_VAES_TARGET inline void Scatter(std::uint8_t* const p[4], __m512i v) {
 // CBC encryption of up to 4 * R chains (lanes) together, in place. A register lane with no
 // chain of its own repeats the last chain: same bytes in, same bytes out, stored to the same place.
 template <int R>
-BT_VAES_TARGET void EncryptChains(std::uint8_t* data, std::size_t lanes, std::size_t blocks,
+BT_VAES_TARGET void EncryptChains(std::uint8_t* const* messages, std::size_t lanes, std::size_t blocks,
                                   const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
   const int rounds = s.rounds;
   __m512i k[15];
   for (int r = 0; r <= rounds; ++r) k[r] = Key4(s, r);
-  const std::size_t length = 16 * blocks;
   std::uint8_t* start[4 * R];
-  for (std::size_t l = 0; l < 4 * R; ++l) start[l] = data + (l < lanes ? l : lanes - 1) * length;
+  for (std::size_t l = 0; l < 4 * R; ++l) start[l] = messages[l < lanes ? l : lanes - 1];
   __m512i chain[R];
   for (int q = 0; q < R; ++q) {
     const std::uint8_t* iv[4];
@@ -109,12 +108,12 @@ BT_VAES_TARGET void AesCbcDecryptWide(const std::uint8_t* in, std::uint8_t* out,
   if (i < blocks) AesCbcDecryptHardware(in + 16 * i, out + 16 * i, blocks - i, iv, s);
 }
 
-BT_VAES_TARGET void AesCbcEncryptManyWide(std::uint8_t* data, std::size_t count, std::size_t blocks,
+BT_VAES_TARGET void AesCbcEncryptManyWide(std::uint8_t* const* messages, std::size_t count, std::size_t blocks,
                                           const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
   constexpr std::size_t kLanes = 16;
   for (std::size_t first = 0; first < count; first += kLanes) {
     const std::size_t lanes = count - first < kLanes ? count - first : kLanes;
-    std::uint8_t* at = data + first * 16 * blocks;
+    std::uint8_t* const* at = messages + first;
     switch ((lanes + 3) / 4) {
       case 1: EncryptChains<1>(at, lanes, blocks, ivs + first, s); break;
       case 2: EncryptChains<2>(at, lanes, blocks, ivs + first, s); break;
@@ -131,7 +130,8 @@ BT_VAES_TARGET void AesCbcEncryptManyWide(std::uint8_t* data, std::size_t count,
 namespace crypto {
 bool AesWideAvailable() { return false; }
 void AesCbcDecryptWide(const std::uint8_t*, std::uint8_t*, std::size_t, std::uint8_t*, const AesKeySchedule&) {}
-void AesCbcEncryptManyWide(std::uint8_t*, std::size_t, std::size_t, const std::uint8_t (*)[16], const AesKeySchedule&) {}
+void AesCbcEncryptManyWide(std::uint8_t* const*, std::size_t, std::size_t, const std::uint8_t (*)[16],
+                           const AesKeySchedule&) {}
 }  // namespace crypto
 
 #endif
