@@ -24,6 +24,7 @@ struct VolumeBatch {
   std::uint64_t windowFirst = 0, windowEnd = 0;  // blocks whose disk bytes are in the slots
   std::uint64_t pendingFirst = 0;                // converted blocks from here up to next await writing
   std::uint64_t next = 0;                        // the block whose turn it is
+  std::uint64_t slots = 0;                       // blocks per batch
   std::uint64_t writeBackFrom = 0;               // written blocks from here are not yet on their way to disk
   bool write[kMaxSlots] = {};                    // by slot: kept to be written
 } batch;
@@ -40,7 +41,7 @@ std::uint64_t Position(std::uint64_t b) { return (b - batch.first) * blockSize; 
 // before a free block and before a block whose free bit is not known yet (another map governs it).
 std::uint64_t ReadExtent(std::uint64_t b) {
   std::uint64_t n = 1;
-  for (; n < SlotCount() && b + n <= batch.last; ++n) {
+  for (; n < batch.slots && b + n <= batch.last; ++n) {
     const std::uint32_t c = static_cast<std::uint32_t>(b + n);
     if (c == volumeInfoBlockNumber || InMapArea(c)) continue;  // read whatever the map says
     if (!IsCurrentMap(GoverningMap(c)) || IsFreeBlock(c)) break;
@@ -104,14 +105,13 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
   batch.last = last;
   batch.readFile = readFile;
   batch.writeFile = writeFile;
+  batch.slots = SlotCount();
   batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = first;
   HoldOutput(true);
   SetOutputMark(first);
 }
 
 Bytes FetchBlock(std::uint32_t b) {
-  batch.next = b;
-  SetOutputMark(b);
   if (b >= batch.windowFirst && b < batch.windowEnd) return Bytes(Slot(b), blockSize);
   WritePendingBlocks();  // their slots are about to be filled again
   const std::uint64_t n = ReadExtent(b);

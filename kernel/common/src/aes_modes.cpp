@@ -7,13 +7,10 @@ namespace crypto {
 int AesCbcDecrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length, std::uint8_t iv[16],
                   const AesKeySchedule& s) {
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
-  if (AesPathInUse() == AesPath::kWide) {
-    AesCbcDecryptWide(in, out, length / 16, iv, s);
-    return 0;
-  }
-  if (AesPathInUse() == AesPath::kHardware) {
-    AesCbcDecryptHardware(in, out, length / 16, iv, s);
-    return 0;
+  switch (AesPathInUse()) {
+    case AesPath::kWide: AesCbcDecryptWide(in, out, length / 16, iv, s); return 0;
+    case AesPath::kHardware: AesCbcDecryptHardware(in, out, length / 16, iv, s); return 0;
+    case AesPath::kPortable: break;
   }
   for (std::size_t off = 0; off < length; off += 16) {
     std::uint8_t cipher[16];
@@ -43,13 +40,10 @@ int AesCbcEncrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
 int AesCbcEncryptMany(std::uint8_t* const* messages, std::size_t count, std::size_t length,
                       const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
-  if (AesPathInUse() == AesPath::kWide) {
-    AesCbcEncryptManyWide(messages, count, length / 16, ivs, s);
-    return 0;
-  }
-  if (AesPathInUse() == AesPath::kHardware) {
-    AesCbcEncryptManyHardware(messages, count, length / 16, ivs, s);
-    return 0;
+  switch (AesPathInUse()) {
+    case AesPath::kWide: AesCbcEncryptManyWide(messages, count, length / 16, ivs, s); return 0;
+    case AesPath::kHardware: AesCbcEncryptManyHardware(messages, count, length / 16, ivs, s); return 0;
+    case AesPath::kPortable: break;
   }
   for (std::size_t i = 0; i < count; ++i) {
     std::uint8_t iv[16];
