@@ -200,11 +200,22 @@ TEST(Compression, MissingLibraryMattersOnlyWhenItsMethodIsMet) {
   Generate(p, s.Path("db.dat"));
   EXPECT_EQ(RunByteturn({"-t", s.Path("db.dat")}, "", "", exe).status, 0);
 
+  // Met in the middle of a run: the blocks before the first lz4 block are converted on disk, that
+  // block and every one after it are as they were, and the lock stays.
   p.methods = {3};
   p.bigRefShare = 0;
-  Generate(p, s.Path("db.dat"));
-  RunResult r = RunByteturn({"-t", s.Path("db.dat")}, "", "", exe);
+  p.compressShare = 0.02;
+  Generate(p, s.Path("ORVA.DAT"));
+  Generate(p, s.Path("original.dat"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
+  RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")}, "", "", exe);
   EXPECT_EQ(r.status, 1);
+  const std::size_t number = r.out.rfind('#');
+  ASSERT_NE(number, std::string::npos) << r.out;
+  const auto failed = static_cast<std::uint32_t>(std::stoul(r.out.substr(number + 1)));
+  EXPECT_GT(failed, 100u);
+  ExpectConvertedBefore(s.Path("ORVA.DAT"), s.Path("twin.dat"), s.Path("original.dat"), failed, 8192);
+  EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
   // A file that is not a loadable library.
   EXPECT_NE(r.out.find("\n\rError loading " + Shown(s.Path("bin/" + LibraryFile("lz4"))) + ": " +
                        std::to_string(Codes().libraryNotLoadable) + "\n\r"),

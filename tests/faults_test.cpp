@@ -30,19 +30,6 @@ gendb::Params Database() {
 
 std::uint64_t At(std::uint32_t b) { return std::uint64_t{b - 1} * kBlock; }
 
-// Blocks before first are the converted twin's, blocks from first on the original's.
-void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,
-                           std::uint32_t first) {
-  const auto now = ReadBytes(db), converted = ReadBytes(twin), before = ReadBytes(original);
-  ASSERT_EQ(now.size(), before.size());
-  for (std::uint64_t offset = 0; offset < now.size(); offset += kBlock) {
-    const std::uint32_t b = static_cast<std::uint32_t>(offset / kBlock + 1);
-    const auto& expected = b < first ? converted : before;
-    EXPECT_TRUE(std::equal(now.begin() + offset, now.begin() + offset + kBlock, expected.begin() + offset))
-        << "block " << b << (b < first ? " not converted" : " changed");
-  }
-}
-
 struct FaultCase {
   std::string name, plan, message;
   std::uint32_t firstUnchanged;
@@ -77,30 +64,61 @@ TEST(Faults, InjectedFailuresEndTheRunAtTheirBlock) {
     EXPECT_TRUE(r.out.ends_with(c.message)) << r.out;
     EXPECT_EQ(r.out.find("Done converting"), std::string::npos);
     EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
-    ExpectConvertedBefore(s.Path("ORVA.DAT"), s.Path("twin.dat"), s.Path("original.dat"), c.firstUnchanged);
+    ExpectConvertedBefore(s.Path("ORVA.DAT"), s.Path("twin.dat"), s.Path("original.dat"), c.firstUnchanged, kBlock);
   }
 }
 
-// A database file that ends inside a block: the blocks before it are converted, and the message
-// names the end of the file.
-TEST(Faults, FileCutShortInsideABlock) {
+// A database or volume file that ends inside a block, or right where a block would start (its
+// read returns no byte at all): the blocks before it are converted, and the message names the end
+// of the file, never a success.
+TEST(Faults, FileCutShort) {
   Scratch s;
   const gendb::Params p = Database();
-  const gendb::Params twin = TwinOf(p);
-  for (const char* name : {"ORVA.DAT", "original.dat"}) {
-    Generate(p, s.Path(name));
-    fs::resize_file(s.Path(name), At(500) + 4000);
+  Generate(TwinOf(p), s.Path("twin.dat"));
+  for (const std::uint64_t into : {std::uint64_t{4000}, std::uint64_t{0}}) {
+    SCOPED_TRACE(into);
+    for (const char* name : {"ORVA.DAT", "original.dat"}) {
+      Generate(p, s.Path(name));
+      fs::resize_file(s.Path(name), At(500) + into);
+    }
+    fs::remove(s.Path("orva.lck"));
+    RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.out.ends_with("\r\nError read block #500. " + EndOfFileError() + "\r\n")) << r.out;
+    EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
+    const auto now = ReadBytes(s.Path("ORVA.DAT")), converted = ReadBytes(s.Path("twin.dat")),
+               before = ReadBytes(s.Path("original.dat"));
+    EXPECT_TRUE(std::equal(now.begin(), now.begin() + At(500), converted.begin()));
+    EXPECT_TRUE(std::equal(now.begin() + At(500), now.end(), before.begin() + At(500)));
   }
-  Generate(twin, s.Path("twin.dat"));
-  fs::resize_file(s.Path("twin.dat"), At(500) + 4000);
-  RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")});
+
+  // A further volume cut right before one of its blocks that the run converts.
+  gendb::Params set = p;
+  set.sizeCode = 1;
+  set.lastBlock = 3000;
+  set.volumeSet.volumes = 2;
+  set.volumeSet.placement = {0, 0};
+  for (const char* dir : {"db", "original", "twin"}) fs::create_directories(s.Path(dir));
+  Generate(set, s.Path("db/ORVA.DAT"));
+  Generate(set, s.Path("original/ORVA.DAT"));
+  Generate(TwinOf(set), s.Path("twin/ORVA.DAT"));
+  const auto files = gendb::DatabaseFiles(set, s.Path("db/ORVA.DAT"));
+  const auto originals = gendb::DatabaseFiles(set, s.Path("original/ORVA.DAT"));
+  const auto twins = gendb::DatabaseFiles(TwinOf(set), s.Path("twin/ORVA.DAT"));
+  const std::uint32_t size = 4096;
+  const std::uint64_t first2 = 1 + (fs::file_size(files[0]) + fs::file_size(files[1])) / size;
+  const auto volume = ReadBytes(originals[2]), volumeTwin = ReadBytes(twins[2]);
+  std::uint64_t cut = volume.size() / size / 2;
+  while (std::equal(volume.begin() + cut * size, volume.begin() + (cut + 1) * size, volumeTwin.begin() + cut * size)) ++cut;
+  fs::resize_file(files[2], cut * size);
+  fs::resize_file(originals[2], cut * size);
+  RunResult r = RunByteturn({"-t", "ORVA.DAT"}, "yes\n", s.Path("db"));
   EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(r.out.ends_with("\r\nError read block #500. " + EndOfFileError() + "\r\n")) << r.out;
-  EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
-  const auto now = ReadBytes(s.Path("ORVA.DAT")), converted = ReadBytes(s.Path("twin.dat")),
-             before = ReadBytes(s.Path("original.dat"));
-  EXPECT_TRUE(std::equal(now.begin(), now.begin() + At(500), converted.begin()));
-  EXPECT_TRUE(std::equal(now.begin() + At(500), now.end(), before.begin() + At(500)));
+  EXPECT_TRUE(r.out.ends_with("\r\nError read block #" + std::to_string(first2 + cut) + ". " + EndOfFileError() + "\r\n"))
+      << r.out;
+  for (std::size_t v = 0; v < 2; ++v) EXPECT_EQ(ReadBytes(files[v]), ReadBytes(twins[v])) << "volume " << v;
+  const auto now = ReadBytes(files[2]);
+  EXPECT_TRUE(std::equal(now.begin(), now.begin() + cut * size, volumeTwin.begin()));
 }
 
 // A further volume that cannot be opened when the run reaches it (it could when the set was
@@ -243,6 +261,83 @@ TEST(Faults, WriteFailureHidesMessagesOfLaterBlocks) {
   EXPECT_EQ(one.out.find(skip + std::to_string(k)), std::string::npos) << one.out;
   EXPECT_EQ(many.out, one.out);
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
+}
+
+// A block that cannot be written, which printed a line of its own before its write (its progress
+// line, the message of a malformed node in it): that line comes before the write error, as when
+// each block is written in its turn, and nothing of a later block does.
+TEST(Faults, WriteFailureAtABlockThatPrintedALine) {
+  Scratch s;
+  const gendb::Params p = Database();
+  const int io = UnderTest().windows ? 1117 : EIO;
+  Generate(p, s.Path("original.dat"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
+  const auto original = ReadBytes(s.Path("original.dat")), twin = ReadBytes(s.Path("twin.dat"));
+  const auto converted = [&](std::uint32_t b) {
+    return !std::equal(original.begin() + At(b), original.begin() + At(b + 1), twin.begin() + At(b));
+  };
+  ASSERT_TRUE(converted(1000));
+  // A plain data block after it, whose first node is made zero length.
+  std::uint32_t data = 1200;
+  while (original[At(data) + 4] != 8 || !converted(data)) ++data;
+  const std::string malformed = "\r\nIn Data block #" + std::to_string(data) + ", node #1 at offset 28 is zero length.\r\n";
+  struct Case {
+    std::vector<std::string> options;
+    std::uint32_t block;
+    std::string line;
+  };
+  for (const Case& c : {Case{{}, 1000, "\r1000 blocks (50%)     "}, Case{{"-t"}, data, malformed}}) {
+    for (const std::string batch : {"BYTETURN_BATCH_BLOCKS=1 ", ""}) {
+      SCOPED_TRACE(batch + std::to_string(c.block));
+      Generate(p, s.Path("ORVA.DAT"));
+      WriteBytes(s.Path("ORVA.DAT"), At(data) + 28, {0x80, 0, 0, 0});
+      fs::remove(s.Path("orva.lck"));
+      std::vector<std::string> args = c.options;
+      args.push_back(s.Path("ORVA.DAT"));
+      RunResult r = RunByteturn(args, "", "", UnderTest().faultsExe,
+                                batch + "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(At(c.block)) + ":EIO'");
+      EXPECT_EQ(r.status, 1);
+      EXPECT_TRUE(r.out.ends_with(c.line + "\r\nError writing block " + std::to_string(c.block) + ". " + ErrorShown(io) + "\r\n"))
+          << r.out;
+    }
+  }
+}
+
+// A big string in an earlier volume that a block of a later volume reaches is rewritten after the
+// earlier volume's own flush: the run flushes that volume again before it says it is done, and a
+// failure of that second flush ends the run with its message, the lock kept.
+TEST(Faults, VolumeRewrittenAfterItsFlushIsFlushedAgain) {
+  Scratch s;
+  gendb::Params p = Database();
+  p.sizeCode = 1;
+  p.lastBlock = 3000;
+  p.mix = gendb::Mix{3, 8, 2, 4, 1, 0, 0};
+  p.bigRefShare = 0.8;
+  p.compressShare = 0;
+  p.volumeSet.volumes = 2;
+  p.volumeSet.placement = {0, 0};
+  Generate(p, s.Path("ORVA.DAT"));
+  const int io = UnderTest().windows ? 1117 : EIO;
+  RunResult r = RunByteturn({"-t", "ORVA.DAT"}, "yes\n", s.dir, UnderTest().faultsExe,
+                            "BYTETURN_FAULTS='sync:ORVA-0001.VOL:2:EIO'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.out.ends_with("\r\nError flushing volume #1. " + ErrorShown(io) + "\r\n")) << r.out;
+  EXPECT_EQ(r.out.find("Done converting"), std::string::npos);
+  EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
+}
+
+// The lock is created only where no file of its name exists: one that appears after the run
+// looked for it (another run took it meanwhile) is left as it is, and the run is told "locked".
+TEST(Faults, LockThatAppearsBeforeItsCreateIsLeftAlone) {
+  Scratch s;
+  Generate(Database(), s.Path("ORVA.DAT"));
+  const auto before = ReadBytes(s.Path("ORVA.DAT"));
+  RunResult r = RunByteturn({"-t", s.Path("ORVA.DAT")}, "", "", UnderTest().faultsExe,
+                            "BYTETURN_FAULTS='create:orva.lck::appears'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, Shown(s.Path("ORVA.DAT")) + " is locked by Veltrano ORVA.\n");
+  EXPECT_EQ(ReadText(s.Path("orva.lck")), "another run");
+  EXPECT_EQ(ReadBytes(s.Path("ORVA.DAT")), before);
 }
 
 // Of two runs started together exactly one converts; the other finds the lock. The one that

@@ -88,6 +88,20 @@ TEST(Label, UnsupportedDatabasesAreRefusedEvenForAReport) {
   r = RunByteturn({"-b", db});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "This database is already big-endian and does not require conversion.\r\n");
+  // 6, the first code past the size table, is refused like any other: in a report and in a
+  // conversion, before the lock is taken and before anything is written.
+  const std::string orva = s.Path("ORVA.DAT");
+  Generate(Small(true), orva);
+  PatchU32(orva, bt::label::kBlockSizeCode, 6, true);
+  const auto code6 = ReadBytes(orva);
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"-r", orva}, std::vector<std::string>{orva}}) {
+    r = RunByteturn(args);
+    EXPECT_EQ(r.status, 1) << args[0];
+    EXPECT_EQ(r.out, "This database is big-endian.\r\n"
+                     "This database has an unknown block size code (6) and cannot be converted by byteturn\r\n");
+    EXPECT_EQ(ReadBytes(orva), code6);
+    EXPECT_FALSE(Exists(s.Path("orva.lck")));
+  }
 
   Generate(Small(false), db);
   PatchU16(db, bt::label::kOldVolumeCount, 2, false);

@@ -253,6 +253,19 @@ void Generate(const gendb::Params& params, const std::string& path) {
   ASSERT_EQ(error, "") << path;
 }
 
+void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,
+                           std::uint32_t first, std::uint32_t blockSize) {
+  const auto now = ReadBytes(db), converted = ReadBytes(twin), before = ReadBytes(original);
+  ASSERT_EQ(now.size(), before.size());
+  ASSERT_EQ(now.size(), converted.size());
+  for (std::uint64_t offset = 0; offset + blockSize <= now.size(); offset += blockSize) {
+    const std::uint32_t b = static_cast<std::uint32_t>(offset / blockSize + 1);
+    const auto& expected = b < first ? converted : before;
+    EXPECT_TRUE(std::equal(now.begin() + offset, now.begin() + offset + blockSize, expected.begin() + offset))
+        << "block " << b << (b < first ? " not converted" : " changed");
+  }
+}
+
 RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input,
                                gendb::Stats* stats, const std::string& exe) {
   const std::string source = scratch.Path("source.dat"), twin = scratch.Path("twin.dat");

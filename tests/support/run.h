@@ -95,6 +95,11 @@ gendb::Params TwinOf(gendb::Params params);
 // many blocks and progress lines that cost little disk.
 gendb::Params SparseDatabase(std::uint32_t lastBlock, double freeShare);
 
+// Blocks before first of the file db are those of the file twin (converted), blocks from first on
+// those of original (as they were).
+void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,
+                           std::uint32_t first, std::uint32_t blockSize);
+
 // Generates the database for params into path, its markers in the form of the program under
 // test: "" or what went wrong.
 std::string GenerateFor(const gendb::Params& params, const std::string& path, gendb::Stats* stats = nullptr);

@@ -1,6 +1,7 @@
 #include "fault_seam.h"
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <thread>
@@ -14,8 +15,8 @@ struct Entry {
   std::string op, name;
   std::uint64_t arg = 0;
   Fault fault = Fault::kNone;
-  bool slow = false;
-  std::uint64_t opens = 0;  // matching opens seen so far
+  bool slow = false, appears = false;
+  std::uint64_t calls = 0;  // matching opens or syncs seen so far
 };
 
 std::vector<std::string> Split(const std::string& text, char by) {
@@ -37,12 +38,13 @@ std::vector<Entry>& Plan() {
     for (const std::string& item : Split(text, ';')) {
       const std::vector<std::string> f = Split(item, ':');
       if (f.size() != 4) continue;
-      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, false, 0};
+      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, false, false, 0};
       if (f[3] == "EIO") e.fault = Fault::kIo;
       if (f[3] == "ENOSPC") e.fault = Fault::kNoSpace;
       if (f[3] == "EACCES") e.fault = Fault::kAccess;
       if (f[3] == "short") e.fault = Fault::kShort;
       if (f[3] == "slow") e.slow = true;
+      if (f[3] == "appears") e.appears = true;
       entries.push_back(e);
     }
     return entries;
@@ -64,13 +66,16 @@ std::string PathOf(File file) {
   return it == Paths().end() ? std::string() : it->second;
 }
 
-}  // namespace
-
-Fault BeforeOpen(const std::string& path) {
+// The fault of the first entry for op whose count of matching calls has reached its arg.
+Fault CountedFault(const std::string& op, const std::string& path) {
   for (Entry& e : Plan())
-    if (Matches(e, "open", path) && (++e.opens == e.arg || e.arg == 0)) return e.fault;
+    if (Matches(e, op, path) && (++e.calls == e.arg || e.arg == 0)) return e.fault;
   return Fault::kNone;
 }
+
+}  // namespace
+
+Fault BeforeOpen(const std::string& path) { return CountedFault("open", path); }
 
 void NoteOpened(File file, const std::string& path) { Paths()[file] = path; }
 void NoteClosed(File file) { Paths().erase(file); }
@@ -89,11 +94,16 @@ Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_
   return Fault::kNone;
 }
 
-Fault BeforeSync(File file) {
-  const std::string path = PathOf(file);
-  for (const Entry& e : Plan())
-    if (Matches(e, "sync", path)) return e.fault;
-  return Fault::kNone;
+Fault BeforeSync(File file) { return CountedFault("sync", PathOf(file)); }
+
+void BeforeCreate(const std::string& path) {
+  for (const Entry& e : Plan()) {
+    if (!e.appears || !Matches(e, "create", path)) continue;
+    if (std::FILE* other = std::fopen(path.c_str(), "wb")) {
+      std::fputs("another run", other);
+      std::fclose(other);
+    }
+  }
 }
 
 std::uint32_t BatchBlocks() {

@@ -4,15 +4,17 @@
 // program itself is built without it: every question below is then an inline "no fault".
 //
 // Plan: entries "op:name:arg:fault" separated by ';'.
-//   op     open, read, write or sync
+//   op     open, read, write, sync or create (the exclusive create of a new file, the lock)
 //   name   the end of the file's path ("ORVA.DAT", "ORVA-0002.VOL"); empty for any file
-//   arg    open: which matching open fails (1 = the first; 0 = every one); read, write: a byte
-//          position: every transfer that covers it fails, as a bad place on a disk does;
-//          sync: unused
+//   arg    open, sync: which matching call fails (1 = the first; 0 = every one); read, write: a
+//          byte position: every transfer that covers it fails, as a bad place on a disk does;
+//          create: unused
 //   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded); short: the
 //          transfer moves the bytes before the position and stops, as at the end of a file;
 //          slow: the transfer waits three seconds, then goes through (a run that is sure to
-//          hold its lock while another starts)
+//          hold its lock while another starts); appears (create only): a file of that name,
+//          holding "another run", is made just before the create, as by a run that took the
+//          lock between this run's look for it and its create
 // BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call.
 #pragma once
 
@@ -33,6 +35,7 @@ void NoteClosed(File file);
 // For kShort, *stop is the position where the transfer stops.
 Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop);
 Fault BeforeSync(File file);
+void BeforeCreate(const std::string& path);
 // BYTETURN_BATCH_BLOCKS: blocks per batch of the conversion (0: the program's own choice).
 std::uint32_t BatchBlocks();
 #else
@@ -41,6 +44,7 @@ inline void NoteOpened(File, const std::string&) {}
 inline void NoteClosed(File) {}
 inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_t*) { return Fault::kNone; }
 inline Fault BeforeSync(File) { return Fault::kNone; }
+inline void BeforeCreate(const std::string&) {}
 inline std::uint32_t BatchBlocks() { return 0; }
 #endif
 

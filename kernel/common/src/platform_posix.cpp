@@ -54,6 +54,7 @@ File OpenReadWrite(const std::string& path) { return OpenExisting(path, O_RDWR);
 File OpenReadOnly(const std::string& path) { return OpenExisting(path, O_RDONLY); }
 
 std::FILE* CreateNewTextFile(const std::string& path) {
+  faults::BeforeCreate(path);
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) return nullptr;
   std::FILE* file = ::fdopen(fd, "w");

@@ -52,6 +52,7 @@ File OpenReadWrite(const std::string& path) { return OpenExisting(path, GENERIC_
 File OpenReadOnly(const std::string& path) { return OpenExisting(path, GENERIC_READ); }
 
 std::FILE* CreateNewTextFile(const std::string& path) {
+  faults::BeforeCreate(path);
   HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return nullptr;
   int fd = _open_osfhandle(reinterpret_cast<std::intptr_t>(h), _O_WRONLY | _O_TEXT);
