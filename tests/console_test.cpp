@@ -39,6 +39,38 @@ TEST(Console, ProgressLineReachesTheTerminalWhileTheRunGoesOn) {
   EXPECT_EQ(read.find("Done converting"), std::string::npos) << shown;
 }
 
+// A long stretch of blocks that the run reads and passes over (big string blocks nobody
+// references) shows its progress as it goes: a line waits neither for a slow read of blocks after
+// it nor for a slow write of a block after it, only for converted blocks before it.
+TEST(Console, ProgressThroughAStretchOfPassedOverBlocks) {
+  Scratch s;
+  gendb::Params p;
+  p.sizeCode = 1;
+  p.lastBlock = 8000;
+  p.freeShare = 0;
+  p.mix = gendb::Mix{1, 0, 0, 0, 0, 40, 0};
+  Generate(p, s.Path("db.dat"));
+  WriteBytes(s.Path("none"), 0, {});
+  // The first block after 3000 that is converted (not a big string block) is written slowly, the
+  // read of block 6500 is slow: three seconds each.
+  const auto at = [](std::uint64_t b) { return (b - 1) * 4096; };
+  std::uint64_t written = 3001;
+  while (ReadBytes(s.Path("db.dat"), at(written) + 4, 1) == std::vector<std::uint8_t>{24}) ++written;
+  ASSERT_LT(written, 3900u);
+  const std::string plan = "write:db.dat:" + std::to_string(at(written)) + ":slow;read:db.dat:" + std::to_string(at(6500)) + ":slow";
+  const std::string shown = RunConsole("pty", 120, s.Path("none"), {s.Path("db.dat")}, "", UnderTest().faultsExe,
+                                       "BYTETURN_FAULTS='" + plan + "'");
+  ASSERT_NE(shown.find("status 0\n"), std::string::npos) << shown;
+  // What came before the first pause, between the two, and after the second.
+  const std::size_t first = shown.find("pause\n"), second = shown.find("pause\n", first + 1);
+  ASSERT_NE(second, std::string::npos) << shown;
+  EXPECT_NE(shown.find("\\r3000 blocks"), std::string::npos) << shown;
+  EXPECT_LT(shown.find("\\r3000 blocks"), first) << shown;
+  EXPECT_GT(shown.find("\\r4000 blocks"), first) << shown;
+  EXPECT_LT(shown.find("\\r6000 blocks"), second) << shown;
+  EXPECT_GT(shown.find("\\r7000 blocks"), second) << shown;
+}
+
 // The three answers typed at once, before the first prompt: none of them is thrown away when
 // echo is turned off for the password.
 TEST(Console, AnswersTypedAheadConvertAnEncryptedDatabase) {

@@ -18,11 +18,13 @@ constexpr std::size_t kMaxSlots = kBatchBytes / 4096;
 alignas(64) std::uint8_t batchBuffer[kBatchBytes];
 
 // Block numbers are kept in 64 bits: the block after the last one may be 2^32.
+constexpr std::uint64_t kNothingWaits = UINT64_MAX;
 struct VolumeBatch {
   std::uint32_t first = 0, last = 0;
   platform::File readFile = platform::kInvalidFile, writeFile = platform::kInvalidFile;
   std::uint64_t windowFirst = 0, windowEnd = 0;  // blocks whose disk bytes are in the slots
   std::uint64_t pendingFirst = 0;                // converted blocks from here up to next await writing
+  std::uint64_t firstWaiting = kNothingWaits;    // the first of them that is to be written
   std::uint64_t next = 0;                        // the block whose turn it is
   std::uint64_t slots = 0;                       // blocks per batch
   std::uint64_t writeBackFrom = 0;               // written blocks from here are not yet on their way to disk
@@ -128,9 +130,15 @@ Bytes FetchBlock(std::uint32_t b) {
 }
 
 void KeepBlock(std::uint32_t b, bool write) {
-  if (b >= batch.windowFirst && b < batch.windowEnd) batch.write[b - batch.windowFirst] = write;
+  if (b >= batch.windowFirst && b < batch.windowEnd) {
+    batch.write[b - batch.windowFirst] = write;
+    if (write && batch.firstWaiting == kNothingWaits) batch.firstWaiting = b;
+  }
   batch.next = std::uint64_t{b} + 1;
   SetOutputMark(batch.next);
+  // A line waits only for converted blocks before it that are not written yet: in a stretch of
+  // blocks passed over, the progress shows as the stretch is read.
+  ReleaseHeldOutput(std::min(batch.firstWaiting, batch.next));
 }
 
 void WritePendingBlocks() {
@@ -140,12 +148,14 @@ void WritePendingBlocks() {
       ++b;
       continue;
     }
+    ReleaseHeldOutput(b);  // every block before b is written or passed over
     std::uint64_t runEnd = b;
     while (runEnd < end && batch.write[runEnd - batch.windowFirst]) ++runEnd;
     WriteRunOrFail(b, runEnd - b);
     b = runEnd;
   }
   batch.pendingFirst = batch.next;
+  batch.firstWaiting = kNothingWaits;
   ReleaseHeldOutput(batch.next);  // the blocks before it are written
 }
 

@@ -10,8 +10,8 @@
 //   its turn comes;
 // - a read or write of a run that fails is redone block by block, so that the failing block is
 //   the one reported;
-// - messages are held back until the blocks converted before them are written, and those of
-//   blocks after a block that cannot be written are never shown.
+// - messages are held back while a block converted before them waits for its write (shown as
+//   soon as none does), and those of blocks after a block that cannot be written are never shown.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,8 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
 // when it is not there already; an empty span when it cannot be read (the system error is
 // recorded, and every converted block before b is on disk).
 Bytes FetchBlock(std::uint32_t b);
-// Block b, converted in its slot: write it back (encrypted first when it is to be) or pass over it.
+// Block b, converted in its slot: write it back (encrypted first when it is to be) or pass over it;
+// the messages that no block before them waits for are shown.
 void KeepBlock(std::uint32_t b, bool write);
 // Writes every converted block before the next one to the disk, in order; ends the run on a
 // write failure, naming the block.

@@ -4,7 +4,9 @@
   console.py pty   SECONDS INPUT_FILE -- COMMAND...   on a pseudo-terminal; INPUT_FILE is typed at
                                                       once, before any prompt. Prints "status N",
                                                       then each read of the terminal as "read: "
-                                                      and its bytes (backslash-escaped), one a line.
+                                                      and its bytes (backslash-escaped), one a line,
+                                                      with a line "pause" before a read that came a
+                                                      second or more after the one before it.
   console.py head  SECONDS BYTES -- COMMAND...        standard input empty, standard output a pipe
                                                       from which BYTES are read; then the pipe is
                                                       closed. Prints "bytes N", "running yes|no"
@@ -32,6 +34,7 @@ def run_pty(seconds, typed, command):
     os.write(master, typed)
     deadline = time.monotonic() + seconds
     reads = []
+    last = time.monotonic()
     while time.monotonic() < deadline:
         ready, _, _ = select.select([master], [], [], 0.05)
         if ready:
@@ -41,21 +44,27 @@ def run_pty(seconds, typed, command):
                 data = b""
             if not data:
                 break
+            if reads and time.monotonic() - last >= 1:
+                reads.append(None)
+            last = time.monotonic()
             reads.append(data)
         else:
             done, status = os.waitpid(pid, os.WNOHANG)
             if done:
                 print("status %d" % os.waitstatus_to_exitcode(status))
-                for data in reads:
-                    print("read: " + escaped(data))
+                show(reads)
                 return
     else:
         os.kill(pid, signal.SIGKILL)
         print("timeout")
     _, status = os.waitpid(pid, 0)
     print("status %d" % os.waitstatus_to_exitcode(status))
+    show(reads)
+
+
+def show(reads):
     for data in reads:
-        print("read: " + escaped(data))
+        print("pause" if data is None else "read: " + escaped(data))
 
 
 def run_head(seconds, count, command):

@@ -197,13 +197,15 @@ const ErrorCodes& Codes() {
 }
 
 std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
-                       const std::vector<std::string>& args, const std::string& cwd) {
+                       const std::vector<std::string>& args, const std::string& cwd, const std::string& exe,
+                       const std::string& environment) {
   const std::string out = (fs::temp_directory_path() / "byteturn-runs" / (TestName() + "-console")).string();
   fs::create_directories(fs::path(out).parent_path());
   std::string command;
   if (!cwd.empty()) command += "cd " + Quote(cwd) + " && ";
+  if (!environment.empty()) command += environment + " ";
   command += "python3 " + Quote(CONSOLE_HELPER) + " " + mode + " " + std::to_string(seconds) + " " +
-             Quote(modeArgument) + " -- " + ShellCommand();
+             Quote(modeArgument) + " -- " + ShellCommand(exe);
   command += Words(args);
   command += " > " + Quote(out);
   EXPECT_EQ(std::system(command.c_str()), 0) << command;

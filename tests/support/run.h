@@ -84,10 +84,12 @@ inline std::string EndOfFileError() { return ErrorShown(Codes().endOfFile); }
 // A file name of the running test's own, in the system's temporary directory.
 std::string ScratchFileName(const std::string& what);
 
-// Runs tests/support/console.py in mode "pty" or "head" (see there) on byteturn with args, in
-// directory cwd, and returns what it printed.
+// Runs tests/support/console.py in mode "pty" or "head" (see there) on byteturn (or the program
+// exe) with args, in directory cwd, with environment's "NAME=value" words, and returns what it
+// printed.
 std::string RunConsole(const std::string& mode, int seconds, const std::string& modeArgument,
-                       const std::vector<std::string>& args, const std::string& cwd = "");
+                       const std::vector<std::string>& args, const std::string& cwd = "", const std::string& exe = "",
+                       const std::string& environment = "");
 
 // The image a conversion of params must give: the other order, converted.
 gendb::Params TwinOf(gendb::Params params);
