@@ -75,7 +75,7 @@ inline std::string EndOfFileError() { return ErrorShown(Codes().endOfFile); }
     const std::string file_ = testsupport::ScratchFileName("failure-output");    \
     EXPECT_EXIT(                                                                 \
         {                                                                        \
-          std::freopen(file_.c_str(), "wb", stdout);                             \
+          if (std::freopen(file_.c_str(), "wb", stdout) == nullptr) std::abort(); \
           body;                                                                  \
         },                                                                       \
         ::testing::ExitedWithCode(1), "");                                       \

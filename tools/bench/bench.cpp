@@ -36,7 +36,7 @@ double OpensslSpeed() {
 // Writes dirty pages back and, for a cold run, empties the page cache so that every block comes
 // from the disk, as it does for a database larger than memory (needs root).
 void Settle(bool cold) {
-  std::system("sync");
+  if (std::system("sync") != 0) std::fprintf(stderr, "bench: sync failed\n");
   if (!cold) return;
   std::FILE* f = std::fopen("/proc/sys/vm/drop_caches", "w");
   if (f == nullptr || std::fputs("3\n", f) < 0 || std::fclose(f) != 0) {
