@@ -200,13 +200,13 @@ TEST(Bodies, AccessesThatWouldLeaveTheBlockAreClipped) {
   v[448] = v[449] = v[450] = v[451] = 0xFF;
   v[12] = 0x7F;  // tail offset far past the end
   v[19] = 1;
-  bt::CvVector(bt::Bytes(v));
+  bt::CvVector(bt::Bytes(v), 0);
   EXPECT_EQ(v[448], 0xFF);
   EXPECT_EQ(v[456], 0x21);  // nibbles regrouped
   EXPECT_EQ(v[596], 0x21);  // the last whole 4-byte entry
   EXPECT_EQ(v[600], 0x12);  // the two bytes left over stay
   EXPECT_EQ(v[601], 0x12);
-  bt::CvVector(bt::Bytes(v.data(), 1));
+  bt::CvVector(bt::Bytes(v.data(), 1), 0);
   bt::CvVectorTail(bt::Bytes(v), 590, false);
 }
 
@@ -225,12 +225,65 @@ TEST(Bodies, VectorMarkDecidesTheOrderAndTailFlagsAreChecked) {
   v[t + 200 + 2] = 0x10;  // flag bit clear
   bt::swapFlag = 1;
   ::testing::internal::CaptureStdout();
-  bt::CvVector(bt::Bytes(v));
+  bt::CvVector(bt::Bytes(v), 0);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "xerror #89 from line #3216\n");
   EXPECT_EQ(v[0], 0x8B);
   EXPECT_EQ(v[1], 3);
   EXPECT_EQ(v[t + 256 - 1], 200);
   EXPECT_EQ(v[t + 200 + 3], 0x10);
+}
+
+// Chunk number 0 names the bytes 64 before the vector: a list or full chunk there is converted
+// like any other, as far as the buffer holding the vector goes.
+TEST(Bodies, VectorChunkZeroLiesBeforeTheVector) {
+  std::vector<std::uint8_t> b(4096, 0);
+  const std::size_t v = 200;
+  b[v] = 0x8B, b[v + 1] = 0x00;        // big-endian mark u16: element type 0
+  b[v + 64] = 0x20, b[v + 65] = 0x00;  // full chunk 0, width 1: 1024 u16 from v + 64
+  b[v + 66] = 0x80, b[v + 67] = 0x00;  // list chunk 0 at v - 64, width 0
+  b[v - 61] = 1;                       // one entry (count, big-endian)
+  b[v - 56] = 0x12, b[v - 55] = 0x34, b[v - 54] = 0x56;
+  b[v + 300] = 1, b[v + 301] = 2;
+  bt::CvVector(bt::Bytes(b), v);
+  EXPECT_EQ(b[v - 64], 1);  // the count reversed
+  EXPECT_EQ(b[v - 56], 0x23);  // nibbles regrouped
+  EXPECT_EQ(b[v - 55], 0x61);
+  EXPECT_EQ(b[v - 54], 0x45);
+  EXPECT_EQ(b[v + 300], 2);  // an element of the full chunk
+  EXPECT_EQ(b[v + 301], 1);
+  EXPECT_EQ(b[v + 64], 0x20);  // the directory: swapped as a header field, then as an element
+  EXPECT_EQ(b[v + 66], 0x80);
+  // At the start of a buffer (a big vector's gathered blocks) the list chunk has no count inside
+  // it and is left; the full chunk's elements are inside and converted.
+  std::vector<std::uint8_t> g(b.begin() + v, b.end());
+  g[300] = 1, g[301] = 2, g[64] = 0x20, g[66] = 0x80;
+  g[0] = 0x8B, g[1] = 0;
+  bt::CvVector(bt::Bytes(g), 0);
+  EXPECT_EQ(g[300], 2);
+  EXPECT_EQ(g[301], 1);
+}
+
+// The tail's offset table holds n entries read back from the area's end, all of them: here 140
+// one-byte offsets in an area of 128 bytes, the last twelve over the tail's own fields and before
+// it. Every offset names a byte whose bit 0 is clear.
+TEST(Bodies, VectorTailTableReachesBackBeforeTheTail) {
+  std::vector<std::uint8_t> b(1024, 0);
+  const std::size_t t = 300;
+  b[t + 3] = 140;  // n, big-endian
+  b[t + 9] = 1;    // one unit of 128 bytes; kind 0
+  bt::swapFlag = 1;
+  ::testing::internal::CaptureStdout();
+  bt::CvVectorTail(bt::Bytes(b), t, false);
+  const std::string out = ::testing::internal::GetCapturedStdout();
+  std::size_t lines = 0;
+  for (std::size_t at = out.find("xerror #89 from line #3180\n"); at != std::string::npos; at = out.find("xerror", at + 1)) ++lines;
+  EXPECT_EQ(lines, 140u);
+  // A table that reaches past the buffer's start stops there.
+  b.assign(1024, 0);
+  b[3] = 200, b[9] = 1;
+  ::testing::internal::CaptureStdout();
+  bt::CvVectorTail(bt::Bytes(b), 0, false);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout().size(), 128 * std::string("xerror #89 from line #3180\n").size());
 }
 
 TEST(Bodies, MirrorInfoVersionUpgrade) {

@@ -64,7 +64,7 @@ int CvBigUni(std::uint32_t b, int unicode) {
   if (databaseEncrypted && !EncryptDataBlock(bigBuffer, bigBuffer, b)) Fail("Error encrypting big Unicode block\n");
   if (!WriteBlockAt(file, position, bigBuffer, blockSize))
     Fail("\r\nCvBigUni failed to write block #%u. %s", b, ErrorText());
-  NoteOutOfOrderWrite(b);
+  NoteOutOfOrderWrite(file, position);
   return 1;
 }
 
@@ -115,7 +115,7 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
     std::memcpy(vector.get() + capacity * i, bigBuffer + header::kSize, capacity);
   }
 
-  CvVector(Bytes(vector.get(), static_cast<std::size_t>(n) * capacity));
+  CvVector(Bytes(vector.get(), static_cast<std::size_t>(n) * capacity), 0);
 
   for (std::int64_t i = 0; i < n; ++i) {
     const std::uint32_t b = numbers[i];
@@ -132,7 +132,7 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
       Fail("Error encrypting big string vector block #%u\n", b);
     if (!WriteBlockAt(file, BlockPosition(b, first, blockSize), bigBuffer, blockSize))
       Fail("\r\nCvBigVec failed to write block #%u. %s", b, ErrorText());
-    NoteOutOfOrderWrite(b);
+    NoteOutOfOrderWrite(file, BlockPosition(b, first, blockSize));
   }
   return 1;
 }

@@ -22,6 +22,7 @@ constexpr std::uint64_t kNothingWaits = UINT64_MAX;
 struct VolumeBatch {
   std::uint32_t first = 0, last = 0;
   platform::File readFile = platform::kInvalidFile, writeFile = platform::kInvalidFile;
+  platform::FileIdentity identity;               // of the volume's file
   std::uint64_t windowFirst = 0, windowEnd = 0;  // blocks whose disk bytes are in the slots
   std::uint64_t pendingFirst = 0;                // converted blocks from here up to next await writing
   std::uint64_t firstWaiting = kNothingWaits;    // the first of them that is to be written
@@ -107,6 +108,7 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
   batch.last = last;
   batch.readFile = readFile;
   batch.writeFile = writeFile;
+  batch.identity = platform::IdentityOf(readFile);
   batch.slots = SlotCount();
   batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = first;
   HoldOutput(true);
@@ -164,7 +166,9 @@ void EndVolumeBatch() {
   HoldOutput(false);
 }
 
-void NoteOutOfOrderWrite(std::uint32_t b) {
+void NoteOutOfOrderWrite(platform::File file, std::uint64_t position) {
+  if (batch.readFile == platform::kInvalidFile || !(platform::IdentityOf(file) == batch.identity)) return;
+  const std::uint64_t b = batch.first + position / blockSize;
   // The block whose turn it is keeps its slot: the block-at-a-time run writes it afterwards too.
   if (b > batch.next && b < batch.windowEnd) batch.windowEnd = b;
 }

@@ -36,7 +36,9 @@ void KeepBlock(std::uint32_t b, bool write);
 void WritePendingBlocks();
 // Writes what is pending and shows every message held back: the volume's blocks are done.
 void EndVolumeBatch();
-// An out-of-order write of block b: the copy read ahead, if any, is stale.
-void NoteOutOfOrderWrite(std::uint32_t b);
+// A block written out of order at position of file: the copy read ahead of the same bytes on disk,
+// if any, is stale. The file is compared by identity, not by block number: two volumes of a set
+// may be one file.
+void NoteOutOfOrderWrite(platform::File file, std::uint64_t position);
 
 }  // namespace bt

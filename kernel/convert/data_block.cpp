@@ -49,7 +49,7 @@ bool ConvertValue(Bytes block, std::uint32_t b, int node, std::size_t p, std::si
     case GNode1DataBigString: ConvertBigReference(block, b, node, p, pntend, 0); break;
     case GNode1DataBigUnicode: ConvertBigReference(block, b, node, p, pntend, 1); break;
     case GNode1DataFloat: Rev64At(block, p + 1); break;
-    case GNode1DataVector: CvVector(block.subspan(p + 1)); break;
+    case GNode1DataVector: CvVector(block, p + 1); break;
     case GNode1DataVectorBig: CvBigVec(block, p + 1, pntend); break;
     default:
       Print("\r\nInvalid data type (%d) in block #%u.\r\n", block[p], b);

@@ -31,8 +31,9 @@ void EachEntry(Bytes v, std::size_t off, std::uint64_t count, std::size_t size, 
   for (std::uint64_t i = 0; i < count; ++i, e += size) convert(e);
 }
 
+// A list chunk at c: its count and the word after it, then its entries.
 void ConvertListChunk(Bytes v, std::size_t c, unsigned type, unsigned width, bool asRead) {
-  if (!Fits(v, c, 8)) return;
+  if (!Fits(v, c, 8)) return;  // no count to read
   const std::uint64_t k = Load32(v.data() + c, !asRead);
   Rev4(v.data() + c);
   Rev4(v.data() + c + 4);
@@ -58,12 +59,12 @@ void ConvertListChunk(Bytes v, std::size_t c, unsigned type, unsigned width, boo
   }
 }
 
-void ConvertFullChunk(Bytes v, std::size_t c, unsigned type, unsigned width) {
+// A full chunk whose elements start at e = chunk + 128 (a chunk itself may begin before the buffer).
+void ConvertFullChunk(Bytes v, std::size_t e, unsigned type, unsigned width) {
   constexpr std::size_t n = vec::kFullChunkElements;
-  const std::size_t e = c + 128;
   if (type == 1) {
     if (width == 0)
-      RevEach(v, c + 1152, c + 1152 + 8 * n, 8);
+      RevEach(v, e + 1024, e + 1024 + 8 * n, 8);
     else if (width == 2)
       EachEntry(v, e, n, 4, [](std::uint8_t* x) { Rev3(x + 1); });
     else if (width == 3)
@@ -80,7 +81,9 @@ void XError(int line) { Print("xerror #%d from line #%d\n", 89, line); }
 
 }  // namespace
 
-void CvVector(Bytes v) {
+void CvVector(Bytes buffer, std::size_t start) {
+  if (start > buffer.size()) return;
+  const Bytes v = buffer.subspan(start);  // the header and directory, as far as they fit
   if (v.size() < 2) return;
   const bool asRead = v[1] == vec::kVectorMark;
   const bool big = !asRead;  // the order the vector is stored in
@@ -112,16 +115,16 @@ void CvVector(Bytes v) {
 
   for (int i = 0; i < used; ++i) {
     const std::uint16_t entry = directory[i];
-    const std::size_t chunk = entry & 0x1FFF;
-    if (chunk == 0) continue;  // chunk 0 would lie before the vector
-    const std::size_t c = 128 * chunk - 64;
+    // Chunk c begins 128 * c - 64 bytes after the vector's start: chunk 0 begins before it.
+    const std::size_t chunkEnd = start + 128 * std::size_t{entry & 0x1FFFu} + 64;  // c + 128
     const unsigned width = (entry >> 13) & 3;
-    if (entry & 0x8000)
-      ConvertListChunk(v, c, type, width, asRead);
-    else
-      ConvertFullChunk(v, c, type, width);
+    if (entry & 0x8000) {
+      if (chunkEnd >= 128) ConvertListChunk(buffer, chunkEnd - 128, type, width, asRead);
+    } else {
+      ConvertFullChunk(buffer, chunkEnd, type, width);
+    }
   }
-  if (tailPresent != 0) CvVectorTail(v, tailOffset, asRead);
+  if (tailPresent != 0) CvVectorTail(buffer, start + std::size_t{tailOffset}, asRead);
 }
 
 void CvVectorTail(Bytes v, std::size_t t, bool asRead) {
@@ -136,9 +139,12 @@ void CvVectorTail(Bytes v, std::size_t t, bool asRead) {
   Rev2(base + 8);
   Rev2(base + 10);
 
-  // The offset table lies at the area's end, its first entry last; width is 1, 2 or 4 bytes.
+  // The offset table lies at the area's end, its first entry last; width is 1, 2 or 4 bytes. All n
+  // entries are taken, back over the tail's own fields and before t, as far as the buffer goes.
   auto eachOffset = [&](std::size_t width, auto handle) {
-    for (std::uint64_t i = 0; i < n && width * (i + 1) <= end - t; ++i) {
+    std::uint64_t i = 0;
+    if (end > v.size()) i = (end - v.size() + width - 1) / width;  // the first that ends inside
+    for (; i < n && width * (i + 1) <= end; ++i) {
       const std::size_t at = end - width * (i + 1);
       if (Fits(v, at, width)) handle(at);
     }

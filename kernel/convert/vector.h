@@ -18,10 +18,14 @@ inline constexpr std::size_t kHeaderEnd = 192;
 inline constexpr std::size_t kFullChunkElements = 1024;
 }  // namespace vec
 
-// Converts the vector that starts at v.data(); nothing outside v is read or written.
-void CvVector(Bytes v);
+// Converts the vector that starts at offset v of buffer (a block, or the data of a big vector's
+// blocks gathered in one). Its chunks and its tail may lie before v (chunk number 0 names the bytes
+// 64 before it) or anywhere after it: whatever lies inside buffer is converted, nothing outside is
+// read or written.
+void CvVector(Bytes buffer, std::size_t v);
 
-// Converts the vector tail at offset t of v; asRead tells that the vector was in machine order.
-void CvVectorTail(Bytes v, std::size_t t, bool asRead);
+// Converts the vector tail at offset t of buffer; asRead tells that the vector was in machine
+// order. Its offset table is read back from the tail area's end, as far as the buffer goes.
+void CvVectorTail(Bytes buffer, std::size_t t, bool asRead);
 
 }  // namespace bt

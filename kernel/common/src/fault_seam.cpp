@@ -75,7 +75,11 @@ Fault CountedFault(const std::string& op, const std::string& path) {
 
 }  // namespace
 
-Fault BeforeOpen(const std::string& path) { return CountedFault("open", path); }
+Fault BeforeOpen(const std::string& path, bool writing) {
+  const Fault fault = CountedFault("open", path);
+  if (fault != Fault::kNone || !writing) return fault;
+  return CountedFault("openrw", path);
+}
 
 void NoteOpened(File file, const std::string& path) { Paths()[file] = path; }
 void NoteClosed(File file) { Paths().erase(file); }

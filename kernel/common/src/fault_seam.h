@@ -4,9 +4,10 @@
 // program itself is built without it: every question below is then an inline "no fault".
 //
 // Plan: entries "op:name:arg:fault" separated by ';'.
-//   op     open, read, write, sync or create (the exclusive create of a new file, the lock)
+//   op     open, openrw (only opens for reading and writing), read, write, sync or create (the
+//          exclusive create of a new file, the lock)
 //   name   the end of the file's path ("ORVA.DAT", "ORVA-0002.VOL"); empty for any file
-//   arg    open, sync: which matching call fails (1 = the first; 0 = every one); read, write: a
+//   arg    open, openrw, sync: which matching call fails (1 = the first; 0 = every one); read, write: a
 //          byte position: every transfer that covers it fails, as a bad place on a disk does;
 //          create: unused
 //   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded); short: the
@@ -29,7 +30,7 @@ namespace platform::faults {
 enum class Fault { kNone, kIo, kNoSpace, kAccess, kShort };
 
 #ifdef BYTETURN_FAULT_SEAM
-Fault BeforeOpen(const std::string& path);
+Fault BeforeOpen(const std::string& path, bool writing);
 void NoteOpened(File file, const std::string& path);
 void NoteClosed(File file);
 // For kShort, *stop is the position where the transfer stops.
@@ -39,7 +40,7 @@ void BeforeCreate(const std::string& path);
 // BYTETURN_BATCH_BLOCKS: blocks per batch of the conversion (0: the program's own choice).
 std::uint32_t BatchBlocks();
 #else
-inline Fault BeforeOpen(const std::string&) { return Fault::kNone; }
+inline Fault BeforeOpen(const std::string&, bool) { return Fault::kNone; }
 inline void NoteOpened(File, const std::string&) {}
 inline void NoteClosed(File) {}
 inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_t*) { return Fault::kNone; }

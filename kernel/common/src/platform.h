@@ -23,6 +23,17 @@ std::FILE* CreateNewTextFile(const std::string& path);
 // Creates (or truncates) a file for reading and writing. Used by the tools, not the conversion.
 File CreateReadWrite(const std::string& path);
 void Close(File file);
+// What identifies the file behind a handle: handles opened through different paths to one file
+// (links) have the same identity.
+struct FileIdentity {
+  std::uint64_t device = 0, index = 0;
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+  friend auto operator<=>(const FileIdentity&, const FileIdentity&) = default;
+};
+FileIdentity IdentityOf(File file);
+// Creates a file for reading and writing in the system's temporary directory that goes away when
+// it is closed or the process ends; unwritten ranges take no space where the system allows.
+File CreateTemporaryFile();
 // Hint that the file will be read from start to end, so that the system reads further ahead.
 // Failures are ignored: it changes no result.
 void AdviseSequentialRead(File file);

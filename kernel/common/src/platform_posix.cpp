@@ -5,6 +5,7 @@
 #include "transfer.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -35,7 +36,7 @@ bool Injected(faults::Fault fault) {
 
 // Opening a directory as a file fails, as it does on Windows.
 File OpenExisting(const std::string& path, int access) {
-  if (Injected(faults::BeforeOpen(path))) return kInvalidFile;
+  if (Injected(faults::BeforeOpen(path, access == O_RDWR))) return kInvalidFile;
   int fd = ::open(path.c_str(), access | O_CLOEXEC);
   if (fd < 0) return kInvalidFile;
   struct stat st;
@@ -75,6 +76,23 @@ void Close(File file) {
   if (file == kInvalidFile) return;
   faults::NoteClosed(file);
   ::close(static_cast<int>(file));
+}
+
+FileIdentity IdentityOf(File file) {
+  struct stat st;
+  if (::fstat(static_cast<int>(file), &st) != 0) return {};
+  return {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)};
+}
+
+// Made with mkstemp in TMPDIR (else /tmp) and unlinked at once: nothing is left behind.
+File CreateTemporaryFile() {
+  const char* dir = std::getenv("TMPDIR");
+  std::string name = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/byteturn-XXXXXX";
+  const int fd = ::mkstemp(name.data());
+  if (fd < 0) return kInvalidFile;
+  ::unlink(name.c_str());
+  ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+  return fd;
 }
 
 namespace {

@@ -5,6 +5,7 @@
 #include "transfer.h"
 
 #include <windows.h>
+#include <winioctl.h>
 #include <fcntl.h>
 #include <io.h>
 
@@ -38,7 +39,7 @@ bool Injected(faults::Fault fault) {
 }
 
 File OpenExisting(const std::string& path, DWORD access) {
-  if (Injected(faults::BeforeOpen(path))) return kInvalidFile;
+  if (Injected(faults::BeforeOpen(path, (access & GENERIC_WRITE) != 0))) return kInvalidFile;
   File file = FromHandle(CreateFileA(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                                      FILE_ATTRIBUTE_NORMAL, nullptr));
   if (file != kInvalidFile) faults::NoteOpened(file, path);
@@ -77,6 +78,26 @@ void Close(File file) {
   if (file == kInvalidFile) return;
   faults::NoteClosed(file);
   CloseHandle(ToHandle(file));
+}
+
+FileIdentity IdentityOf(File file) {
+  BY_HANDLE_FILE_INFORMATION info;
+  if (!GetFileInformationByHandle(ToHandle(file), &info)) return {};
+  return {info.dwVolumeSerialNumber, std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow};
+}
+
+// In the user's temporary directory, deleted when its handle is closed, and sparse.
+File CreateTemporaryFile() {
+  char dir[MAX_PATH + 1], name[MAX_PATH + 1];
+  const DWORD n = GetTempPathA(sizeof dir, dir);
+  if (n == 0 || n > sizeof dir || GetTempFileNameA(dir, "btc", 0, name) == 0) return kInvalidFile;
+  HANDLE h = CreateFileA(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                         FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return kInvalidFile;
+  DWORD returned = 0;
+  // Without this, the ranges never written would take space on the disk.
+  DeviceIoControl(h, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
+  return FromHandle(h);
 }
 
 std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t position) {
