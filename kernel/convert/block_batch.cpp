@@ -1,8 +1,10 @@
 #include "block_batch.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "block_cipher.h"
+#include "check_run.h"
 #include "map_block.h"
 #include "messages.h"
 #include "state.h"
@@ -31,6 +33,9 @@ struct VolumeBatch {
   std::uint64_t writeBackFrom = 0;               // written blocks from here are not yet on their way to disk
   bool write[kMaxSlots] = {};                    // by slot: kept to be written
 } batch;
+
+// The files of the volumes whose blocks have all had their turn.
+std::vector<platform::FileIdentity> finishedFiles;
 
 std::uint64_t SlotCount() {
   const std::uint64_t own = kBatchBytes / blockSize, asked = platform::TestBatchBlocks();
@@ -88,7 +93,20 @@ void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
   if (n != 0 && !EncryptDataBlocks(blocks, numbers, n)) FailAtBlock(numbers[0], true);
 }
 
+// A check run holds a block written in its turn only where a later read may need it.
+void HoldRunInTurn(std::uint64_t from, std::uint64_t count) {
+  for (std::uint64_t b = from; b < from + count; ++b) {
+    if (!HoldsWriteInTurn(batch.identity, Position(b))) continue;
+    std::uint8_t* block = Slot(b);
+    std::uint32_t number = static_cast<std::uint32_t>(b);
+    if (databaseEncrypted && b != volumeInfoBlockNumber && b != batch.first && !EncryptDataBlocks(&block, &number, 1))
+      FailAtBlock(b, true);
+    HoldWrite(batch.writeFile, Position(b), block, blockSize, true);
+  }
+}
+
 void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
+  if (checkRun) return HoldRunInTurn(from, count);
   EncryptRunOrFail(from, count);
   const auto size = static_cast<std::uint32_t>(count * blockSize);
   if (WriteBlockAt(batch.writeFile, Position(from), Slot(from), size)) {
@@ -164,6 +182,19 @@ void WritePendingBlocks() {
 void EndVolumeBatch() {
   WritePendingBlocks();
   HoldOutput(false);
+  finishedFiles.push_back(batch.identity);
+  batch.readFile = platform::kInvalidFile;
+}
+
+bool PassedInTurn(const platform::FileIdentity& file, std::uint64_t position) {
+  for (const platform::FileIdentity& done : finishedFiles)
+    if (done == file) return true;
+  return batch.readFile != platform::kInvalidFile && file == batch.identity && position < Position(batch.next);
+}
+
+void ForgetVolumes() {
+  finishedFiles.clear();
+  batch = VolumeBatch{};
 }
 
 void NoteOutOfOrderWrite(platform::File file, std::uint64_t position) {

@@ -33,7 +33,7 @@ std::string BinDirectoryOf(const std::string& executable) {
 }
 
 void ReadLabelCopy(std::uint8_t* labelCopy) {
-  platform::File file = platform::OpenReadWrite(databaseFileName);
+  platform::File file = OpenDatabaseFile(databaseFileName);
   if (file == platform::kInvalidFile)
     Fail("Error opening database file %s for reading. %s\r\n", databaseFileName.c_str(), ErrorText());
   if (!ReadBlockAt(file, 0, labelCopy, kLabelCopySize))
@@ -133,9 +133,11 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
   BeginVolumeBatch(v.first, v.last, readFile, writeFile);
   std::uint64_t handled = 0;
   for (; b <= v.last; ++b, ++handled) {
+    runProgress.turn = b;
     const Step step = ConvertBlock(v, b);
     PrintProgress(b, verbose);
     KeepBlock(b, step == Step::kWrite);
+    ++(step == Step::kWrite ? runProgress.written : runProgress.passedOver);
     if (b == UINT32_MAX) break;
   }
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
@@ -147,9 +149,8 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
 
 }  // namespace
 
-int ByteturnMain(int argc, const char* const* argv) {
+std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLine) {
   platform::PrepareConsole();
-  CommandLine commandLine;
   if (!ParseCommandLine(argc, argv, commandLine)) PrintUsageAndEnd();
   databaseFileName = commandLine.fileName;
   binDirectory = BinDirectoryOf(platform::ExecutablePath(kBinDirectoryLimit));
@@ -166,12 +167,22 @@ int ByteturnMain(int argc, const char* const* argv) {
   ResetMaps();
   const std::string lockPath = LockPathFor(databaseFileName);
   if (!lockPath.empty()) TakeLock(lockPath, databaseFileName);
+  return lockPath;
+}
 
+void ConvertVolumes(bool verbose) {
+  runProgress = RunProgress{true, 1, 0, 0};
+  std::uint32_t b = 1;
+  for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) ConvertVolume(volume, b, verbose);
+  SyncHandleCache();
+}
+
+int ByteturnMain(int argc, const char* const* argv) {
+  CommandLine commandLine;
+  const std::string lockPath = PrepareRun(argc, argv, commandLine);
   // Nothing is read from the operator any more; losing the console must not stop a half-done run.
   platform::KeepRunningWithoutConsole();
-  std::uint32_t b = 1;
-  for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) ConvertVolume(volume, b, commandLine.verbose);
-  SyncHandleCache();
+  ConvertVolumes(commandLine.verbose);
 
   Print("\r\nDone converting to %s", swapFlag ? "little-endian\r\n" : "big-endian\r\n");
   CloseHandleCache();

@@ -4,6 +4,7 @@
 
 #include "messages.h"
 #include "platform.h"
+#include "state.h"
 
 namespace bt {
 
@@ -33,6 +34,7 @@ void RefuseWhenLocked(const std::string& lockPath, const std::string& fileName) 
 // other finds the lock when it looks again and is told so, as it would be a moment later.
 void TakeLock(const std::string& lockPath, const std::string& fileName) {
   RefuseWhenLocked(lockPath, fileName);
+  if (checkRun) return;  // a check writes nothing, a lock neither
   std::FILE* lock = platform::CreateNewTextFile(lockPath);
   if (lock == nullptr) {
     RefuseWhenLocked(lockPath, fileName);
@@ -48,7 +50,7 @@ void TakeLock(const std::string& lockPath, const std::string& fileName) {
 }
 
 void ReleaseLock(const std::string& lockPath) {
-  if (!lockPath.empty()) platform::RemoveFile(lockPath);
+  if (!lockPath.empty() && !checkRun) platform::RemoveFile(lockPath);
 }
 
 }  // namespace bt

@@ -7,7 +7,8 @@ namespace bt {
 
 // Lock path for a database file name, "" when the name takes no lock.
 std::string LockPathFor(const std::string& fileName);
-// Takes the lock; ends the process with status 1 when it is held or cannot be written.
+// Takes the lock; ends the process with status 1 when it is held or cannot be written. A check
+// run only looks whether it is held.
 void TakeLock(const std::string& lockPath, const std::string& fileName);
 void ReleaseLock(const std::string& lockPath);
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "state.h"
+
 namespace bt {
 
 namespace {
@@ -17,10 +19,43 @@ std::uint64_t currentMark = 0;
 std::vector<HeldMessage> held;
 std::size_t firstHeld = 0;  // those before it are printed
 
+// A run done again (byteturn-check) counts the bytes of standard output it makes, shows none of
+// the first skip of them (shown by the pass before) and, once muted, none at all.
+struct OutputPass {
+  bool counting = false, muted = false;
+  std::uint64_t made = 0, skip = 0;
+} pass;
+
+void Emit(const char* text, std::size_t size) {
+  if (!pass.counting) {
+    std::fwrite(text, 1, size, stdout);
+    return;
+  }
+  const std::uint64_t from = pass.made;
+  pass.made += size;
+  if (pass.muted || pass.made <= pass.skip) return;
+  const std::size_t shown = from < pass.skip ? static_cast<std::size_t>(pass.skip - from) : 0;
+  std::fwrite(text + shown, 1, size - shown, stdout);
+}
+
+std::string Format(const char* format, va_list args) {
+  va_list count;
+  va_copy(count, args);
+  const int n = std::vsnprintf(nullptr, 0, format, count);
+  va_end(count);
+  if (n <= 0) return std::string();
+  std::string text(static_cast<std::size_t>(n) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, args);
+  text.pop_back();
+  return text;
+}
+
+std::string lastFailure;
+
 void PrintHeld(std::uint64_t mark) {
   const std::size_t from = firstHeld;
   while (firstHeld < held.size() && held[firstHeld].mark <= mark) {
-    std::fwrite(held[firstHeld].text.data(), 1, held[firstHeld].text.size(), stdout);
+    Emit(held[firstHeld].text.data(), held[firstHeld].text.size());
     ++firstHeld;
   }
   if (firstHeld == from) return;
@@ -35,21 +70,13 @@ void PrintHeld(std::uint64_t mark) {
 void Print(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  if (holding) {
-    va_list count;
-    va_copy(count, args);
-    const int n = std::vsnprintf(nullptr, 0, format, count);
-    va_end(count);
-    if (n > 0) {
-      std::string text(static_cast<std::size_t>(n) + 1, '\0');
-      std::vsnprintf(text.data(), text.size(), format, args);
-      text.pop_back();
-      held.push_back({currentMark, std::move(text)});
-    }
-  } else {
-    std::vfprintf(stdout, format, args);
-  }
+  std::string text = Format(format, args);
   va_end(args);
+  if (text.empty()) return;
+  if (holding)
+    held.push_back({currentMark, std::move(text)});
+  else
+    Emit(text.data(), text.size());
 }
 
 void HoldOutput(bool hold) {
@@ -68,9 +95,18 @@ void DiscardHeldOutput() {
 void PrintTo(std::FILE* stream, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::vfprintf(stream, format, args);
+  const std::string text = Format(format, args);
   va_end(args);
+  if (stream == stdout)
+    Emit(text.data(), text.size());
+  else
+    std::fwrite(text.data(), 1, text.size(), stream);
 }
+
+void CountOutput(std::uint64_t alreadyShown) { pass = OutputPass{true, false, 0, alreadyShown}; }
+void MuteOutput() { pass.muted = true; }
+std::uint64_t OutputMade() { return pass.made; }
+const std::string& LastFailure() { return lastFailure; }
 
 void EndRun(int status) {
   std::fflush(stdout);
@@ -78,6 +114,7 @@ void EndRun(int status) {
 #ifdef BYTETURN_FUZZ
   throw RunEnded{status};
 #else
+  if (checkRun) throw RunEnded{status};
   std::exit(status);
 #endif
 }
@@ -86,8 +123,9 @@ void Fail(const char* format, ...) {
   HoldOutput(false);
   va_list args;
   va_start(args, format);
-  std::vfprintf(stdout, format, args);
+  lastFailure = Format(format, args);
   va_end(args);
+  Emit(lastFailure.data(), lastFailure.size());
   EndRun(1);
 }
 
@@ -95,8 +133,12 @@ void FailTo(std::FILE* stream, const char* format, ...) {
   HoldOutput(false);
   va_list args;
   va_start(args, format);
-  std::vfprintf(stream, format, args);
+  lastFailure = Format(format, args);
   va_end(args);
+  if (stream == stdout)
+    Emit(lastFailure.data(), lastFailure.size());
+  else
+    std::fwrite(lastFailure.data(), 1, lastFailure.size(), stream);
   EndRun(1);
 }
 

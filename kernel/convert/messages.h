@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 // The formats are checked as C99 printf formats; on Windows the runtime's C99 printf is used.
 #ifdef _WIN32
@@ -18,8 +19,8 @@ void Print(const char* format, ...) BT_PRINTF(1, 2);
 void PrintTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
 [[noreturn]] void Fail(const char* format, ...) BT_PRINTF(1, 2);
 [[noreturn]] void FailTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
-// Ends the process with status. A fuzzing build (BYTETURN_FUZZ) throws RunEnded instead, so that
-// its targets can go on after a refusal.
+// Ends the process with status. A fuzzing build (BYTETURN_FUZZ) and a check run throw RunEnded
+// instead, so that the fuzz targets go on after a refusal and the check gives its verdict.
 [[noreturn]] void EndRun(int status);
 struct RunEnded {
   int status;
@@ -33,6 +34,15 @@ void SetOutputMark(std::uint64_t mark);
 // Prints the kept messages marked up to mark, in order; DiscardHeldOutput forgets the rest.
 void ReleaseHeldOutput(std::uint64_t mark);
 void DiscardHeldOutput();
+
+// A run that is done again from its first block (byteturn-check) counts the bytes of standard
+// output it makes from here on and shows none of the first alreadyShown of them; MuteOutput
+// shows nothing more of this pass.
+void CountOutput(std::uint64_t alreadyShown);
+void MuteOutput();
+std::uint64_t OutputMade();
+// The text of the last failure, as it was printed.
+const std::string& LastFailure();
 
 // A pointer as the messages show it after "0x": 16 upper-case hexadecimal digits.
 inline unsigned long long PointerValue(const void* p) {

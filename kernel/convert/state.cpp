@@ -28,6 +28,9 @@ std::string binDirectory;
 
 alignas(16) std::uint8_t blockBuffer[kMaxBlockSize];
 
+bool checkRun = false;
+RunProgress runProgress;
+
 std::string primaryDirectory;
 std::vector<std::string> volumeDirectories;
 std::uint32_t volumeFirstBlock[kMaxVolumes + 2];
@@ -35,7 +38,10 @@ std::uint16_t volumeDirIndex[kMaxVolumes + 2];
 
 int DecompressBlock(std::uint8_t* block) {
   if (binDirectory.empty()) Fail("\n\rCould not determine bin directory to locate compression library\n\r");
-  return compression::DecompressBlock(block, blockSize, swapFlag != 0, binDirectory);
+  std::string report;  // shown as the run's other messages are
+  const int done = compression::DecompressBlock(block, blockSize, swapFlag != 0, binDirectory, &report);
+  if (!report.empty()) Print("%s", report.c_str());
+  return done;
 }
 
 void SetGeometry(std::uint32_t code) {

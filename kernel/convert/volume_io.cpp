@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "block_batch.h"
+#include "check_run.h"
 #include "messages.h"
 #include "state.h"
 #include "volume_set.h"
@@ -28,10 +29,17 @@ std::string VolumePath(std::uint32_t volume) {
   return base + name;
 }
 
+platform::File OpenDatabaseFile(const std::string& path) {
+  if (!checkRun) return platform::OpenReadWrite(path);
+  const platform::File file = platform::OpenReadOnly(path);
+  if (file != platform::kInvalidFile) NoteDatabaseFileOpened(file);
+  return file;
+}
+
 platform::File OpenVolumeFile(std::uint32_t volume) {
   std::string path = VolumePath(volume);
   if (path.empty()) return platform::kInvalidFile;
-  return platform::OpenReadWrite(path);
+  return OpenDatabaseFile(path);
 }
 
 std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
@@ -91,6 +99,7 @@ void EmptyHandleCache() {
 }
 
 void SyncVolumeOrFail(platform::File file, std::uint32_t volume) {
+  if (checkRun) return;  // nothing was written
   platform::ClearLastError();
   if (!platform::Sync(file)) Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(volume), ErrorText());
 }
@@ -121,10 +130,13 @@ bool Moved(std::int64_t n, std::uint32_t size, bool writing) {
 
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   platform::ClearLastError();
-  return Moved(platform::ReadAt(file, buffer, size, position), size, false);
+  if (!Moved(platform::ReadAt(file, buffer, size, position), size, false)) return false;
+  if (checkRun) SeeWritesOfTheRun(file, position, buffer, size);
+  return true;
 }
 
 bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
+  if (checkRun) return HoldWrite(file, position, buffer, size);
   platform::ClearLastError();
   return Moved(platform::WriteAt(file, buffer, size, position), size, true);
 }

@@ -12,6 +12,8 @@ namespace bt {
 inline constexpr int kHandleCacheSlots = 10;
 
 std::string VolumePath(std::uint32_t volume);
+// Opens a database or volume file for reading and writing (only for reading in a check run).
+platform::File OpenDatabaseFile(const std::string& path);
 platform::File OpenVolumeFile(std::uint32_t volume);
 
 // Index of the volume holding block b, with its first and last block numbers.
@@ -31,7 +33,8 @@ int HandleCacheSlotVolume(int slot);
 inline std::uint64_t BlockPosition(std::uint32_t b, std::uint32_t first, std::uint32_t size) {
   return std::uint64_t{b - first} * size;
 }
-// Reads or writes exactly size bytes at position; false on failure or a short transfer.
+// Reads or writes exactly size bytes at position; false on failure or a short transfer. In a check
+// run a write is held instead (check_run.h), and a read sees what the run has written.
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
 bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size);
 

@@ -144,6 +144,9 @@ const Target& UnderTest() {
     t.faultsExe = faults != nullptr ? faults : BYTETURN_FAULTS_EXE;
     t.runner = runner != nullptr ? runner : BYTETURN_RUNNER;
     t.windows = t.exe.ends_with(".exe");
+    const fs::path program = t.exe, faultsProgram = t.faultsExe;
+    t.checkExe = (program.parent_path() / ("byteturn-check" + program.extension().string())).string();
+    t.checkFaultsExe = (faultsProgram.parent_path() / ("byteturn-check-faults" + program.extension().string())).string();
     t.stubDir = stubs != nullptr ? stubs : STUB_DIR;
     return t;
   }();

@@ -61,7 +61,17 @@ Fn Symbol(void* slot) {
   return reinterpret_cast<Fn>(slot);
 }
 
-void Report(const char* text) { std::printf("\n\r%s\n\r", text); }
+// Where the loader's reports go: standard output, or the text of the caller that asked for them.
+std::string* reportText = nullptr;
+void Report(const char* text) {
+  if (reportText == nullptr) {
+    std::printf("\n\r%s\n\r", text);
+    return;
+  }
+  *reportText += "\n\r";
+  *reportText += text;
+  *reportText += "\n\r";
+}
 
 int LoadWith(LibraryTable& table, CompressionMethod& entry, std::size_t messageSize, char* message) {
   return LoadCompressionLibrary(table, (entry.stateFlags & kLoadFailed) == 0, messageSize, message);
@@ -172,7 +182,8 @@ bool MethodNeedsLoading(std::uint8_t method) {
   return method >= 1 && method <= 5 && (compressionMethodTable[method - 1].stateFlags & kLoaded) == 0;
 }
 
-int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDir) {
+int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDir,
+                    std::string* report) {
   const int method = block[5];
   const std::int32_t length = static_cast<std::int32_t>(bt::Load32(block, bigEndian));
   if (length < 1 || length > static_cast<std::int32_t>(blockSize) - 4104 || method < 1 || method > 5) return 1;
@@ -180,7 +191,10 @@ int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian
   CompressionMethod& entry = compressionMethodTable[method - 1];
   if ((entry.stateFlags & kLoaded) == 0) {
     binDirectory = binDir;  // where the loader looks first
-    if (entry.load(entry, 0, nullptr) < 0) {
+    reportText = report;
+    const int loaded = entry.load(entry, 0, nullptr);
+    reportText = nullptr;
+    if (loaded < 0) {
       entry.stateFlags |= kLoadFailed;
       return 0;
     }

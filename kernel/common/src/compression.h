@@ -50,7 +50,9 @@ bool MethodNeedsLoading(std::uint8_t method);
 // Decompresses the block in place when its envelope is valid and its stream yields exactly one
 // block. 1 = done (decompressed, or left compressed), 0 = the method's library is unusable.
 // binDirectory (ending in a separator) is where the libraries are looked for first; the caller
-// refuses to go on without one.
-int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDirectory);
+// refuses to go on without one. A library that cannot be loaded is reported on standard output,
+// or appended to *report when it is given.
+int DecompressBlock(std::uint8_t* block, std::uint32_t blockSize, bool bigEndian, const std::string& binDirectory,
+                    std::string* report = nullptr);
 
 }  // namespace compression

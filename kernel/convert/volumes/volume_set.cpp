@@ -23,7 +23,7 @@ constexpr std::uint8_t kVolumeInfoType = 18;
 void ReadPrimaryVolumeInfo() {
   if (volumeInfoBlockNumber == 0 || volumeInfoBlockNumber > primaryVolumeLastBlock)
     Fail("\r\nVolume info block #%u in primary volume is not in the file.\r\n", volumeInfoBlockNumber);
-  platform::File file = platform::OpenReadWrite(databaseFileName);
+  platform::File file = OpenDatabaseFile(databaseFileName);
   if (file == platform::kInvalidFile)
     Fail("\r\nFailed to open primary volume to read volume info block. %s\r\n", ErrorText());
   if (!ReadBlockAt(file, BlockPosition(volumeInfoBlockNumber, 1, blockSize), blockBuffer, blockSize))
@@ -120,7 +120,7 @@ std::vector<bool> ConfirmDirectories() {
   for (std::size_t k = 0; k < volumeDirectories.size(); ++k) {
     const std::string& dir = volumeDirectories[k];
     if (dir.empty() || dir.size() > kMaxDirLength) continue;
-    platform::File marker = platform::OpenReadWrite(dir + "orva.dbdir");
+    platform::File marker = OpenDatabaseFile(dir + "orva.dbdir");
     if (marker == platform::kInvalidFile) {
       confirmed[k] = platform::IsNotFoundError(platform::LastError());
       continue;
@@ -163,7 +163,7 @@ std::uint32_t FindVolume(std::uint32_t v, std::uint32_t expectedStart, std::uint
   for (std::size_t d = 0; d <= volumeDirectories.size(); ++d) {
     const std::string& dir = d == 0 ? primaryDirectory : volumeDirectories[d - 1];
     const std::string path = dir + name;
-    platform::File file = platform::OpenReadWrite(path);
+    platform::File file = OpenDatabaseFile(path);
     if (file == platform::kInvalidFile) continue;
     if (d > 0 && !confirmed[d - 1]) {
       platform::Close(file);
