@@ -105,12 +105,19 @@ void BeginPass(std::uint64_t alreadyShown) {
     method.stateFlags &= ~compression::kLoadFailed;
 }
 
-// The failure's text on one line, without the line ends around it.
-std::string OneLine(std::string text) {
-  for (char& c : text)
-    if (c == '\r' || c == '\n') c = ' ';
-  const std::size_t first = text.find_first_not_of(' '), last = text.find_last_not_of(' ');
-  return first == std::string::npos ? std::string() : text.substr(first, last - first + 1);
+// The failure's text on one line: each run of line ends becomes a space, none is left before a
+// closing parenthesis (the system's texts end in a line end) or at either end.
+std::string OneLine(const std::string& text) {
+  std::string line;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r' && text[i] != '\n') {
+      line += text[i];
+      continue;
+    }
+    while (i + 1 < text.size() && (text[i + 1] == '\r' || text[i + 1] == '\n')) ++i;
+    if (i + 1 < text.size() && text[i + 1] != ')' && !line.empty()) line += ' ';
+  }
+  return line;
 }
 
 enum class Outcome { kNotStarted, kReport, kStopped, kCompleted, kCannotTell };

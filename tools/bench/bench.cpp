@@ -100,6 +100,7 @@ int main(int argc, char** argv) {
   const std::string db = dir + "/bench-" + std::to_string(p.sizeCode) + ".dat";
   const std::string exe = platform::ExecutablePath(4096);
   const std::string byteturn = exe.substr(0, exe.rfind('/') + 1) + "byteturn";
+  const std::string byteturnCheck = byteturn + "-check";
 
   std::string answers;
   if (encrypted) {
@@ -129,22 +130,31 @@ int main(int argc, char** argv) {
   const std::string peakFile = dir + "/bench.peak";
   const std::string convert = "/usr/bin/time -f %M -o " + peakFile + " " + byteturn + " -t " + db + " > /dev/null" +
                               (encrypted ? " 2>/dev/null < " + answers : std::string());
-  std::vector<double> timesBlock, timesLarge, timesConvert;
-  std::int64_t peakKiB = 0;
+  const std::string checkPeakFile = dir + "/bench.check-peak";
+  const std::string check = "/usr/bin/time -f %M -o " + checkPeakFile + " " + byteturnCheck + " -t " + db + " > /dev/null" +
+                            (encrypted ? " 2>/dev/null < " + answers : std::string());
+  std::vector<double> timesBlock, timesLarge, timesConvert, timesCheck;
+  std::int64_t peakKiB = 0, checkPeakKiB = 0;
+  const auto peakOf = [](const std::string& file, std::int64_t& peak) {
+    if (std::FILE* f = std::fopen(file.c_str(), "r")) {
+      long long kib = 0;
+      if (std::fscanf(f, "%lld", &kib) == 1) peak = std::max<std::int64_t>(peak, kib);
+      std::fclose(f);
+    }
+  };
   // Each copy follows a conversion, so that it rewrites a file whose bytes have just changed, as
   // the conversion always does: on a virtual disk a copy right after another copy has been seen
   // to take a third of the time. Two conversions per round leave the file as it was.
   for (int r = 0; r < rounds; ++r) {
-    const double tc = TimeCommand(convert, cold), tb = TimeCommand(rewriteBlock, cold);
+    // The check reads what the conversion before it wrote, as the conversion does.
+    const double tc = TimeCommand(convert, cold), tk = TimeCommand(check, cold), tb = TimeCommand(rewriteBlock, cold);
     const double tc2 = TimeCommand(convert, cold), tl = TimeCommand(rewriteLarge, cold);
     timesConvert.push_back(tc2);
-    if (std::FILE* f = std::fopen(peakFile.c_str(), "r")) {
-      long long kib = 0;
-      if (std::fscanf(f, "%lld", &kib) == 1) peakKiB = std::max<std::int64_t>(peakKiB, kib);
-      std::fclose(f);
-    }
-    std::printf("round %d: byteturn %.3f s, dd bs=%u %.3f s, byteturn %.3f s, dd bs=1M %.3f s\n", r + 1, tc,
-                g.blockSize, tb, tc2, tl);
+    timesCheck.push_back(tk);
+    peakOf(peakFile, peakKiB);
+    peakOf(checkPeakFile, checkPeakKiB);
+    std::printf("round %d: byteturn %.3f s, byteturn-check %.3f s, dd bs=%u %.3f s, byteturn %.3f s, dd bs=1M %.3f s\n",
+                r + 1, tc, tk, g.blockSize, tb, tc2, tl);
     std::fflush(stdout);
     timesBlock.push_back(tb);
     timesLarge.push_back(tl);
@@ -163,6 +173,11 @@ int main(int argc, char** argv) {
   std::printf("ratio byteturn / dd bs=1M          %.2f (median of rounds: %.2f)\n", bestConvert / bestLarge,
               Median(timesConvert) / Median(timesLarge));
   std::printf("peak resident memory of byteturn   %.1f MiB\n", static_cast<double>(peakKiB) / 1024.0);
+  const double bestCheck = Best(timesCheck);
+  std::printf("byteturn-check -t (writes nothing) %.3f s, %.0f MiB/s\n", bestCheck, mib / bestCheck);
+  std::printf("ratio byteturn-check / byteturn    %.2f (median of rounds: %.2f)\n", bestCheck / bestConvert,
+              Median(timesCheck) / Median(timesConvert));
+  std::printf("peak resident memory of the check  %.1f MiB\n", static_cast<double>(checkPeakKiB) / 1024.0);
   if (encrypted) {
     const double openssl = OpensslSpeed();
     std::printf("openssl speed -evp aes-256-cbc -bytes 8192 (encrypt): %.0f MiB/s\n", openssl);
