@@ -1,7 +1,6 @@
 #include "block_batch.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "block_cipher.h"
 #include "check_run.h"
@@ -33,9 +32,6 @@ struct VolumeBatch {
   std::uint64_t writeBackFrom = 0;               // written blocks from here are not yet on their way to disk
   bool write[kMaxSlots] = {};                    // by slot: kept to be written
 } batch;
-
-// The files of the volumes whose blocks have all had their turn.
-std::vector<platform::FileIdentity> finishedFiles;
 
 std::uint64_t SlotCount() {
   const std::uint64_t own = kBatchBytes / blockSize, asked = platform::TestBatchBlocks();
@@ -93,15 +89,16 @@ void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
   if (n != 0 && !EncryptDataBlocks(blocks, numbers, n)) FailAtBlock(numbers[0], true);
 }
 
-// A check run holds a block written in its turn only where a later read may need it.
+// A check run notes the blocks written in their turn, and holds one only where a later read may
+// need it.
 void HoldRunInTurn(std::uint64_t from, std::uint64_t count) {
   for (std::uint64_t b = from; b < from + count; ++b) {
-    if (!HoldsWriteInTurn(batch.identity, Position(b))) continue;
+    if (!NoteWriteInTurn(batch.writeFile, Position(b))) continue;
     std::uint8_t* block = Slot(b);
     std::uint32_t number = static_cast<std::uint32_t>(b);
     if (databaseEncrypted && b != volumeInfoBlockNumber && b != batch.first && !EncryptDataBlocks(&block, &number, 1))
       FailAtBlock(b, true);
-    HoldWrite(batch.writeFile, Position(b), block, blockSize, true);
+    HoldWrite(batch.writeFile, Position(b), block, blockSize);
   }
 }
 
@@ -182,23 +179,12 @@ void WritePendingBlocks() {
 void EndVolumeBatch() {
   WritePendingBlocks();
   HoldOutput(false);
-  finishedFiles.push_back(batch.identity);
   batch.readFile = platform::kInvalidFile;
 }
 
-bool PassedInTurn(const platform::FileIdentity& file, std::uint64_t position) {
-  for (const platform::FileIdentity& done : finishedFiles)
-    if (done == file) return true;
-  return batch.readFile != platform::kInvalidFile && file == batch.identity && position < Position(batch.next);
-}
-
-void ForgetVolumes() {
-  finishedFiles.clear();
-  batch = VolumeBatch{};
-}
-
 void NoteOutOfOrderWrite(platform::File file, std::uint64_t position) {
-  if (batch.readFile == platform::kInvalidFile || !(platform::IdentityOf(file) == batch.identity)) return;
+  if (batch.readFile == platform::kInvalidFile) return;
+  if (file != batch.writeFile && file != batch.readFile && !(IdentityOfVolumeFile(file) == batch.identity)) return;
   const std::uint64_t b = batch.first + position / blockSize;
   // The block whose turn it is keeps its slot: the block-at-a-time run writes it afterwards too.
   if (b > batch.next && b < batch.windowEnd) batch.windowEnd = b;

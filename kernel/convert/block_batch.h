@@ -36,12 +36,6 @@ void KeepBlock(std::uint32_t b, bool write);
 void WritePendingBlocks();
 // Writes what is pending and shows every message held back: the volume's blocks are done.
 void EndVolumeBatch();
-// Whether the block at position of the file has had its turn in the run (it may have been written
-// back then): the file is one of a volume done, or the volume's own and the block lies before the
-// one whose turn it is.
-bool PassedInTurn(const platform::FileIdentity& file, std::uint64_t position);
-// The run starts again from its first block (a check run's next pass): no block has had its turn.
-void ForgetVolumes();
 // A block written out of order at position of file: the copy read ahead of the same bytes on disk,
 // if any, is stale. The file is compared by identity, not by block number: two volumes of a set
 // may be one file.

@@ -1,6 +1,7 @@
 #include "check_run.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <set>
 #include <string>
@@ -20,19 +21,32 @@ namespace bt {
 namespace {
 
 // The writes held for one database file: its blocks at their own places in one temporary file,
-// and in another one byte per block, 1 where a block is held. Both stay sparse.
+// and in another two bits a block: held, and written in its turn. Both stay sparse.
 struct HeldFile {
   platform::FileIdentity identity;
   platform::File blocks = platform::kInvalidFile, marks = platform::kInvalidFile;
-  bool any = false;
 };
+
+// The marks in use are kept in memory, a chunk of 32768 blocks a slot, 2 MiB in all (a database of
+// up to 8 Mi blocks keeps all of them); a chunk that loses its slot goes to its file's marks.
+constexpr std::size_t kChunkBytes = 8192;
+constexpr std::uint64_t kChunkBlocks = kChunkBytes * 4;
+constexpr std::size_t kMarkSlots = 256;
+constexpr unsigned kHeld = 1, kWrittenInTurn = 2;
+struct MarkSlot {
+  std::size_t file = SIZE_MAX;  // index of its HeldFile; SIZE_MAX: empty
+  std::uint64_t chunk = 0;
+  bool dirty = false;
+  std::uint8_t bits[kChunkBytes];
+};
+MarkSlot markSlots[kMarkSlots];
 
 struct CheckState {
   std::vector<HeldFile> held;
   std::vector<std::pair<platform::File, platform::FileIdentity>> open;  // the handles of database files
   std::set<std::pair<platform::FileIdentity, std::uint64_t>> needed;    // blocks written in turn that are read again
   bool holdAll = false;    // every write is held
-  bool astray = false;     // this pass read a block that had its turn and was not held
+  bool astray = false;     // this pass read a block written in its turn and not held
   std::uint64_t shownBeforeAstray = 0;
   std::uint64_t rewritten = 0;  // blocks written out of order, each counted once
 } check;
@@ -44,20 +58,55 @@ struct CannotTell {
 
 [[noreturn]] void TemporaryFileFailed() { throw CannotTell{ErrorText()}; }
 
+// The slot holding chunk of the marks of held file f, loaded (or evicted to make room) as needed.
+MarkSlot& MarksOf(std::size_t f, std::uint64_t chunk) {
+  MarkSlot& slot = markSlots[(chunk + 131 * f) % kMarkSlots];
+  if (slot.file == f && slot.chunk == chunk) return slot;
+  if (slot.file != SIZE_MAX && slot.dirty &&
+      platform::WriteAt(check.held[slot.file].marks, slot.bits, kChunkBytes, slot.chunk * kChunkBytes) != kChunkBytes)
+    TemporaryFileFailed();
+  const std::int64_t got = platform::ReadAt(check.held[f].marks, slot.bits, kChunkBytes, chunk * kChunkBytes);
+  if (got < 0) TemporaryFileFailed();
+  std::fill(slot.bits + got, slot.bits + kChunkBytes, std::uint8_t{0});  // past its end: no mark
+  slot.file = f;
+  slot.chunk = chunk;
+  slot.dirty = false;
+  return slot;
+}
+
+unsigned MarksOfBlock(std::size_t f, std::uint64_t block) {
+  const MarkSlot& slot = MarksOf(f, block / kChunkBlocks);
+  const std::uint64_t at = block % kChunkBlocks;
+  return (slot.bits[at / 4] >> (2 * (at % 4))) & 3;
+}
+
+// Adds marks to a block's; returns the marks it had.
+unsigned Mark(std::size_t f, std::uint64_t block, unsigned marks) {
+  MarkSlot& slot = MarksOf(f, block / kChunkBlocks);
+  const std::uint64_t at = block % kChunkBlocks;
+  const unsigned had = (slot.bits[at / 4] >> (2 * (at % 4))) & 3;
+  if ((had | marks) != had) {
+    slot.bits[at / 4] = static_cast<std::uint8_t>(slot.bits[at / 4] | marks << (2 * (at % 4)));
+    slot.dirty = true;
+  }
+  return had;
+}
+
 platform::FileIdentity IdentityOfOpen(platform::File file) {
   for (const auto& [handle, identity] : check.open)
     if (handle == file) return identity;
   return platform::IdentityOf(file);
 }
 
-HeldFile* FindHeld(const platform::FileIdentity& identity) {
-  for (HeldFile& h : check.held)
-    if (h.identity == identity) return &h;
-  return nullptr;
+// The index of the held writes of a file, SIZE_MAX when there are none.
+std::size_t FindHeld(const platform::FileIdentity& identity) {
+  for (std::size_t f = 0; f < check.held.size(); ++f)
+    if (check.held[f].identity == identity) return f;
+  return SIZE_MAX;
 }
 
-HeldFile& HeldFor(const platform::FileIdentity& identity) {
-  if (HeldFile* h = FindHeld(identity)) return *h;
+std::size_t HeldFor(const platform::FileIdentity& identity) {
+  if (const std::size_t f = FindHeld(identity); f != SIZE_MAX) return f;
   HeldFile h;
   h.identity = identity;
   h.blocks = platform::CreateTemporaryFile();
@@ -68,7 +117,7 @@ HeldFile& HeldFor(const platform::FileIdentity& identity) {
     TemporaryFileFailed();
   }
   check.held.push_back(h);
-  return check.held.back();
+  return check.held.size() - 1;
 }
 
 void ForgetHeldWrites() {
@@ -77,6 +126,7 @@ void ForgetHeldWrites() {
     platform::Close(h.marks);
   }
   check.held.clear();
+  for (MarkSlot& slot : markSlots) slot.file = SIZE_MAX;
   check.rewritten = 0;
 }
 
@@ -98,7 +148,6 @@ void BeginPass(std::uint64_t alreadyShown) {
   CloseHandleCache();
   EmptyHandleCache();
   ResetMaps();
-  ForgetVolumes();
   ForgetHeldWrites();
   // A library that failed to load is reported again, as in the pass before.
   for (compression::CompressionMethod& method : compression::compressionMethodTable)
@@ -179,49 +228,32 @@ void NoteDatabaseFileOpened(platform::File file) {
 
 void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (!runProgress.started || blockSize == 0) return;  // before the block loop nothing is written
-  const platform::FileIdentity identity = IdentityOfOpen(file);
-  const std::uint32_t count = size / blockSize;
-  if (!check.holdAll) {
-    for (std::uint32_t k = 0; k < count; ++k) {
-      const std::uint64_t at = position + std::uint64_t{k} * blockSize;
-      if (PassedInTurn(identity, at) && check.needed.count({identity, at}) == 0) GoAstray(identity, at);
-    }
-  }
-  const HeldFile* h = FindHeld(identity);
-  if (h == nullptr || !h->any) return;
-  std::uint8_t marks[256];
-  for (std::uint32_t from = 0; from < count; from += sizeof marks) {
-    const std::uint32_t n = std::min<std::uint32_t>(count - from, sizeof marks);
-    const std::int64_t got = platform::ReadAt(h->marks, marks, n, position / blockSize + from);
-    if (got < 0) TemporaryFileFailed();
-    for (std::uint32_t k = static_cast<std::uint32_t>(got); k < n; ++k) marks[k] = 0;  // past its end: none held
-    for (std::uint32_t k = 0; k < n; ++k) {
-      if (marks[k] == 0) continue;
-      const std::uint64_t at = position + std::uint64_t{from + k} * blockSize;
-      if (platform::ReadAt(h->blocks, buffer + std::size_t{from + k} * blockSize, blockSize, at) != blockSize)
+  const std::size_t f = FindHeld(IdentityOfOpen(file));
+  if (f == SIZE_MAX) return;  // nothing of this file was written
+  for (std::uint32_t k = 0; k < size / blockSize; ++k) {
+    const std::uint64_t at = position + std::uint64_t{k} * blockSize;
+    const unsigned marks = MarksOfBlock(f, at / blockSize);
+    if (marks & kHeld) {
+      if (platform::ReadAt(check.held[f].blocks, buffer + std::size_t{k} * blockSize, blockSize, at) != blockSize)
         TemporaryFileFailed();
+    } else if (marks & kWrittenInTurn) {
+      GoAstray(check.held[f].identity, at);  // the disk would hold what the run wrote there
     }
   }
 }
 
-bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
-               bool inTurn) {
-  HeldFile& h = HeldFor(IdentityOfOpen(file));
-  for (std::uint32_t k = 0; k < size / blockSize; ++k) {
-    const std::uint64_t at = position + std::uint64_t{k} * blockSize;
-    std::uint8_t mark = 0;
-    if (platform::ReadAt(h.marks, &mark, 1, at / blockSize) < 0) TemporaryFileFailed();
-    if (mark == 0 && !inTurn) ++check.rewritten;
-    mark = 1;
-    if (platform::WriteAt(h.marks, &mark, 1, at / blockSize) != 1) TemporaryFileFailed();
-  }
-  if (platform::WriteAt(h.blocks, buffer, size, position) != size) TemporaryFileFailed();
-  h.any = true;
+bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
+  const std::size_t f = HeldFor(IdentityOfOpen(file));
+  for (std::uint32_t k = 0; k < size / blockSize; ++k)
+    if (Mark(f, position / blockSize + k, kHeld) == 0) ++check.rewritten;  // written out of order only
+  if (platform::WriteAt(check.held[f].blocks, buffer, size, position) != size) TemporaryFileFailed();
   return true;
 }
 
-bool HoldsWriteInTurn(const platform::FileIdentity& file, std::uint64_t position) {
-  return check.holdAll || (!check.needed.empty() && check.needed.count({file, position}) != 0);
+bool NoteWriteInTurn(platform::File file, std::uint64_t position) {
+  const platform::FileIdentity identity = IdentityOfOpen(file);
+  Mark(HeldFor(identity), position / blockSize, kWrittenInTurn);
+  return check.holdAll || (!check.needed.empty() && check.needed.count({identity, position}) != 0);
 }
 
 int CheckMain(int argc, const char* const* argv) {

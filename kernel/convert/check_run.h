@@ -6,11 +6,13 @@
 // line, then a verdict of its own; status 0 when byteturn would complete, 1 otherwise.
 //
 // Held writes lie in temporary files laid out as the database files (a block at its own place,
-// sparse), so memory stays bounded whatever the database size; what they take on disk is the size
-// of the blocks rewritten out of order (big strings). A block written in its turn is held only
-// where a later read needs it: a read of a block that had its turn and was not held makes the
-// pass go astray, and the run is done again from its first block with that block held (without
-// showing again what it showed); a third pass holds every write.
+// sparse); two bits a block tell which are held and which were written in their turn, kept in
+// memory up to 2 MiB and in a temporary file beyond. So memory stays bounded whatever the
+// database size, and the disk space taken is that of the blocks rewritten out of order (big
+// strings). A block written in its turn is held only where a later read needs it: a read of a
+// block written in its turn and not held makes the pass go astray, and the run is done again from
+// its first block with that block held (without showing again what it showed); a third pass holds
+// every write.
 #pragma once
 
 #include <cstdint>
@@ -25,10 +27,9 @@ int CheckMain(int argc, const char* const* argv);
 void NoteDatabaseFileOpened(platform::File file);
 // Lays the writes held for the bytes read over them.
 void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
-// Holds a write of whole blocks at position of file; inTurn for the blocks of the block loop.
-bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
-               bool inTurn = false);
-// Whether a block written in its turn at position of file is to be held.
-bool HoldsWriteInTurn(const platform::FileIdentity& file, std::uint64_t position);
+// Holds a write of whole blocks at position of file.
+bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size);
+// Notes that the block at position of file is written in its turn; true when it is to be held.
+bool NoteWriteInTurn(platform::File file, std::uint64_t position);
 
 }  // namespace bt

@@ -14,6 +14,7 @@ namespace {
 struct CacheSlot {
   int volume = -1;
   platform::File file = platform::kInvalidFile;
+  platform::FileIdentity identity;
 };
 CacheSlot handleCache[kHandleCacheSlots];
 int nextSlot = 0;
@@ -90,7 +91,14 @@ platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_
   if (file == platform::kInvalidFile) return file;
   target.volume = volume;
   target.file = file;
+  target.identity = platform::IdentityOf(file);
   return file;
+}
+
+platform::FileIdentity IdentityOfVolumeFile(platform::File file) {
+  for (const CacheSlot& slot : handleCache)
+    if (slot.file == file && file != platform::kInvalidFile) return slot.identity;
+  return platform::IdentityOf(file);
 }
 
 void EmptyHandleCache() {

@@ -21,6 +21,8 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
 // Cached handle of the volume holding block b (invalid when it cannot be opened).
 platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
 void EmptyHandleCache();
+// The identity of a file opened through the handle cache (found once, at its open).
+platform::FileIdentity IdentityOfVolumeFile(platform::File file);
 // Flushes every cached file to stable storage; ends the run on the first that fails.
 void SyncHandleCache();
 void CloseHandleCache();
