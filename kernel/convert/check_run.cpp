@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -40,6 +41,23 @@ struct MarkSlot {
   std::uint8_t bits[kChunkBytes];
 };
 MarkSlot markSlots[kMarkSlots];
+
+// The blocks held last stay in memory, 16 MiB of them, so that a block held and read back soon
+// (the loop reaching a big string block that a node rewrote) costs no system call; the oldest go
+// to their temporary file when room is needed.
+constexpr std::size_t kMemoryBytes = std::size_t{16} << 20;
+struct MemoryBlock {
+  std::size_t file = SIZE_MAX;  // SIZE_MAX: free
+  std::uint64_t block = 0;
+};
+struct HeldInMemory {
+  std::vector<std::uint8_t> bytes;  // slot k at k * blockSize
+  std::vector<MemoryBlock> slots;
+  std::size_t next = 0;                              // the slot to fill next (the oldest)
+  std::unordered_map<std::uint64_t, std::size_t> slotOf;  // by file and block
+} memory;
+
+std::uint64_t MemoryKey(std::size_t f, std::uint64_t block) { return block << 8 | f; }  // at most 201 files
 
 struct CheckState {
   std::vector<HeldFile> held;
@@ -127,6 +145,10 @@ void ForgetHeldWrites() {
   }
   check.held.clear();
   for (MarkSlot& slot : markSlots) slot.file = SIZE_MAX;
+  memory.slotOf.clear();
+  memory.slots.assign(kMemoryBytes / blockSize, MemoryBlock{});
+  memory.bytes.resize(kMemoryBytes);
+  memory.next = 0;
   check.rewritten = 0;
 }
 
@@ -234,7 +256,10 @@ void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t
     const std::uint64_t at = position + std::uint64_t{k} * blockSize;
     const unsigned marks = MarksOfBlock(f, at / blockSize);
     if (marks & kHeld) {
-      if (platform::ReadAt(check.held[f].blocks, buffer + std::size_t{k} * blockSize, blockSize, at) != blockSize)
+      std::uint8_t* into = buffer + std::size_t{k} * blockSize;
+      if (const auto it = memory.slotOf.find(MemoryKey(f, at / blockSize)); it != memory.slotOf.end())
+        std::copy_n(memory.bytes.data() + it->second * blockSize, blockSize, into);
+      else if (platform::ReadAt(check.held[f].blocks, into, blockSize, at) != blockSize)
         TemporaryFileFailed();
     } else if (marks & kWrittenInTurn) {
       GoAstray(check.held[f].identity, at);  // the disk would hold what the run wrote there
@@ -244,9 +269,27 @@ void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t
 
 bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
   const std::size_t f = HeldFor(IdentityOfOpen(file));
-  for (std::uint32_t k = 0; k < size / blockSize; ++k)
-    if (Mark(f, position / blockSize + k, kHeld) == 0) ++check.rewritten;  // written out of order only
-  if (platform::WriteAt(check.held[f].blocks, buffer, size, position) != size) TemporaryFileFailed();
+  for (std::uint32_t k = 0; k < size / blockSize; ++k) {
+    const std::uint64_t block = position / blockSize + k;
+    if (Mark(f, block, kHeld) == 0) ++check.rewritten;  // written out of order only
+    std::size_t slot = 0;
+    if (const auto it = memory.slotOf.find(MemoryKey(f, block)); it != memory.slotOf.end()) {
+      slot = it->second;
+    } else {
+      slot = memory.next;
+      memory.next = (memory.next + 1) % memory.slots.size();
+      MemoryBlock& oldest = memory.slots[slot];
+      if (oldest.file != SIZE_MAX) {
+        if (platform::WriteAt(check.held[oldest.file].blocks, memory.bytes.data() + slot * blockSize, blockSize,
+                              oldest.block * blockSize) != blockSize)
+          TemporaryFileFailed();
+        memory.slotOf.erase(MemoryKey(oldest.file, oldest.block));
+      }
+      memory.slots[slot] = MemoryBlock{f, block};
+      memory.slotOf.emplace(MemoryKey(f, block), slot);
+    }
+    std::copy_n(buffer + std::size_t{k} * blockSize, blockSize, memory.bytes.data() + slot * blockSize);
+  }
   return true;
 }
 

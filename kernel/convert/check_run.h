@@ -5,14 +5,14 @@
 // for reading only and no lock is taken. It prints what byteturn would print, without its final
 // line, then a verdict of its own; status 0 when byteturn would complete, 1 otherwise.
 //
-// Held writes lie in temporary files laid out as the database files (a block at its own place,
-// sparse); two bits a block tell which are held and which were written in their turn, kept in
-// memory up to 2 MiB and in a temporary file beyond. So memory stays bounded whatever the
-// database size, and the disk space taken is that of the blocks rewritten out of order (big
-// strings). A block written in its turn is held only where a later read needs it: a read of a
-// block written in its turn and not held makes the pass go astray, and the run is done again from
-// its first block with that block held (without showing again what it showed); a third pass holds
-// every write.
+// Held writes stay in memory, the last 16 MiB of them, and older ones lie in temporary files laid
+// out as the database files (a block at its own place, sparse); two bits a block tell which are
+// held and which were written in their turn, kept in memory up to 2 MiB and in a temporary file
+// beyond. So memory stays bounded whatever the database size, and the disk space taken is at most
+// that of the blocks rewritten out of order (big strings). A block written in its turn is held
+// only where a later read needs it: a read of a block written in its turn and not held makes the
+// pass go astray, and the run is done again from its first block with that block held (without
+// showing again what it showed); a third pass holds every write.
 #pragma once
 
 #include <cstdint>
