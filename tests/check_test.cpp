@@ -24,10 +24,11 @@ struct Compared {
 
 // Generates params into three directories: "check" (byteturn-check runs there), "run" (byteturn
 // runs there) and "pristine" (kept for comparison); prepare may change the files of the first two
-// alike. The programs with the fault seam run when plan is given.
+// alike. The programs with the fault seam run when plan is given (the check's alone when only
+// checkEnvironment, its own "NAME=value" words, is).
 Compared CheckBesideRun(const Scratch& s, const gendb::Params& p, std::vector<std::string> args,
                         const std::string& answers, const std::function<void(const std::string&)>& prepare = {},
-                        const std::string& plan = "") {
+                        const std::string& plan = "", const std::string& checkEnvironment = "") {
   Compared c;
   for (const char* dir : {"check", "run", "pristine"}) {
     fs::create_directories(s.Path(dir));
@@ -40,8 +41,9 @@ Compared CheckBesideRun(const Scratch& s, const gendb::Params& p, std::vector<st
   c.pristine = gendb::DatabaseFiles(p, s.Path("pristine/ORVA.DAT"));
   args.push_back("ORVA.DAT");
   const std::string environment = plan.empty() ? "" : "BYTETURN_FAULTS='" + plan + "'";
-  c.check.result = RunByteturn(args, answers, s.Path("check"), plan.empty() ? UnderTest().checkExe : UnderTest().checkFaultsExe,
-                               environment);
+  const bool seam = !plan.empty() || !checkEnvironment.empty();
+  c.check.result = RunByteturn(args, answers, s.Path("check"), seam ? UnderTest().checkFaultsExe : UnderTest().checkExe,
+                               environment + " " + checkEnvironment);
   c.run.result = RunByteturn(args, answers, s.Path("run"), plan.empty() ? UnderTest().exe : UnderTest().faultsExe,
                              environment);
   return c;
@@ -149,40 +151,64 @@ TEST(Check, EveryKindOfDatabaseCompletesAsByteturnDoes) {
 
 // A node of a late block names, as a big vector block, an early block that was stored compressed:
 // byteturn reads it again after its turn, converted and written back plain, and tells its type
-// byte. The check must see the same bytes (it holds that block on a second pass).
+// byte. The check must see the same bytes (it holds that block on a second pass): in one file,
+// and in a volume set whose marks go through the temporary file (one slot of memory).
 TEST(Check, ABlockReadAgainAfterItsTurnIsSeenAsByteturnWroteIt) {
-  Scratch s;
   gendb::Params p = Rich();
   p.freeShare = 0;
   p.compressShare = 0.5;
   p.methods = {1, 2, 3};
-  std::uint32_t early = 0;
-  std::uint8_t earlyType = 0;
-  const auto prepare = [&](const std::string& dir) {
-    const std::string db = dir + "/ORVA.DAT";
-    const auto bytes = ReadBytes(db);
-    std::uint32_t late = 0;
-    for (std::uint32_t b = 20; b < 1500 && (early == 0 || late == 0); ++b) {
-      const std::uint8_t type = bytes[std::uint64_t{b - 1} * 8192 + 4];
-      if (early == 0 && (type & 0x80) && (type & 0x7F) != 24) early = b, earlyType = type & 0x7F;
-      if (b >= 1000 && late == 0 && type == 8) late = b;
-    }
-    ASSERT_NE(late, 0u);
-    ASSERT_NE(early, 0u);
-    std::vector<std::uint8_t> block(8192, 0);
-    block[3] = 16;  // offset: one node of 16 bytes
-    block[4] = 8;
-    block[28] = 0x80, block[31] = 16;  // a typed node of 16 bytes
-    block[32] = 14;                    // a big vector: one carried word, one block number
-    for (int i = 0; i < 4; ++i) block[37 + i] = static_cast<std::uint8_t>(early >> (24 - 8 * i));
-    WriteBytes(db, std::uint64_t{late - 1} * 8192, block);
-  };
-  const Compared c = CheckBesideRun(s, p, {"-t"}, "", prepare);
-  ExpectSameRunAndFilesKept(c, "byteturn would complete the conversion to ", 0);
-  EXPECT_NE(c.run.result.out.find("CvBigVec: Block " + std::to_string(early) + " does not have the expected big string block type (" +
-                                  std::to_string(earlyType) + ")."),
-            std::string::npos)
-      << c.run.result.out;
+  gendb::Params set = p;
+  set.lastBlock = 3000;
+  set.volumeSet.volumes = 2;
+  set.volumeSet.placement = {0, 0};
+  for (const auto& [params, environment] : {std::pair{p, ""}, std::pair{set, "BYTETURN_CHECK_SLOTS=1"}}) {
+    SCOPED_TRACE(environment);
+    Scratch s;
+    const std::uint32_t size = gendb::GeometryFor(params.sizeCode).blockSize;
+    std::uint32_t early = 0;
+    std::uint8_t earlyType = 0;
+    const auto prepare = [&](const std::string& dir) {
+      const auto files = gendb::DatabaseFiles(params, dir + "/ORVA.DAT");
+      const auto main = ReadBytes(files.front()), last = ReadBytes(files.back());
+      for (std::uint32_t b = 20; early == 0 && b * std::uint64_t{size} <= main.size(); ++b) {
+        const std::uint8_t type = main[std::uint64_t{b - 1} * size + 4];
+        if ((type & 0x80) && (type & 0x7F) != 24) early = b, earlyType = type & 0x7F;
+      }
+      std::uint64_t late = last.size() / size - 1;
+      while (late > 0 && last[late * size + 4] != 8) --late;
+      ASSERT_NE(early, 0u);
+      ASSERT_GT(late, 0u);
+      std::vector<std::uint8_t> block(size, 0);
+      block[3] = 16;  // offset: one node of 16 bytes
+      block[4] = 8;
+      block[28] = 0x80, block[31] = 16;  // a typed node of 16 bytes
+      block[32] = 14;                    // a big vector: one carried word, one block number
+      for (int i = 0; i < 4; ++i) block[37 + i] = static_cast<std::uint8_t>(early >> (24 - 8 * i));
+      WriteBytes(files.back(), late * size, block);
+    };
+    const Compared c = CheckBesideRun(s, params, {"-t"}, params.volumeSet.volumes != 0 ? "yes\n" : "", prepare, "", environment);
+    ExpectSameRunAndFilesKept(c, "byteturn would complete the conversion to ", 0);
+    EXPECT_NE(c.run.result.out.find("CvBigVec: Block " + std::to_string(early) +
+                                    " does not have the expected big string block type (" + std::to_string(earlyType) + ")."),
+              std::string::npos)
+        << c.run.result.out;
+  }
+}
+
+// With room in memory for one held block and one chunk of marks, what the check holds goes
+// through its temporary files, and nothing that can be seen changes: a volume set whose big
+// strings are reached across its files, and a block read again after its turn.
+TEST(Check, HeldWritesThroughTemporaryFiles) {
+  Scratch s;
+  gendb::Params set = Rich();
+  set.sizeCode = 1;
+  set.lastBlock = 3000;
+  set.compressShare = 0.3;
+  set.volumeSet.volumes = 3;
+  set.volumeSet.placement = {0, 0, 0};
+  const Compared c = CheckBesideRun(s, set, {}, "yes\n", MalformedNode(set), "", "BYTETURN_CHECK_SLOTS=1");
+  ExpectSameRunAndFilesKept(c, "byteturn would complete the conversion to little-endian", 0);
 }
 
 TEST(Check, EncryptedDatabasesAskAndComplete) {

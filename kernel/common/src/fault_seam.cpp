@@ -110,9 +110,14 @@ void BeforeCreate(const std::string& path) {
   }
 }
 
-std::uint32_t BatchBlocks() {
-  const char* text = std::getenv("BYTETURN_BATCH_BLOCKS");
+namespace {
+std::uint32_t Number(const char* name) {
+  const char* text = std::getenv(name);
   return text == nullptr ? 0 : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
 }
+}  // namespace
+
+std::uint32_t BatchBlocks() { return Number("BYTETURN_BATCH_BLOCKS"); }
+std::uint32_t CheckSlots() { return Number("BYTETURN_CHECK_SLOTS"); }
 
 }  // namespace platform::faults

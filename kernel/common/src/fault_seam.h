@@ -16,7 +16,9 @@
 //          hold its lock while another starts); appears (create only): a file of that name,
 //          holding "another run", is made just before the create, as by a run that took the
 //          lock between this run's look for it and its create
-// BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call.
+// BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call;
+// BYTETURN_CHECK_SLOTS the number of held blocks and of chunks of marks that byteturn-check keeps
+// in memory (so that a small database sends them to its temporary files).
 #pragma once
 
 #include <cstddef>
@@ -39,6 +41,8 @@ Fault BeforeSync(File file);
 void BeforeCreate(const std::string& path);
 // BYTETURN_BATCH_BLOCKS: blocks per batch of the conversion (0: the program's own choice).
 std::uint32_t BatchBlocks();
+// BYTETURN_CHECK_SLOTS (0: the program's own choice).
+std::uint32_t CheckSlots();
 #else
 inline Fault BeforeOpen(const std::string&, bool) { return Fault::kNone; }
 inline void NoteOpened(File, const std::string&) {}
@@ -47,6 +51,7 @@ inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_
 inline Fault BeforeSync(File) { return Fault::kNone; }
 inline void BeforeCreate(const std::string&) {}
 inline std::uint32_t BatchBlocks() { return 0; }
+inline std::uint32_t CheckSlots() { return 0; }
 #endif
 
 // Asks the plan about a transfer of size bytes at position: the fault to record, or kShort with

@@ -52,6 +52,9 @@ bool Sync(File file);
 void StartWriteBack(File file, std::uint64_t position, std::uint64_t size);
 // Blocks per batch that a test build asks the conversion to use; 0 in the program itself.
 std::uint32_t TestBatchBlocks();
+// Held blocks and chunks of marks that a test build asks byteturn-check to keep in memory; 0 in
+// the program itself.
+std::uint32_t TestCheckSlots();
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);

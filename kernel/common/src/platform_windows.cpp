@@ -129,6 +129,7 @@ bool Sync(File file) { return !Injected(faults::BeforeSync(file)) && FlushFileBu
 void StartWriteBack(File, std::uint64_t, std::uint64_t) {}
 
 std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
+std::uint32_t TestCheckSlots() { return faults::CheckSlots(); }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
