@@ -3,6 +3,7 @@
 // the status that tells whether byteturn completed, and leaves every file as it was.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 
@@ -239,6 +240,20 @@ TEST(Check, RunsThatStopAreToldWhereAndWhy) {
     Scratch s;
     const Compared c = CheckBesideRun(s, p, {"-t"}, "", {}, "read:ORVA.DAT:" + std::to_string(900 * 8192 + 5) + ":EIO");
     ExpectSameRunAndFilesKept(c, "byteturn would stop at block #901 (Error read block #901. " + OneLine(ErrorShown(io)) + "), with ", 1);
+  }
+  {
+    // byteturn never reads a free block: a bad place there stops neither it nor the check, which
+    // reads through free blocks.
+    SCOPED_TRACE("unreadable free block");
+    Scratch s;
+    gendb::Params sparse = p;
+    sparse.sparse = true;  // free blocks are holes: all zero
+    Generate(sparse, s.Path("probe.dat"));
+    const auto bytes = ReadBytes(s.Path("probe.dat"));
+    std::uint64_t free = 100 * 8192;
+    while (std::any_of(bytes.begin() + free, bytes.begin() + free + 8192, [](std::uint8_t x) { return x != 0; })) free += 8192;
+    const Compared c = CheckBesideRun(s, sparse, {"-t"}, "", {}, "read:ORVA.DAT:" + std::to_string(free + 5) + ":EIO");
+    ExpectSameRunAndFilesKept(c, "byteturn would complete the conversion to little-endian", 0);
   }
   {
     SCOPED_TRACE("a block cut short");

@@ -127,7 +127,7 @@ TEST(VolumeIo, OutOfOrderWriteThroughAnotherPathIsReadAgain) {
   }
   const std::vector<std::uint8_t> rewritten(4096, 0x22);
   ASSERT_EQ(platform::WriteAt(other, rewritten.data(), 4096, 39 * 4096), 4096);
-  bt::NoteOutOfOrderWrite(other, 39 * 4096);
+  bt::NoteOutOfOrderWrite(other, 39 * 4096, rewritten.data());
   for (std::uint32_t b = 21; b <= 40; ++b) {
     const bt::Bytes block = bt::FetchBlock(b);
     ASSERT_FALSE(block.empty());

@@ -64,7 +64,7 @@ int CvBigUni(std::uint32_t b, int unicode) {
   if (databaseEncrypted && !EncryptDataBlock(bigBuffer, bigBuffer, b)) Fail("Error encrypting big Unicode block\n");
   if (!WriteBlockAt(file, position, bigBuffer, blockSize))
     Fail("\r\nCvBigUni failed to write block #%u. %s", b, ErrorText());
-  NoteOutOfOrderWrite(file, position);
+  NoteOutOfOrderWrite(file, position, bigBuffer);
   return 1;
 }
 
@@ -132,7 +132,7 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
       Fail("Error encrypting big string vector block #%u\n", b);
     if (!WriteBlockAt(file, BlockPosition(b, first, blockSize), bigBuffer, blockSize))
       Fail("\r\nCvBigVec failed to write block #%u. %s", b, ErrorText());
-    NoteOutOfOrderWrite(file, BlockPosition(b, first, blockSize));
+    NoteOutOfOrderWrite(file, BlockPosition(b, first, blockSize), bigBuffer);
   }
   return 1;
 }

@@ -42,13 +42,14 @@ std::uint8_t* Slot(std::uint64_t b) { return batchBuffer + (b - batch.windowFirs
 std::uint64_t Position(std::uint64_t b) { return (b - batch.first) * blockSize; }
 
 // How many blocks from b one read may take: up to the batch size and the volume's end, stopping
-// before a free block and before a block whose free bit is not known yet (another map governs it).
-std::uint64_t ReadExtent(std::uint64_t b) {
+// before a block whose free bit is not known yet (another map governs it), and unless throughFree
+// before a free block.
+std::uint64_t ReadExtent(std::uint64_t b, bool throughFree) {
   std::uint64_t n = 1;
   for (; n < batch.slots && b + n <= batch.last; ++n) {
     const std::uint32_t c = static_cast<std::uint32_t>(b + n);
     if (c == volumeInfoBlockNumber || InMapArea(c)) continue;  // read whatever the map says
-    if (!IsCurrentMap(GoverningMap(c)) || IsFreeBlock(c)) break;
+    if (!IsCurrentMap(GoverningMap(c)) || (!throughFree && IsFreeBlock(c))) break;
   }
   return n;
 }
@@ -115,6 +116,14 @@ void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
     if (!WriteBlockAt(batch.writeFile, Position(b), Slot(b), blockSize)) FailAtBlock(b, false);
 }
 
+// Reads the n blocks from b into the slots with one call; false when n is 1 or the read fails.
+bool ReadRun(std::uint64_t b, std::uint64_t n) {
+  if (n <= 1 || !ReadBlockAt(batch.readFile, Position(b), batchBuffer, static_cast<std::uint32_t>(n * blockSize)))
+    return false;
+  batch.windowEnd = b + n;
+  return true;
+}
+
 }  // namespace
 
 void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File readFile, platform::File writeFile) {
@@ -133,11 +142,10 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
 Bytes FetchBlock(std::uint32_t b) {
   if (b >= batch.windowFirst && b < batch.windowEnd) return Bytes(Slot(b), blockSize);
   WritePendingBlocks();  // their slots are about to be filled again
-  const std::uint64_t n = ReadExtent(b);
   batch.windowFirst = batch.windowEnd = b;
-  if (n > 1 && ReadBlockAt(batch.readFile, Position(b), batchBuffer, static_cast<std::uint32_t>(n * blockSize))) {
-    batch.windowEnd = b + n;
-  } else {
+  // A check run, which writes nothing, reads through free blocks, in longer reads; where such a
+  // read fails, it reads as the conversion does.
+  if (!(checkRun && ReadRun(b, ReadExtent(b, true))) && !ReadRun(b, ReadExtent(b, false))) {
     // One block alone: either the run could not be read (then the failing block is found this
     // way, and the message names it), or there is no run.
     if (!ReadBlockAt(batch.readFile, Position(b), batchBuffer, blockSize)) return Bytes();
@@ -182,12 +190,16 @@ void EndVolumeBatch() {
   batch.readFile = platform::kInvalidFile;
 }
 
-void NoteOutOfOrderWrite(platform::File file, std::uint64_t position) {
+void NoteOutOfOrderWrite(platform::File file, std::uint64_t position, const std::uint8_t* written) {
   if (batch.readFile == platform::kInvalidFile) return;
   if (file != batch.writeFile && file != batch.readFile && !(IdentityOfVolumeFile(file) == batch.identity)) return;
   const std::uint64_t b = batch.first + position / blockSize;
   // The block whose turn it is keeps its slot: the block-at-a-time run writes it afterwards too.
-  if (b > batch.next && b < batch.windowEnd) batch.windowEnd = b;
+  if (b <= batch.next || b >= batch.windowEnd) return;
+  if (checkRun)
+    std::copy_n(written, blockSize, Slot(b));  // what a read would now find
+  else
+    batch.windowEnd = b;
 }
 
 }  // namespace bt

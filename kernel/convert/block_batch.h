@@ -37,8 +37,8 @@ void WritePendingBlocks();
 // Writes what is pending and shows every message held back: the volume's blocks are done.
 void EndVolumeBatch();
 // A block written out of order at position of file: the copy read ahead of the same bytes on disk,
-// if any, is stale. The file is compared by identity, not by block number: two volumes of a set
-// may be one file.
-void NoteOutOfOrderWrite(platform::File file, std::uint64_t position);
+// if any, is stale (it is read again; a check run takes the written bytes instead). The file is
+// compared by identity, not by block number: two volumes of a set may be one file.
+void NoteOutOfOrderWrite(platform::File file, std::uint64_t position, const std::uint8_t* written);
 
 }  // namespace bt
