@@ -341,14 +341,15 @@ TEST(Faults, LockThatAppearsBeforeItsCreateIsLeftAlone) {
 }
 
 // Of two runs started together exactly one converts; the other finds the lock. The one that
-// takes it waits three seconds at its first write, so that the other surely starts meanwhile.
+// takes it holds it open three seconds before writing it, so that the other surely looks for it
+// meanwhile, and must find it (on Windows a lock opened without sharing could not be read).
 TEST(Faults, TwoRunsStartedTogether) {
   Scratch s;
   const gendb::Params p = SparseDatabase(2000000, 0.999);
   Generate(p, s.Path("ORVA.DAT"));
   Generate(TwinOf(p), s.Path("twin.dat"));
   const std::string run = ShellCommand(UnderTest().faultsExe) + " -t '" + Shown(s.Path("ORVA.DAT")) + "'";
-  const std::string script = "cd '" + s.dir + "' && export BYTETURN_FAULTS='write:ORVA.DAT:0:slow' && { " + run +
+  const std::string script = "cd '" + s.dir + "' && export BYTETURN_FAULTS='create:orva.lck::slow' && { " + run +
                              " > a.out 2> a.err & " + run +
                              " > b.out 2> b.err; echo $? > b.status; wait $!; echo $? > a.status; }";
   ASSERT_EQ(std::system(script.c_str()), 0);

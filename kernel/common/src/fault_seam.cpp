@@ -117,6 +117,11 @@ std::uint32_t Number(const char* name) {
 }
 }  // namespace
 
+void AfterCreate(const std::string& path) {
+  for (const Entry& e : Plan())
+    if (e.slow && Matches(e, "create", path)) std::this_thread::sleep_for(std::chrono::seconds(3));
+}
+
 std::uint32_t BatchBlocks() { return Number("BYTETURN_BATCH_BLOCKS"); }
 std::uint32_t CheckSlots() { return Number("BYTETURN_CHECK_SLOTS"); }
 

@@ -13,7 +13,8 @@
 //   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded); short: the
 //          transfer moves the bytes before the position and stops, as at the end of a file;
 //          slow: the transfer waits three seconds, then goes through (a run that is sure to
-//          hold its lock while another starts); appears (create only): a file of that name,
+//          hold its lock while another starts; for create: the new file is held open three
+//          seconds before it is written and closed); appears (create only): a file of that name,
 //          holding "another run", is made just before the create, as by a run that took the
 //          lock between this run's look for it and its create
 // BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call;
@@ -39,6 +40,7 @@ void NoteClosed(File file);
 Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop);
 Fault BeforeSync(File file);
 void BeforeCreate(const std::string& path);
+void AfterCreate(const std::string& path);
 // BYTETURN_BATCH_BLOCKS: blocks per batch of the conversion (0: the program's own choice).
 std::uint32_t BatchBlocks();
 // BYTETURN_CHECK_SLOTS (0: the program's own choice).
@@ -50,6 +52,7 @@ inline void NoteClosed(File) {}
 inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_t*) { return Fault::kNone; }
 inline Fault BeforeSync(File) { return Fault::kNone; }
 inline void BeforeCreate(const std::string&) {}
+inline void AfterCreate(const std::string&) {}
 inline std::uint32_t BatchBlocks() { return 0; }
 inline std::uint32_t CheckSlots() { return 0; }
 #endif

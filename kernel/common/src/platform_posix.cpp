@@ -58,6 +58,7 @@ std::FILE* CreateNewTextFile(const std::string& path) {
   faults::BeforeCreate(path);
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) return nullptr;
+  faults::AfterCreate(path);
   std::FILE* file = ::fdopen(fd, "w");
   if (file == nullptr) ::close(fd);
   return file;

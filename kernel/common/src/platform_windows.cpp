@@ -54,8 +54,12 @@ File OpenReadOnly(const std::string& path) { return OpenExisting(path, GENERIC_R
 
 std::FILE* CreateNewTextFile(const std::string& path) {
   faults::BeforeCreate(path);
-  HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  // Shared as fopen shares it: another run that looks for the lock while this one is writing it
+  // finds it and is told "locked", instead of failing to open it.
+  HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
+                         FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return nullptr;
+  faults::AfterCreate(path);
   int fd = _open_osfhandle(reinterpret_cast<std::intptr_t>(h), _O_WRONLY | _O_TEXT);
   if (fd < 0) {
     CloseHandle(h);
