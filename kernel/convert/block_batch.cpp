@@ -132,7 +132,7 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
   batch.last = last;
   batch.readFile = readFile;
   batch.writeFile = writeFile;
-  batch.identity = platform::IdentityOf(readFile);
+  batch.identity = IdentityOfDatabaseFile(readFile);
   batch.slots = SlotCount();
   batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = first;
   HoldOutput(true);
@@ -192,7 +192,7 @@ void EndVolumeBatch() {
 
 void NoteOutOfOrderWrite(platform::File file, std::uint64_t position, const std::uint8_t* written) {
   if (batch.readFile == platform::kInvalidFile) return;
-  if (file != batch.writeFile && file != batch.readFile && !(IdentityOfVolumeFile(file) == batch.identity)) return;
+  if (file != batch.writeFile && file != batch.readFile && !(IdentityOfDatabaseFile(file) == batch.identity)) return;
   const std::uint64_t b = batch.first + position / blockSize;
   // The block whose turn it is keeps its slot: the block-at-a-time run writes it afterwards too.
   if (b <= batch.next || b >= batch.windowEnd) return;

@@ -61,7 +61,6 @@ std::uint64_t MemoryKey(std::size_t f, std::uint64_t block) { return block << 8 
 
 struct CheckState {
   std::vector<HeldFile> held;
-  std::vector<std::pair<platform::File, platform::FileIdentity>> open;  // the handles of database files
   std::set<std::pair<platform::FileIdentity, std::uint64_t>> needed;    // blocks written in turn that are read again
   bool holdAll = false;    // every write is held
   bool astray = false;     // this pass read a block written in its turn and not held
@@ -120,12 +119,6 @@ unsigned Mark(std::size_t f, std::uint64_t block, unsigned marks) {
     slot.dirty = true;
   }
   return had;
-}
-
-platform::FileIdentity IdentityOfOpen(platform::File file) {
-  for (const auto& [handle, identity] : check.open)
-    if (handle == file) return identity;
-  return platform::IdentityOf(file);
 }
 
 // The index of the held writes of a file, SIZE_MAX when there are none.
@@ -202,7 +195,6 @@ enum class Outcome { kNotStarted, kReport, kStopped, kCompleted, kCannotTell };
 
 int Verdict(Outcome outcome, const std::string& lockPath, const std::string& why = "") {
   std::string text;
-  char line[1024];
   const std::string failure = OneLine(LastFailure());
   switch (outcome) {
     case Outcome::kReport:
@@ -219,14 +211,11 @@ int Verdict(Outcome outcome, const std::string& lockPath, const std::string& why
       break;
     case Outcome::kCompleted: {
       const std::uint64_t left = runProgress.passedOver > check.rewritten ? runProgress.passedOver - check.rewritten : 0;
-      std::snprintf(line, sizeof line,
-                    "byteturn would complete the conversion to %s: %llu blocks converted (%llu of them big string "
-                    "blocks, through the nodes that name them), %llu left as they are. Nothing was written: a "
-                    "write or flush failure cannot be foreseen.",
-                    swapFlag ? "little-endian" : "big-endian",
-                    static_cast<unsigned long long>(runProgress.written + check.rewritten),
-                    static_cast<unsigned long long>(check.rewritten), static_cast<unsigned long long>(left));
-      text = line;
+      text = std::string("byteturn would complete the conversion to ") + (swapFlag ? "little-endian" : "big-endian") +
+             ": " + std::to_string(runProgress.written + check.rewritten) + " blocks converted (" +
+             std::to_string(check.rewritten) + " of them big string blocks, through the nodes that name them), " +
+             std::to_string(left) + " left as they are. Nothing was written: a write or flush failure cannot be "
+             "foreseen.";
       break;
     }
     case Outcome::kCannotTell:
@@ -242,19 +231,9 @@ int Verdict(Outcome outcome, const std::string& lockPath, const std::string& why
 
 }  // namespace
 
-void NoteDatabaseFileOpened(platform::File file) {
-  const platform::FileIdentity identity = platform::IdentityOf(file);
-  for (auto& entry : check.open) {
-    if (entry.first != file) continue;
-    entry.second = identity;
-    return;
-  }
-  check.open.emplace_back(file, identity);
-}
-
 void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (!runProgress.started || blockSize == 0) return;  // before the block loop nothing is written
-  const std::size_t f = FindHeld(IdentityOfOpen(file));
+  const std::size_t f = FindHeld(IdentityOfDatabaseFile(file));
   if (f == SIZE_MAX) return;  // nothing of this file was written
   for (std::uint32_t k = 0; k < size / blockSize; ++k) {
     const std::uint64_t at = position + std::uint64_t{k} * blockSize;
@@ -272,7 +251,7 @@ void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t
 }
 
 bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
-  const std::size_t f = HeldFor(IdentityOfOpen(file));
+  const std::size_t f = HeldFor(IdentityOfDatabaseFile(file));
   for (std::uint32_t k = 0; k < size / blockSize; ++k) {
     const std::uint64_t block = position / blockSize + k;
     if (Mark(f, block, kHeld) == 0) ++check.rewritten;  // written out of order only
@@ -298,7 +277,7 @@ bool HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* 
 }
 
 bool NoteWriteInTurn(platform::File file, std::uint64_t position) {
-  const platform::FileIdentity identity = IdentityOfOpen(file);
+  const platform::FileIdentity identity = IdentityOfDatabaseFile(file);
   Mark(HeldFor(identity), position / blockSize, kWrittenInTurn);
   return check.holdAll || (!check.needed.empty() && check.needed.count({identity, position}) != 0);
 }

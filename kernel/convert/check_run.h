@@ -24,7 +24,6 @@ namespace bt {
 int CheckMain(int argc, const char* const* argv);
 
 // The hooks of volume file access in a check run.
-void NoteDatabaseFileOpened(platform::File file);
 // Lays the writes held for the bytes read over them.
 void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
 // Holds a write of whole blocks at position of file.

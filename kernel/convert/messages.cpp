@@ -52,6 +52,13 @@ std::string Format(const char* format, va_list args) {
 
 std::string lastFailure;
 
+void WriteTo(std::FILE* stream, const std::string& text) {
+  if (stream == stdout)
+    Emit(text.data(), text.size());
+  else
+    std::fwrite(text.data(), 1, text.size(), stream);
+}
+
 void PrintHeld(std::uint64_t mark) {
   const std::size_t from = firstHeld;
   while (firstHeld < held.size() && held[firstHeld].mark <= mark) {
@@ -97,10 +104,7 @@ void PrintTo(std::FILE* stream, const char* format, ...) {
   va_start(args, format);
   const std::string text = Format(format, args);
   va_end(args);
-  if (stream == stdout)
-    Emit(text.data(), text.size());
-  else
-    std::fwrite(text.data(), 1, text.size(), stream);
+  WriteTo(stream, text);
 }
 
 void CountOutput(std::uint64_t alreadyShown) { pass = OutputPass{true, false, 0, alreadyShown}; }
@@ -125,7 +129,7 @@ void Fail(const char* format, ...) {
   va_start(args, format);
   lastFailure = Format(format, args);
   va_end(args);
-  Emit(lastFailure.data(), lastFailure.size());
+  WriteTo(stdout, lastFailure);
   EndRun(1);
 }
 
@@ -135,10 +139,7 @@ void FailTo(std::FILE* stream, const char* format, ...) {
   va_start(args, format);
   lastFailure = Format(format, args);
   va_end(args);
-  if (stream == stdout)
-    Emit(lastFailure.data(), lastFailure.size());
-  else
-    std::fwrite(lastFailure.data(), 1, lastFailure.size(), stream);
+  WriteTo(stream, lastFailure);
   EndRun(1);
 }
 

@@ -115,13 +115,14 @@ void CvVector(Bytes buffer, std::size_t start) {
 
   for (int i = 0; i < used; ++i) {
     const std::uint16_t entry = directory[i];
-    // Chunk c begins 128 * c - 64 bytes after the vector's start: chunk 0 begins before it.
-    const std::size_t chunkEnd = start + 128 * std::size_t{entry & 0x1FFFu} + 64;  // c + 128
+    // Chunk c begins 128 * c - 64 bytes after the vector's start (chunk 0 before it), its full
+    // elements 128 bytes later.
+    const std::size_t elements = start + 128 * std::size_t{entry & 0x1FFFu} + 64;
     const unsigned width = (entry >> 13) & 3;
     if (entry & 0x8000) {
-      if (chunkEnd >= 128) ConvertListChunk(buffer, chunkEnd - 128, type, width, asRead);
+      if (elements >= 128) ConvertListChunk(buffer, elements - 128, type, width, asRead);
     } else {
-      ConvertFullChunk(buffer, chunkEnd, type, width);
+      ConvertFullChunk(buffer, elements, type, width);
     }
   }
   if (tailPresent != 0) CvVectorTail(buffer, start + std::size_t{tailOffset}, asRead);

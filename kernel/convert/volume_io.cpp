@@ -1,6 +1,8 @@
 #include "volume_io.h"
 
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "block_batch.h"
 #include "check_run.h"
@@ -14,10 +16,11 @@ namespace {
 struct CacheSlot {
   int volume = -1;
   platform::File file = platform::kInvalidFile;
-  platform::FileIdentity identity;
 };
 CacheSlot handleCache[kHandleCacheSlots];
 int nextSlot = 0;
+// The identity of every database file handle, found at its open (a handle number may be reused).
+std::vector<std::pair<platform::File, platform::FileIdentity>> openIdentities;
 char errorText[320];
 }  // namespace
 
@@ -31,10 +34,22 @@ std::string VolumePath(std::uint32_t volume) {
 }
 
 platform::File OpenDatabaseFile(const std::string& path) {
-  if (!checkRun) return platform::OpenReadWrite(path);
-  const platform::File file = platform::OpenReadOnly(path);
-  if (file != platform::kInvalidFile) NoteDatabaseFileOpened(file);
+  const platform::File file = checkRun ? platform::OpenReadOnly(path) : platform::OpenReadWrite(path);
+  if (file == platform::kInvalidFile) return file;
+  const platform::FileIdentity identity = platform::IdentityOf(file);
+  for (auto& [handle, known] : openIdentities)
+    if (handle == file) {
+      known = identity;
+      return file;
+    }
+  openIdentities.emplace_back(file, identity);
   return file;
+}
+
+platform::FileIdentity IdentityOfDatabaseFile(platform::File file) {
+  for (const auto& [handle, identity] : openIdentities)
+    if (handle == file) return identity;
+  return platform::IdentityOf(file);
 }
 
 platform::File OpenVolumeFile(std::uint32_t volume) {
@@ -91,14 +106,7 @@ platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_
   if (file == platform::kInvalidFile) return file;
   target.volume = volume;
   target.file = file;
-  target.identity = platform::IdentityOf(file);
   return file;
-}
-
-platform::FileIdentity IdentityOfVolumeFile(platform::File file) {
-  for (const CacheSlot& slot : handleCache)
-    if (slot.file == file && file != platform::kInvalidFile) return slot.identity;
-  return platform::IdentityOf(file);
 }
 
 void EmptyHandleCache() {

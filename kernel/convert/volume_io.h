@@ -12,8 +12,11 @@ namespace bt {
 inline constexpr int kHandleCacheSlots = 10;
 
 std::string VolumePath(std::uint32_t volume);
-// Opens a database or volume file for reading and writing (only for reading in a check run).
+// Opens a database, volume or marker file for reading and writing (only for reading in a check
+// run), and notes the identity of the file behind the handle.
 platform::File OpenDatabaseFile(const std::string& path);
+// The identity of a file opened by OpenDatabaseFile (asked of the system for any other handle).
+platform::FileIdentity IdentityOfDatabaseFile(platform::File file);
 platform::File OpenVolumeFile(std::uint32_t volume);
 
 // Index of the volume holding block b, with its first and last block numbers.
@@ -21,8 +24,6 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
 // Cached handle of the volume holding block b (invalid when it cannot be opened).
 platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
 void EmptyHandleCache();
-// The identity of a file opened through the handle cache (found once, at its open).
-platform::FileIdentity IdentityOfVolumeFile(platform::File file);
 // Flushes every cached file to stable storage; ends the run on the first that fails.
 void SyncHandleCache();
 void CloseHandleCache();
