@@ -120,7 +120,7 @@ TEST(VolumeIo, OutOfOrderWriteThroughAnotherPathIsReadAgain) {
   const platform::File read = platform::OpenReadWrite(bt::databaseFileName);
   const platform::File write = platform::OpenReadWrite(bt::databaseFileName);
   const platform::File other = platform::OpenReadWrite(s.Path("link.dat"));
-  bt::BeginVolumeBatch(1, 64, read, write);
+  bt::BeginVolumeBatch(1, 64, 1, read, write);
   for (std::uint32_t b = 1; b <= 20; ++b) {
     ASSERT_FALSE(bt::FetchBlock(b).empty());
     bt::KeepBlock(b, false);

@@ -16,6 +16,8 @@ namespace bt {
 
 namespace {
 alignas(16) std::uint8_t bigBuffer[kMaxBlockSize];
+constexpr char kBigUniWriteFailed[] = "\r\nCvBigUni failed to write block #%u. %s";
+constexpr char kBigVecWriteFailed[] = "\r\nCvBigVec failed to write block #%u. %s";
 
 struct FreeDeleter {
   void operator()(void* p) const { std::free(p); }
@@ -62,8 +64,8 @@ int CvBigUni(std::uint32_t b, int unicode) {
   bigBuffer[header::kOrdermark] = swapFlag ? bigstring::kOrdermarkLittle : bigstring::kOrdermarkBig;
 
   if (databaseEncrypted && !EncryptDataBlock(bigBuffer, bigBuffer, b)) Fail("Error encrypting big Unicode block\n");
-  if (!WriteBlockAt(file, position, bigBuffer, blockSize))
-    Fail("\r\nCvBigUni failed to write block #%u. %s", b, ErrorText());
+  if (!WriteBlockAt(file, position, bigBuffer, blockSize, kBigUniWriteFailed, b))
+    Fail(kBigUniWriteFailed, b, ErrorText());
   NoteOutOfOrderWrite(file, position, bigBuffer);
   return 1;
 }
@@ -130,8 +132,8 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
     }
     if (databaseEncrypted && !EncryptDataBlock(bigBuffer, bigBuffer, b))
       Fail("Error encrypting big string vector block #%u\n", b);
-    if (!WriteBlockAt(file, BlockPosition(b, first, blockSize), bigBuffer, blockSize))
-      Fail("\r\nCvBigVec failed to write block #%u. %s", b, ErrorText());
+    if (!WriteBlockAt(file, BlockPosition(b, first, blockSize), bigBuffer, blockSize, kBigVecWriteFailed, b))
+      Fail(kBigVecWriteFailed, b, ErrorText());
     NoteOutOfOrderWrite(file, BlockPosition(b, first, blockSize), bigBuffer);
   }
   return 1;

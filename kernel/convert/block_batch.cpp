@@ -4,6 +4,7 @@
 
 #include "block_cipher.h"
 #include "check_run.h"
+#include "journal.h"
 #include "map_block.h"
 #include "messages.h"
 #include "state.h"
@@ -68,6 +69,7 @@ void StartWriteBackUpTo(std::uint64_t end) {
 // Ends the run at block b: what the blocks before it printed is shown, what later ones printed
 // is not, as when the blocks are written one at a time.
 [[noreturn]] void FailAtBlock(std::uint64_t b, bool encrypting) {
+  RunFailureHook();
   ReleaseHeldOutput(b);
   DiscardHeldOutput();
   if (encrypting) Fail("Error encrypting block\n");
@@ -107,8 +109,8 @@ void WriteRunOrFail(std::uint64_t from, std::uint64_t count) {
   if (checkRun) return HoldRunInTurn(from, count);
   EncryptRunOrFail(from, count);
   const auto size = static_cast<std::uint32_t>(count * blockSize);
-  if (WriteBlockAt(batch.writeFile, Position(from), Slot(from), size)) {
-    StartWriteBackUpTo(from + count);
+  if (WriteBlockAt(batch.writeFile, Position(from), Slot(from), size, nullptr, static_cast<std::uint32_t>(from))) {
+    if (!JournalHoldsWrites()) StartWriteBackUpTo(from + count);
     return;
   }
   // Which block failed: the run again, one block at a time (rewriting a block is harmless).
@@ -126,7 +128,10 @@ bool ReadRun(std::uint64_t b, std::uint64_t n) {
 
 }  // namespace
 
-void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File readFile, platform::File writeFile) {
+void FailWritingBlock(std::uint64_t b) { FailAtBlock(b, false); }
+
+void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, std::uint32_t from, platform::File readFile,
+                      platform::File writeFile) {
   batch = VolumeBatch{};
   batch.first = first;
   batch.last = last;
@@ -134,14 +139,15 @@ void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File re
   batch.writeFile = writeFile;
   batch.identity = IdentityOfDatabaseFile(readFile);
   batch.slots = SlotCount();
-  batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = first;
+  batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = batch.writeBackFrom = from;
   HoldOutput(true);
-  SetOutputMark(first);
+  SetOutputMark(from);
 }
 
 Bytes FetchBlock(std::uint32_t b) {
   if (b >= batch.windowFirst && b < batch.windowEnd) return Bytes(Slot(b), blockSize);
   WritePendingBlocks();  // their slots are about to be filled again
+  if (JournalGroupWaits()) CommitJournalGroup(b, b);
   batch.windowFirst = batch.windowEnd = b;
   // A check run, which writes nothing, reads through free blocks, in longer reads; where such a
   // read fails, it reads as the conversion does.
@@ -186,6 +192,7 @@ void WritePendingBlocks() {
 
 void EndVolumeBatch() {
   WritePendingBlocks();
+  CommitJournalGroup(batch.last + 1, UINT64_MAX);
   HoldOutput(false);
   batch.readFile = platform::kInvalidFile;
 }

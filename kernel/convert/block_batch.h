@@ -23,7 +23,9 @@ namespace bt {
 
 // Starts the volume whose blocks first..last are read through readFile and written through
 // writeFile; its messages are held back from here on.
-void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, platform::File readFile, platform::File writeFile);
+// The run may begin at a later block from (a recovered run).
+void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, std::uint32_t from, platform::File readFile,
+                      platform::File writeFile);
 // Block b (the next one in order) as it is on disk, read ahead with the blocks that follow it
 // when it is not there already; an empty span when it cannot be read (the system error is
 // recorded, and every converted block before b is on disk).
@@ -34,6 +36,8 @@ void KeepBlock(std::uint32_t b, bool write);
 // Writes every converted block before the next one to the disk, in order; ends the run on a
 // write failure, naming the block.
 void WritePendingBlocks();
+// Ends the run at a write of block b that failed (the journal writes in-turn blocks late).
+[[noreturn]] void FailWritingBlock(std::uint64_t b);
 // Writes what is pending and shows every message held back: the volume's blocks are done.
 void EndVolumeBatch();
 // A block written out of order at position of file: the copy read ahead of the same bytes on disk,

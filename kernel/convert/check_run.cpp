@@ -296,7 +296,7 @@ int CheckMain(int argc, const char* const* argv) {
     BeginPass(alreadyShown);
     int status = 0;
     try {
-      ConvertVolumes(commandLine.verbose);
+      ConvertVolumes(commandLine.verbose, 1);
     } catch (const RunEnded& end) {
       status = end.status;
     } catch (const CannotTell& failure) {

@@ -8,6 +8,7 @@
 #include "block_header.h"
 #include "command_line.h"
 #include "compression.h"
+#include "journal.h"
 #include "label_block.h"
 #include "lock_file.h"
 #include "map_block.h"
@@ -36,6 +37,7 @@ void ReadLabelCopy(std::uint8_t* labelCopy) {
   platform::File file = OpenDatabaseFile(databaseFileName);
   if (file == platform::kInvalidFile)
     Fail("Error opening database file %s for reading. %s\r\n", databaseFileName.c_str(), ErrorText());
+  NoteVolumeIdentity(0, file);
   if (!ReadBlockAt(file, 0, labelCopy, kLabelCopySize))
     Fail("\r\nerror reading map block of database file. %s\r\n", ErrorText());
   platform::Close(file);
@@ -130,7 +132,7 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
   if (writeFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(index), ErrorText());
 
-  BeginVolumeBatch(v.first, v.last, readFile, writeFile);
+  BeginVolumeBatch(v.first, v.last, b, readFile, writeFile);
   std::uint64_t handled = 0;
   for (; b <= v.last; ++b, ++handled) {
     runProgress.turn = b;
@@ -138,6 +140,10 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
     PrintProgress(b, verbose);
     KeepBlock(b, step == Step::kWrite);
     ++(step == Step::kWrite ? runProgress.written : runProgress.passedOver);
+    if (JournalGroupFull()) {
+      WritePendingBlocks();
+      CommitJournalGroup(b + 1, std::uint64_t{b} + 1);
+    }
     if (b == UINT32_MAX) break;
   }
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
@@ -149,15 +155,16 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
 
 }  // namespace
 
+std::string BinDirectoryOfThisProgram() { return BinDirectoryOf(platform::ExecutablePath(kBinDirectoryLimit)); }
+
 std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLine) {
   platform::PrepareConsole();
   if (!ParseCommandLine(argc, argv, commandLine)) PrintUsageAndEnd();
   databaseFileName = commandLine.fileName;
-  binDirectory = BinDirectoryOf(platform::ExecutablePath(kBinDirectoryLimit));
+  binDirectory = BinDirectoryOfThisProgram();
 
-  static std::uint8_t labelCopy[kLabelCopySize];
-  ReadLabelCopy(labelCopy);
-  CheckLabel(labelCopy, commandLine);
+  ReadLabelCopy(labelCopyAtStart);
+  CheckLabel(labelCopyAtStart, commandLine);
   if (furtherVolumeCount > kMaxVolumes)
     Fail("\r\nThis database names %u further volumes; at most %u are supported.\r\n", furtherVolumeCount,
          kMaxVolumes);
@@ -167,14 +174,32 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
   ResetMaps();
   const std::string lockPath = LockPathFor(databaseFileName);
   if (!lockPath.empty()) TakeLock(lockPath, databaseFileName);
+  // A run interrupted before: only byteturn-recover may go on with it.
+  const std::string journal = ExistingJournal(databaseFileName);
+  if (!journal.empty()) {
+    ReleaseLock(lockPath);
+    FailTo(stderr, "%s", RecoverLine(journal, databaseFileName).c_str());
+  }
   return lockPath;
 }
 
-void ConvertVolumes(bool verbose) {
-  runProgress = RunProgress{true, 1, 0, 0};
-  std::uint32_t b = 1;
-  for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) ConvertVolume(volume, b, verbose);
+void ConvertVolumes(bool verbose, std::uint32_t from) {
+  runProgress = RunProgress{true, from, 0, 0};
+  std::uint32_t b = from;
+  for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) {
+    const std::uint32_t last = volume == furtherVolumeCount ? lastBlock : volumeFirstBlock[volume + 1] - 1;
+    if (from > 1 && last < from) continue;  // converted before the run was interrupted
+    ConvertVolume(volume, b, verbose);
+  }
   SyncHandleCache();
+  EndJournal();
+}
+
+void FinishRun(const std::string& lockPath) {
+  Print("\r\nDone converting to %s", swapFlag ? "little-endian\r\n" : "big-endian\r\n");
+  CloseHandleCache();
+  ReleaseLock(lockPath);
+  EndRun(0);
 }
 
 int ByteturnMain(int argc, const char* const* argv) {
@@ -182,12 +207,9 @@ int ByteturnMain(int argc, const char* const* argv) {
   const std::string lockPath = PrepareRun(argc, argv, commandLine);
   // Nothing is read from the operator any more; losing the console must not stop a half-done run.
   platform::KeepRunningWithoutConsole();
-  ConvertVolumes(commandLine.verbose);
-
-  Print("\r\nDone converting to %s", swapFlag ? "little-endian\r\n" : "big-endian\r\n");
-  CloseHandleCache();
-  ReleaseLock(lockPath);
-  EndRun(0);
+  BeginJournal(commandLine.verbose);
+  ConvertVolumes(commandLine.verbose, 1);
+  FinishRun(lockPath);
 }
 
 }  // namespace bt

@@ -10,10 +10,15 @@ namespace bt {
 int ByteturnMain(int argc, const char* const* argv);
 
 // The run's steps, for the companion commands that share them. PrepareRun: the command line, the
-// label check and report, the volume set, the lock (its path is returned, "" for none); nothing is
-// written. ConvertVolumes: every block of every volume in its turn, then the files rewritten out
-// of order flushed.
+// label check and report, the volume set, the lock (its path is returned, "" for none), and the
+// refusal of a database that an interrupted run left with a journal; nothing is written.
+// ConvertVolumes: every block of every volume in its turn from block from, then the files
+// rewritten out of order flushed and the journal, if any, removed. FinishRun: the final line, the
+// lock released, status 0.
 std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLine);
-void ConvertVolumes(bool verbose);
+// Where the compression libraries are looked for: the directory of the running program.
+std::string BinDirectoryOfThisProgram();
+void ConvertVolumes(bool verbose, std::uint32_t from);
+[[noreturn]] void FinishRun(const std::string& lockPath);
 
 }  // namespace bt

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "journal.h"
 #include "messages.h"
 #include "platform.h"
 #include "state.h"
@@ -25,7 +26,9 @@ namespace {
 void RefuseWhenLocked(const std::string& lockPath, const std::string& fileName) {
   if (std::FILE* existing = std::fopen(lockPath.c_str(), "r")) {
     std::fclose(existing);
-    FailTo(stderr, "%s is locked by Veltrano ORVA.\n", fileName.c_str());
+    const std::string journal = ExistingJournal(fileName);
+    FailTo(stderr, "%s is locked by Veltrano ORVA.\n%s", fileName.c_str(),
+           journal.empty() ? "" : RecoverLine(journal, fileName).c_str());
   }
 }
 }  // namespace

@@ -84,22 +84,26 @@ void ConvertMapBlock(Bytes block, std::uint32_t b) {
   if (listed && swapFlag == 1) AppendToMapList(b, block.data());
 }
 
-void ReadCurMap(std::uint32_t m, int swap) {
+
+namespace {
+// Reads map block m as it is on disk, decrypted, decompressed, reversed when swap is 1.
+void ReadMapInto(std::uint8_t* destination, std::uint32_t m, int swap) {
   if (m > lastBlock) Fail("\r\nReadCurMap block points to block (%u) that is not in the fileset.", m);
   std::uint32_t first = 0, last = 0;
   platform::File file = VolumeOfBlock(m, &first, &last);
   if (file == platform::kInvalidFile)
     Fail("\r\nReadCurMap: failed to open database volume containing block #%u. %s", m, ErrorText());
-  if (!ReadBlockAt(file, BlockPosition(m, first, blockSize), currentMap, blockSize))
+  if (!ReadBlockAt(file, BlockPosition(m, first, blockSize), destination, blockSize))
     Fail("\r\nReadCurMap failed to read block #%u. %s", m, ErrorText());
-  if (databaseEncrypted && !DecryptDataBlock(currentMap, currentMap, m))
+  if (databaseEncrypted && !DecryptDataBlock(destination, destination, m))
     Fail("Error decrypting big ReadCurMap block\n");
-  if ((currentMap[4] & 0x80) && DecompressBlock(currentMap) == 0)
+  if ((destination[4] & 0x80) && DecompressBlock(destination) == 0)
     Fail("\r\nError uncompressing ReadCurMap block #%u\r\n", m);
-  if (currentMap[map::kMapMark] != map::kMapMarkValue)
-    Fail("\r\nReadCurMap read a bad map block, block #%u. type = %c.", m, currentMap[map::kMapMark]);
-  if (swap == 1) ReverseMapFields(Bytes(currentMap, blockSize));
+  if (destination[map::kMapMark] != map::kMapMarkValue)
+    Fail("\r\nReadCurMap read a bad map block, block #%u. type = %c.", m, destination[map::kMapMark]);
+  if (swap == 1) ReverseMapFields(Bytes(destination, blockSize));
 }
+}  // namespace
 
 void FetchGoverningMap(std::uint32_t b, std::uint32_t m) {
   if (m == currentMapNumber) return;
@@ -115,6 +119,26 @@ void FetchGoverningMap(std::uint32_t b, std::uint32_t m) {
     std::free(entry);
   }
   currentMapNumber = m;
+}
+
+void ReadCurMap(std::uint32_t m, int swap) { ReadMapInto(currentMap, m, swap); }
+
+MapState SaveMapState() {
+  MapState state{currentMapNumber, {}};
+  for (const MapListEntry* e = listHead; e != nullptr; e = e->next) state.listed.push_back(e->blockNumber);
+  return state;
+}
+
+void RestoreMapState(const MapState& state, std::uint32_t resumeBlock) {
+  ResetMaps();
+  const auto order = [&](std::uint32_t m) { return m < resumeBlock ? 1 - swapFlag : swapFlag; };
+  alignas(16) static std::uint8_t map[kMaxBlockSize];
+  for (std::uint32_t m : state.listed) {
+    ReadMapInto(map, m, order(m));
+    AppendToMapList(m, map);
+  }
+  if (state.current != 0) ReadCurMap(state.current, order(state.current));
+  currentMapNumber = state.current;
 }
 
 bool IsCurrentMap(std::uint32_t m) { return m == currentMapNumber; }

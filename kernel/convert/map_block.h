@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "byteorder.h"
 
@@ -36,5 +37,15 @@ bool IsCurrentMap(std::uint32_t m);
 bool IsFreeBlock(std::uint32_t b);
 
 void ResetMaps();
+
+// The maps a run knows at a point between two blocks: the current map and the maps listed. A run
+// resumed at a block takes them again from the disk as it then is: a map before that block is
+// converted there, a later one is not.
+struct MapState {
+  std::uint32_t current = 0;
+  std::vector<std::uint32_t> listed;
+};
+MapState SaveMapState();
+void RestoreMapState(const MapState& state, std::uint32_t resumeBlock);
 
 }  // namespace bt

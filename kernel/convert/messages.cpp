@@ -11,13 +11,16 @@ namespace bt {
 
 namespace {
 struct HeldMessage {
-  std::uint64_t mark;
+  std::uint64_t mark, number;
   std::string text;
 };
 bool holding = false;
 std::uint64_t currentMark = 0;
 std::vector<HeldMessage> held;
 std::size_t firstHeld = 0;  // those before it are printed
+std::uint64_t messagesMade = 0;
+std::uint64_t cap = UINT64_MAX;  // held messages from this number on wait, whatever their mark
+void (*failureHook)() = nullptr;
 
 // A run done again (byteturn-check) counts the bytes of standard output it makes, shows none of
 // the first skip of them (shown by the pass before) and, once muted, none at all.
@@ -61,7 +64,7 @@ void WriteTo(std::FILE* stream, const std::string& text) {
 
 void PrintHeld(std::uint64_t mark) {
   const std::size_t from = firstHeld;
-  while (firstHeld < held.size() && held[firstHeld].mark <= mark) {
+  while (firstHeld < held.size() && held[firstHeld].mark <= mark && held[firstHeld].number < cap) {
     Emit(held[firstHeld].text.data(), held[firstHeld].text.size());
     ++firstHeld;
   }
@@ -81,7 +84,7 @@ void Print(const char* format, ...) {
   va_end(args);
   if (text.empty()) return;
   if (holding)
-    held.push_back({currentMark, std::move(text)});
+    held.push_back({currentMark, messagesMade++, std::move(text)});
   else
     Emit(text.data(), text.size());
 }
@@ -93,6 +96,25 @@ void HoldOutput(bool hold) {
 
 void SetOutputMark(std::uint64_t mark) { currentMark = mark; }
 void ReleaseHeldOutput(std::uint64_t mark) { PrintHeld(mark); }
+
+void CapHeldOutput(std::uint64_t number) { cap = number; }
+
+std::uint64_t FirstHeldAfter(std::uint64_t mark) {
+  for (std::size_t i = firstHeld; i < held.size(); ++i)
+    if (held[i].mark > mark) return held[i].number;
+  return messagesMade;
+}
+
+std::uint64_t MessagesMade() { return messagesMade; }
+bool HeldOutputWaits() { return firstHeld < held.size(); }
+
+void SetFailureHook(void (*hook)()) { failureHook = hook; }
+
+void RunFailureHook() {
+  void (*hook)() = failureHook;
+  failureHook = nullptr;  // a failure inside it ends the run without it
+  if (hook != nullptr) hook();
+}
 
 void DiscardHeldOutput() {
   held.clear();
@@ -124,6 +146,7 @@ void EndRun(int status) {
 }
 
 void Fail(const char* format, ...) {
+  RunFailureHook();
   HoldOutput(false);
   va_list args;
   va_start(args, format);
@@ -134,6 +157,7 @@ void Fail(const char* format, ...) {
 }
 
 void FailTo(std::FILE* stream, const char* format, ...) {
+  RunFailureHook();
   HoldOutput(false);
   va_list args;
   va_start(args, format);

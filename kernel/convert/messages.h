@@ -34,6 +34,17 @@ void SetOutputMark(std::uint64_t mark);
 // Prints the kept messages marked up to mark, in order; DiscardHeldOutput forgets the rest.
 void ReleaseHeldOutput(std::uint64_t mark);
 void DiscardHeldOutput();
+// Held messages are numbered as they are made. A journaled run holds its writes for a while: the
+// messages made after the first of them wait (CapHeldOutput(number)) until they are written
+// (CapHeldOutput(UINT64_MAX)). FirstHeldAfter: the number of the first held message marked after
+// mark (MessagesMade() when there is none).
+void CapHeldOutput(std::uint64_t number);
+std::uint64_t FirstHeldAfter(std::uint64_t mark);
+std::uint64_t MessagesMade();
+bool HeldOutputWaits();
+// Called once at the start of the first failure: a journaled run writes what it holds first.
+void SetFailureHook(void (*hook)());
+void RunFailureHook();
 
 // A run that is done again from its first block (byteturn-check) counts the bytes of standard
 // output it makes from here on and shows none of the first alreadyShown of them; MuteOutput

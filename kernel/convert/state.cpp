@@ -23,6 +23,7 @@ crypto::AesKeySchedule encryptionKeySchedule{};
 crypto::AesKeySchedule decryptionKeySchedule{};
 bool databaseKeyLoaded = false;
 
+std::uint8_t labelCopyAtStart[kLabelCopySize];
 std::string databaseFileName;
 std::string binDirectory;
 

@@ -50,6 +50,9 @@ struct RunProgress {
 };
 extern RunProgress runProgress;
 
+// The first bytes of the main file as the run found them (the label block).
+extern std::uint8_t labelCopyAtStart[kLabelCopySize];
+
 extern std::string databaseFileName;
 extern std::string binDirectory;
 

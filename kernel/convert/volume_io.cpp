@@ -6,6 +6,7 @@
 
 #include "block_batch.h"
 #include "check_run.h"
+#include "journal.h"
 #include "messages.h"
 #include "state.h"
 #include "volume_set.h"
@@ -52,10 +53,24 @@ platform::FileIdentity IdentityOfDatabaseFile(platform::File file) {
   return platform::IdentityOf(file);
 }
 
+namespace {
+platform::FileIdentity volumeIdentities[kMaxVolumes + 1];
+}
+
+void NoteVolumeIdentity(std::uint32_t volume, platform::File file) {
+  if (volume <= kMaxVolumes) volumeIdentities[volume] = IdentityOfDatabaseFile(file);
+}
+
+platform::FileIdentity VolumeIdentity(std::uint32_t volume) {
+  return volume <= kMaxVolumes ? volumeIdentities[volume] : platform::FileIdentity{};
+}
+
 platform::File OpenVolumeFile(std::uint32_t volume) {
   std::string path = VolumePath(volume);
   if (path.empty()) return platform::kInvalidFile;
-  return OpenDatabaseFile(path);
+  const platform::File file = OpenDatabaseFile(path);
+  if (file != platform::kInvalidFile) NoteVolumeOfFile(file, volume);
+  return file;
 }
 
 std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
@@ -144,17 +159,31 @@ bool Moved(std::int64_t n, std::uint32_t size, bool writing) {
 }
 }  // namespace
 
-bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+bool ReadThrough(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   platform::ClearLastError();
-  if (!Moved(platform::ReadAt(file, buffer, size, position), size, false)) return false;
+  return Moved(platform::ReadAt(file, buffer, size, position), size, false);
+}
+
+bool WriteThrough(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
+  platform::ClearLastError();
+  return Moved(platform::WriteAt(file, buffer, size, position), size, true);
+}
+
+bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  if (!ReadThrough(file, position, buffer, size)) return false;
   if (checkRun) SeeWritesOfTheRun(file, position, buffer, size);
+  if (JournalHoldsWrites()) SeeJournaledWrites(file, position, buffer, size);
   return true;
 }
 
-bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
+bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
+                  const char* failure, std::uint32_t block) {
   if (checkRun) return HoldWrite(file, position, buffer, size);
-  platform::ClearLastError();
-  return Moved(platform::WriteAt(file, buffer, size, position), size, true);
+  if (JournalHoldsWrites()) {
+    HoldJournaledWrite(file, position, buffer, size, failure, block);
+    return true;
+  }
+  return WriteThrough(file, position, buffer, size);
 }
 
 const char* ErrorText() {

@@ -18,6 +18,9 @@ platform::File OpenDatabaseFile(const std::string& path);
 // The identity of a file opened by OpenDatabaseFile (asked of the system for any other handle).
 platform::FileIdentity IdentityOfDatabaseFile(platform::File file);
 platform::File OpenVolumeFile(std::uint32_t volume);
+// The identity of volume's file as its check before the run found it (the main file is volume 0).
+void NoteVolumeIdentity(std::uint32_t volume, platform::File file);
+platform::FileIdentity VolumeIdentity(std::uint32_t volume);
 
 // Index of the volume holding block b, with its first and last block numbers.
 std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
@@ -39,7 +42,13 @@ inline std::uint64_t BlockPosition(std::uint32_t b, std::uint32_t first, std::ui
 // Reads or writes exactly size bytes at position; false on failure or a short transfer. In a check
 // run a write is held instead (check_run.h), and a read sees what the run has written.
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
-bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size);
+// A journaled run holds the write (journal.h); failure is then the run's message for it, with
+// the block number, when it fails later (none: blocks written in their turn, block the first).
+bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
+                  const char* failure = nullptr, std::uint32_t block = 0);
+// The same, on the disk at once, whatever the run: the journal's own transfers.
+bool ReadThrough(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
+bool WriteThrough(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size);
 
 // "Error %d=(%s)" for the last system error; take it right after the failing call.
 const char* ErrorText();

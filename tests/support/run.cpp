@@ -147,6 +147,8 @@ const Target& UnderTest() {
     const fs::path program = t.exe, faultsProgram = t.faultsExe;
     t.checkExe = (program.parent_path() / ("byteturn-check" + program.extension().string())).string();
     t.checkFaultsExe = (faultsProgram.parent_path() / ("byteturn-check-faults" + program.extension().string())).string();
+    t.recoverExe = (program.parent_path() / ("byteturn-recover" + program.extension().string())).string();
+    t.recoverFaultsExe = (faultsProgram.parent_path() / ("byteturn-recover-faults" + program.extension().string())).string();
     t.stubDir = stubs != nullptr ? stubs : STUB_DIR;
     return t;
   }();
@@ -248,6 +250,7 @@ gendb::Params SparseDatabase(std::uint32_t lastBlock, double freeShare) {
 }
 
 std::string GenerateFor(const gendb::Params& params, const std::string& path, gendb::Stats* stats) {
+  std::filesystem::remove(path + ".journal");  // a database made afresh has no interrupted run
   std::string error = gendb::GenerateDatabase(params, path, stats);
   if (error.empty()) ShowMarkers(params, path);
   return error;

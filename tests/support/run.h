@@ -17,6 +17,7 @@ struct Target {
   std::string exe;
   std::string faultsExe;  // the same program with the fault seam (see fault_seam.h)
   std::string checkExe, checkFaultsExe;  // byteturn-check beside it, and its build with the seam
+  std::string recoverExe, recoverFaultsExe;  // byteturn-recover, likewise
   std::string runner;    // "" or the command that runs exe
   bool windows = false;  // Windows paths, error codes and library names
   std::string stubDir;   // where the compression library stand-ins of that platform are

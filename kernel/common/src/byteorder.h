@@ -33,6 +33,14 @@ inline void StoreLE32(std::uint8_t* p, std::uint32_t v) {
   p[2] = static_cast<std::uint8_t>(v >> 16);
   p[3] = static_cast<std::uint8_t>(v >> 24);
 }
+inline void StoreLE16(std::uint8_t* p, std::uint16_t v) {
+  p[0] = static_cast<std::uint8_t>(v);
+  p[1] = static_cast<std::uint8_t>(v >> 8);
+}
+inline void StoreLE64(std::uint8_t* p, std::uint64_t v) {
+  StoreLE32(p, static_cast<std::uint32_t>(v));
+  StoreLE32(p + 4, static_cast<std::uint32_t>(v >> 32));
+}
 inline void StoreBE32(std::uint8_t* p, std::uint32_t v) {
   p[3] = static_cast<std::uint8_t>(v);
   p[2] = static_cast<std::uint8_t>(v >> 8);

@@ -1,9 +1,11 @@
 #include "fault_seam.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -98,7 +100,154 @@ Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_
   return Fault::kNone;
 }
 
-Fault BeforeSync(File file) { return CountedFault("sync", PathOf(file)); }
+// The simulated power cut.
+namespace {
+struct PendingWrite {
+  std::string path;
+  std::uint64_t position = 0;
+  std::size_t size = 0;
+  std::vector<unsigned char> old;  // the bytes there before it (fewer past the old end of the file)
+};
+enum class NameChange { kCreated, kRenamed, kRemoved };
+struct PendingName {
+  NameChange change;
+  std::string from, to;
+};
+constexpr char kHeldSuffix[] = ".removal-held";
+
+struct PowerCut {
+  std::uint64_t at = 0, seed = 0, operations = 0;
+  bool cutting = false;
+  std::vector<PendingWrite> writes;
+  std::vector<PendingName> names;
+};
+
+PowerCut& Cut() {
+  static PowerCut cut = [] {
+    PowerCut c;
+    if (const char* text = std::getenv("BYTETURN_POWERCUT")) {
+      const std::vector<std::string> f = Split(text, ':');
+      c.at = std::strtoull(f[0].c_str(), nullptr, 10);
+      if (f.size() > 1) c.seed = std::strtoull(f[1].c_str(), nullptr, 10);
+    }
+    return c;
+  }();
+  return cut;
+}
+
+bool Recording() { return Cut().at != 0 && !Cut().cutting; }
+
+void Overwrite(File file, std::uint64_t from, const unsigned char* bytes, std::size_t size) {
+  if (size != 0) platform::WriteAt(file, bytes, size, from);
+}
+
+// Puts back what the write replaced over [from, to), zeros where the file had nothing.
+void Revert(File file, const PendingWrite& w, std::uint64_t from, std::uint64_t to) {
+  std::vector<unsigned char> bytes(static_cast<std::size_t>(to - from), 0);
+  for (std::uint64_t p = from; p < to; ++p)
+    if (p - w.position < w.old.size()) bytes[static_cast<std::size_t>(p - from)] = w.old[static_cast<std::size_t>(p - w.position)];
+  Overwrite(file, from, bytes.data(), bytes.size());
+}
+
+[[noreturn]] void CutPower() {
+  PowerCut& cut = Cut();
+  cut.cutting = true;
+  std::mt19937_64 random(cut.seed * 1000003u + cut.at);
+  for (auto w = cut.writes.rbegin(); w != cut.writes.rend(); ++w) {
+    const auto fate = random() % 3;  // 0 kept, 1 lost, 2 torn
+    if (fate == 0) continue;
+    const File file = platform::OpenReadWrite(w->path);
+    if (file == kInvalidFile) continue;
+    const std::uint64_t end = w->position + w->size;
+    for (std::uint64_t s = w->position; s < end;) {
+      const std::uint64_t next = std::min<std::uint64_t>(end, (s / 512 + 1) * 512);
+      if (fate == 1 || (random() & 1) != 0) Revert(file, *w, s, next);
+      s = next;
+    }
+    platform::Close(file);
+  }
+  for (auto n = cut.names.rbegin(); n != cut.names.rend(); ++n) {
+    const bool undone = (random() & 1) != 0;
+    if (n->change == NameChange::kCreated && undone) platform::RemoveFile(n->from);
+    if (n->change == NameChange::kRenamed && undone) platform::RenameFile(n->to, n->from);
+    if (n->change == NameChange::kRemoved) {
+      if (undone)
+        platform::RenameFile(n->from + kHeldSuffix, n->from);
+      else
+        platform::RemoveFile(n->from + kHeldSuffix);
+    }
+  }
+  std::fputs("power cut\n", stderr);
+  std::fflush(stderr);
+  std::_Exit(99);
+}
+
+// Counts an operation; true when the power goes at it.
+bool CutsHere() { return Recording() && ++Cut().operations == Cut().at; }
+
+void ForgetHeldRemovals() {
+  PowerCut& cut = Cut();
+  cut.cutting = true;
+  for (const PendingName& n : cut.names)
+    if (n.change == NameChange::kRemoved) platform::RemoveFile(n.from + kHeldSuffix);
+  cut.cutting = false;
+}
+}  // namespace
+
+Fault BeforeSync(File file) {
+  if (CutsHere()) CutPower();
+  if (Recording()) {
+    const std::string path = PathOf(file);
+    std::erase_if(Cut().writes, [&](const PendingWrite& w) { return w.path == path; });
+  }
+  return CountedFault("sync", PathOf(file));
+}
+
+void NoteCreated(File file, const std::string& path) {
+  if (file != kInvalidFile) NoteOpened(file, path);
+  if (Recording()) Cut().names.push_back({NameChange::kCreated, path, ""});
+}
+
+void BeforeWrite(File file, std::uint64_t position, std::size_t size) {
+  if (!Recording()) return;
+  PendingWrite w{PathOf(file), position, size, std::vector<unsigned char>(size)};
+  Cut().cutting = true;
+  const std::int64_t n = platform::ReadAt(file, w.old.data(), size, position);
+  Cut().cutting = false;
+  w.old.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+  Cut().writes.push_back(std::move(w));
+}
+
+void AfterWrite() {
+  if (CutsHere()) CutPower();
+}
+
+void NoteRenamed(const std::string& from, const std::string& to) {
+  if (!Recording()) return;
+  Cut().names.push_back({NameChange::kRenamed, from, to});
+  for (PendingWrite& w : Cut().writes)
+    if (w.path == from) w.path = to;
+  if (CutsHere()) CutPower();
+}
+
+bool RemoveHeld(const std::string& path) {
+  if (!Recording()) return false;
+  Cut().cutting = true;
+  const bool held = platform::RenameFile(path, path + kHeldSuffix);
+  Cut().cutting = false;
+  if (!held) return false;
+  static const bool forgetAtExit = std::atexit(ForgetHeldRemovals) == 0;
+  (void)forgetAtExit;
+  Cut().names.push_back({NameChange::kRemoved, path, ""});
+  return true;
+}
+
+void NoteDirectorySynced() {
+  if (CutsHere()) CutPower();
+  if (!Recording()) return;
+  ForgetHeldRemovals();
+  Cut().names.clear();
+}
 
 void BeforeCreate(const std::string& path) {
   for (const Entry& e : Plan()) {

@@ -17,6 +17,12 @@
 //          seconds before it is written and closed); appears (create only): a file of that name,
 //          holding "another run", is made just before the create, as by a run that took the
 //          lock between this run's look for it and its create
+// BYTETURN_POWERCUT=N:seed simulates a power cut at the Nth write, flush, rename or directory flush
+// (writes and renames are made first, flushes are not): every write made since its file's last
+// flush is then lost, kept, or torn at 512-byte boundaries (some of its sectors kept, the others
+// not), and every name created, renamed or removed since the last directory flush stays or goes
+// back, each as the seed decides; then the process ends at once (status 99, "power cut" on
+// standard error), without any cleanup.
 // BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call;
 // BYTETURN_CHECK_SLOTS the number of held blocks and of chunks of marks that byteturn-check keeps
 // in memory (so that a small database sends them to its temporary files).
@@ -45,6 +51,14 @@ void AfterCreate(const std::string& path);
 std::uint32_t BatchBlocks();
 // BYTETURN_CHECK_SLOTS (0: the program's own choice).
 std::uint32_t CheckSlots();
+// The power cut's record of what is not durable yet.
+void NoteCreated(File file, const std::string& path);
+void BeforeWrite(File file, std::uint64_t position, std::size_t size);
+void AfterWrite();
+void NoteRenamed(const std::string& from, const std::string& to);
+// With a power cut planned, a removal is held back until the directory is flushed: true when so.
+bool RemoveHeld(const std::string& path);
+void NoteDirectorySynced();
 #else
 inline Fault BeforeOpen(const std::string&, bool) { return Fault::kNone; }
 inline void NoteOpened(File, const std::string&) {}
@@ -55,6 +69,12 @@ inline void BeforeCreate(const std::string&) {}
 inline void AfterCreate(const std::string&) {}
 inline std::uint32_t BatchBlocks() { return 0; }
 inline std::uint32_t CheckSlots() { return 0; }
+inline void NoteCreated(File, const std::string&) {}
+inline void BeforeWrite(File, std::uint64_t, std::size_t) {}
+inline void AfterWrite() {}
+inline void NoteRenamed(const std::string&, const std::string&) {}
+inline bool RemoveHeld(const std::string&) { return false; }
+inline void NoteDirectorySynced() {}
 #endif
 
 // Asks the plan about a transfer of size bytes at position: the fault to record, or kShort with

@@ -101,6 +101,14 @@ void* LibrarySymbol(void* library, const char* name);
 void LibraryClose(void* library);
 bool FileExists(const std::string& path);
 bool RemoveFile(const std::string& path);
+// Gives file from the name to, replacing a file of that name; on Windows written through to disk.
+bool RenameFile(const std::string& from, const std::string& to);
+// Makes the names created, renamed and removed in the directory durable (nothing to do on Windows,
+// whose renames are written through).
+bool SyncDirectory(const std::string& directory);
+// Takes an exclusive lock on the file that lasts while this handle is open; false when another
+// open of it holds one. The lock covers no byte the file uses.
+bool TryLockExclusive(File file);
 
 // Called first thing: output that a closed reader (a broken pipe) cannot take is simply lost and
 // never ends the process; standard output and error pass every byte unchanged.

@@ -12,6 +12,7 @@
 #include <link.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -58,6 +59,7 @@ std::FILE* CreateNewTextFile(const std::string& path) {
   faults::BeforeCreate(path);
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) return nullptr;
+  faults::NoteCreated(kInvalidFile, path);
   faults::AfterCreate(path);
   std::FILE* file = ::fdopen(fd, "w");
   if (file == nullptr) ::close(fd);
@@ -70,7 +72,9 @@ void AdviseSequentialRead(File file) {
 
 File CreateReadWrite(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  return fd < 0 ? kInvalidFile : fd;
+  if (fd < 0) return kInvalidFile;
+  faults::NoteCreated(fd, path);
+  return fd;
 }
 
 void Close(File file) {
@@ -119,10 +123,13 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
   if (Injected(faults::TransferFault(true, file, position, &size))) return -1;
+  faults::BeforeWrite(file, position, size);
   auto* in = static_cast<const unsigned char*>(buffer);
-  return TransferAll(size, [&](std::size_t done) {
+  const std::int64_t n = TransferAll(size, [&](std::size_t done) {
     return Retrying([&] { return ::pwrite(static_cast<int>(file), in + done, size - done, Offset(position + done)); });
   });
+  faults::AfterWrite();
+  return n;
 }
 
 void RecordShortTransfer(bool writing) { errno = writing ? ENOSPC : ENODATA; }
@@ -259,7 +266,29 @@ bool FileExists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-bool RemoveFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+bool RemoveFile(const std::string& path) {
+  if (faults::RemoveHeld(path)) return true;
+  return ::unlink(path.c_str()) == 0;
+}
+
+bool RenameFile(const std::string& from, const std::string& to) {
+  if (::rename(from.c_str(), to.c_str()) != 0) return false;
+  faults::NoteRenamed(from, to);
+  return true;
+}
+
+bool SyncDirectory(const std::string& directory) {
+  const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  faults::NoteDirectorySynced();
+  const bool synced = ::fsync(fd) == 0;
+  const int error = errno;
+  ::close(fd);
+  errno = error;
+  return synced;
+}
+
+bool TryLockExclusive(File file) { return ::flock(static_cast<int>(file), LOCK_EX | LOCK_NB) == 0; }
 
 void PrepareConsole() { ::signal(SIGPIPE, SIG_IGN); }
 

@@ -59,6 +59,7 @@ std::FILE* CreateNewTextFile(const std::string& path) {
   HANDLE h = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW,
                          FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return nullptr;
+  faults::NoteCreated(kInvalidFile, path);
   faults::AfterCreate(path);
   int fd = _open_osfhandle(reinterpret_cast<std::intptr_t>(h), _O_WRONLY | _O_TEXT);
   if (fd < 0) {
@@ -74,8 +75,10 @@ std::FILE* CreateNewTextFile(const std::string& path) {
 void AdviseSequentialRead(File) {}
 
 File CreateReadWrite(const std::string& path) {
-  return FromHandle(CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const File file = FromHandle(CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                           nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (file != kInvalidFile) faults::NoteCreated(file, path);
+  return file;
 }
 
 void Close(File file) {
@@ -117,12 +120,15 @@ std::int64_t ReadAt(File file, void* buffer, std::size_t size, std::uint64_t pos
 
 std::int64_t WriteAt(File file, const void* buffer, std::size_t size, std::uint64_t position) {
   if (Injected(faults::TransferFault(true, file, position, &size))) return -1;
+  faults::BeforeWrite(file, position, size);
   auto* in = static_cast<const unsigned char*>(buffer);
-  return TransferAll(size, [&](std::size_t done) -> std::int64_t {
+  const std::int64_t n = TransferAll(size, [&](std::size_t done) -> std::int64_t {
     OVERLAPPED at = At(position + done);
     DWORD moved = 0;
     return WriteFile(ToHandle(file), in + done, Chunk(size - done), &moved, &at) ? moved : -1;
   });
+  faults::AfterWrite();
+  return n;
 }
 
 void RecordShortTransfer(bool writing) { ::SetLastError(writing ? ERROR_DISK_FULL : ERROR_HANDLE_EOF); }
@@ -206,7 +212,27 @@ void LibraryClose(void* library) {
 }
 
 bool FileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-bool RemoveFile(const std::string& path) { return _unlink(path.c_str()) == 0; }
+bool RemoveFile(const std::string& path) {
+  if (faults::RemoveHeld(path)) return true;
+  return _unlink(path.c_str()) == 0;
+}
+
+bool RenameFile(const std::string& from, const std::string& to) {
+  if (!MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return false;
+  faults::NoteRenamed(from, to);
+  return true;
+}
+
+bool SyncDirectory(const std::string&) {
+  faults::NoteDirectorySynced();
+  return true;
+}
+
+// A byte range far beyond any data: Windows locks keep other processes from the bytes they cover.
+bool TryLockExclusive(File file) {
+  OVERLAPPED at = At(std::uint64_t{1} << 62);
+  return LockFileEx(ToHandle(file), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &at) != 0;
+}
 
 // Binary mode: "\r\n" reaches the console as two bytes. A write to a pipe without a reader just
 // fails here; nothing more is needed.

@@ -173,6 +173,7 @@ std::uint32_t FindVolume(std::uint32_t v, std::uint32_t expectedStart, std::uint
       platform::Close(file);
       Fail("\r\nMultiple files named %s were found among the volume directories.\r\n", name);
     }
+    NoteVolumeIdentity(v, file);
     if (!ReadBlockAt(file, 0, blockBuffer, blockSize))
       Fail("\r\nError reading volume info block in %s. %s\r\n", path.c_str(), ErrorText());
     platform::Close(file);

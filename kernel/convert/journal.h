@@ -1,0 +1,72 @@
+// The journal of a conversion run: byteturn-recover can finish a run that ended at any point,
+// a power cut included, with every file then as the uninterrupted run leaves it.
+//
+// The run's writes are held in memory, in groups of up to kGroupBytes, and every read sees them.
+// A group ends at a point between two blocks; it is then committed: the bytes its writes replace
+// are copied to a record of the journal with that point (the block whose turn is next, the maps
+// the run knows), the record is flushed, then a commit sector naming it (after the database files
+// written by the group before are flushed), and only then are the writes made, in the order the
+// run made them. A group also ends before the run reads on from the disk while it holds messages
+// back (progress lines are not kept waiting for long), and when the run stops: the database then
+// holds what the run wrote before it stopped, as without a journal. The recovery puts back the
+// bytes of the last record and runs on from its point.
+//
+// The journal is made (and flushed, and its name made durable) at the first commit, so a run
+// that writes nothing leaves none. It lies beside the main file, its name followed by ".journal",
+// or in the directory that BYTETURN_JOURNAL names; BYTETURN_JOURNAL=off keeps none.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "map_block.h"
+#include "platform.h"
+
+namespace bt {
+
+inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20;
+
+// Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
+// database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory. The first
+// that exists, or "".
+std::string JournalPathFor(const std::string& fileName);
+std::string ExistingJournal(const std::string& fileName);
+// The line that sends the operator to byteturn-recover.
+std::string RecoverLine(const std::string& journalPath, const std::string& fileName);
+
+// Starts journaling the run (a run that is not a check, with a journal path); from here on the
+// database's writes are held. verbose is kept for the recovery.
+void BeginJournal(bool verbose);
+// Continues the journal of an interrupted run, opened by the recovery.
+struct JournalResume {
+  platform::File file;
+  std::string path;
+  std::uint64_t runId, nextNumber, lastOffset, lastSize;
+  std::uint32_t resumeBlock;
+  MapState maps;
+};
+void ContinueJournal(const JournalResume& resume);
+bool JournalHoldsWrites();
+
+// A write held: size bytes (whole blocks) at position of a database file. failure and block give
+// the run's message when the write fails; without a failure text it is a run of blocks written
+// in their turn, block being the first.
+void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
+                        const char* failure, std::uint32_t block);
+// Lays the held writes over bytes just read from position of file.
+void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
+
+// Whether the group is to end before the next read from the disk (it holds messages back, or is
+// full), and whether it is full.
+bool JournalGroupWaits();
+bool JournalGroupFull();
+// Ends the group at the point where block resumeBlock's turn comes next; the messages held back
+// marked up to releaseMark are shown after it.
+void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark);
+// The run is complete: the files written are flushed, then the journal is removed.
+void EndJournal();
+
+// The database files as the journal names them: the main file is volume 0.
+void NoteVolumeOfFile(platform::File file, std::uint32_t volume);
+
+}  // namespace bt

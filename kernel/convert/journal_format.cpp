@@ -1,0 +1,270 @@
+#include "journal_format.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace bt::journal {
+
+namespace {
+constexpr std::uint64_t kPrime1 = 11400714785074694791ull, kPrime2 = 14029467366897019727ull,
+                        kPrime3 = 1609587929392839161ull, kPrime5 = 2870177450012600261ull;
+constexpr char kHeaderMagic[8] = {'B', 'T', 'J', 'O', 'U', 'R', 'N', 'L'};
+constexpr char kCommitMagic[8] = {'B', 'T', 'C', 'O', 'M', 'M', 'I', 'T'};
+constexpr char kRecordMagic[8] = {'B', 'T', 'R', 'E', 'C', 'O', 'R', 'D'};
+
+std::uint64_t Rotl(std::uint64_t v, int n) { return v << n | v >> (64 - n); }
+std::uint64_t Round(std::uint64_t lane, std::uint64_t word) { return Rotl(lane + word * kPrime2, 31) * kPrime1; }
+
+// Appends fields in order.
+struct Writer {
+  std::vector<std::uint8_t> bytes;
+  void U16(std::uint16_t v) { StoreLE16(Grow(2), v); }
+  void U32(std::uint32_t v) { StoreLE32(Grow(4), v); }
+  void U64(std::uint64_t v) { StoreLE64(Grow(8), v); }
+  void Raw(const void* p, std::size_t n) {
+    if (n != 0) std::memcpy(Grow(n), p, n);
+  }
+  void Text(const std::string& s) {
+    U16(static_cast<std::uint16_t>(s.size()));
+    Raw(s.data(), s.size());
+  }
+  std::uint8_t* Grow(std::size_t n) {
+    bytes.resize(bytes.size() + n);
+    return bytes.data() + bytes.size() - n;
+  }
+};
+
+// Takes fields in order; once a field would run past the end, every later one fails too.
+struct Reader {
+  const std::uint8_t* p;
+  std::size_t size, at = 0;
+  bool ok = true;
+  const std::uint8_t* Take(std::size_t n) {
+    if (!ok || n > size - at) {
+      ok = false;
+      return nullptr;
+    }
+    at += n;
+    return p + at - n;
+  }
+  std::uint16_t U16() {
+    const std::uint8_t* q = Take(2);
+    return q == nullptr ? 0 : LoadLE16(q);
+  }
+  std::uint32_t U32() {
+    const std::uint8_t* q = Take(4);
+    return q == nullptr ? 0 : LoadLE32(q);
+  }
+  std::uint64_t U64() {
+    const std::uint8_t* q = Take(8);
+    return q == nullptr ? 0 : LoadLE64(q);
+  }
+  std::string Text() {
+    const std::uint16_t n = U16();
+    const std::uint8_t* q = Take(n);
+    return q == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(q), n);
+  }
+  bool Magic(const char (&magic)[8]) {
+    const std::uint8_t* q = Take(8);
+    return q != nullptr && std::memcmp(q, magic, 8) == 0;
+  }
+};
+}  // namespace
+
+Checksum::Checksum(std::uint64_t seed)
+    : lanes_{seed + kPrime1 + kPrime2, seed + kPrime2, seed, seed - kPrime1}, pending_{} {}
+
+void Checksum::Add(const std::uint8_t* bytes, std::size_t size) {
+  total_ += size;
+  if (pendingSize_ != 0) {
+    const std::size_t n = std::min(size, sizeof pending_ - pendingSize_);
+    std::memcpy(pending_ + pendingSize_, bytes, n);
+    pendingSize_ += n, bytes += n, size -= n;
+    if (pendingSize_ < sizeof pending_) return;
+    for (int i = 0; i < 4; ++i) lanes_[i] = Round(lanes_[i], LoadLE64(pending_ + 8 * i));
+    pendingSize_ = 0;
+  }
+  for (; size >= 32; bytes += 32, size -= 32)
+    for (int i = 0; i < 4; ++i) lanes_[i] = Round(lanes_[i], LoadLE64(bytes + 8 * i));
+  if (size != 0) std::memcpy(pending_, bytes, size);
+  pendingSize_ = size;
+}
+
+std::uint64_t Checksum::Value() const {
+  std::uint64_t h = Rotl(lanes_[0], 1) + Rotl(lanes_[1], 7) + Rotl(lanes_[2], 12) + Rotl(lanes_[3], 18);
+  for (std::uint64_t lane : lanes_) h = (h ^ Round(0, lane)) * kPrime1 + kPrime3;
+  h += total_;
+  for (std::size_t i = 0; i < pendingSize_; ++i) h = Rotl(h ^ pending_[i] * kPrime5, 11) * kPrime1;
+  h ^= h >> 33;
+  h *= kPrime2;
+  h ^= h >> 29;
+  h *= kPrime3;
+  return h ^ h >> 32;
+}
+
+std::uint64_t ChecksumOf(const std::uint8_t* bytes, std::size_t size) {
+  Checksum sum;
+  sum.Add(bytes, size);
+  return sum.Value();
+}
+
+std::vector<std::uint8_t> EncodeHeader(const Header& header) {
+  Writer w;
+  w.Raw(kHeaderMagic, 8);
+  w.U32(kVersion);
+  w.U64(header.runId);
+  w.U32(header.verbose ? 1 : 0);
+  w.Raw(header.label, kLabelCopyBytes);
+  w.Text(header.mainFile);
+  w.Text(header.primaryDirectory);
+  w.U16(static_cast<std::uint16_t>(header.directories.size()));
+  for (const std::string& d : header.directories) w.Text(d);
+  w.U16(static_cast<std::uint16_t>(header.volumes.size()));
+  for (const VolumeRecord& v : header.volumes) {
+    w.U16(v.directory);
+    w.U32(v.firstBlock);
+    w.U64(v.identity.device);
+    w.U64(v.identity.index);
+  }
+  w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
+  return w.bytes;
+}
+
+bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, std::string& why) {
+  Reader r{bytes, size};
+  if (!r.Magic(kHeaderMagic)) {
+    why = "it does not begin as a journal does";
+    return false;
+  }
+  if (r.U32() != kVersion) {
+    why = "it is of another version";
+    return false;
+  }
+  header.runId = r.U64();
+  header.verbose = r.U32() != 0;
+  if (const std::uint8_t* label = r.Take(kLabelCopyBytes)) std::memcpy(header.label, label, kLabelCopyBytes);
+  header.mainFile = r.Text();
+  header.primaryDirectory = r.Text();
+  header.directories.resize(r.ok ? r.U16() : 0);
+  for (std::string& d : header.directories) d = r.Text();
+  header.volumes.resize(r.ok ? r.U16() : 0);
+  for (VolumeRecord& v : header.volumes) {
+    v.directory = r.U16();
+    v.firstBlock = r.U32();
+    v.identity.device = r.U64();
+    v.identity.index = r.U64();
+  }
+  const std::size_t content = r.at;
+  if (!r.ok || r.U64() != ChecksumOf(bytes, content) || !r.ok || header.volumes.empty()) {
+    why = "its header is damaged";
+    return false;
+  }
+  return true;
+}
+
+void EncodeCommit(const Commit& commit, std::uint8_t* sector) {
+  Writer w;
+  w.Raw(kCommitMagic, 8);
+  w.U64(commit.runId);
+  w.U64(commit.number);
+  w.U64(commit.recordOffset);
+  w.U64(commit.recordSize);
+  w.U64(commit.recordChecksum);
+  w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
+  w.bytes.resize(kCommitBytes);
+  std::memcpy(sector, w.bytes.data(), kCommitBytes);
+}
+
+bool DecodeCommit(const std::uint8_t* sector, Commit& commit) {
+  Reader r{sector, kCommitBytes};
+  if (!r.Magic(kCommitMagic)) return false;
+  commit.runId = r.U64();
+  commit.number = r.U64();
+  commit.recordOffset = r.U64();
+  commit.recordSize = r.U64();
+  commit.recordChecksum = r.U64();
+  const std::size_t content = r.at;
+  return r.U64() == ChecksumOf(sector, content) && r.ok;
+}
+
+std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head) {
+  Writer w;
+  w.Raw(kRecordMagic, 8);
+  w.U64(head.runId);
+  w.U64(head.number);
+  w.U32(head.blockSize);
+  w.U32(head.resumeBlock);
+  w.U32(head.maps.current);
+  w.U32(static_cast<std::uint32_t>(head.maps.listed.size()));
+  for (std::uint32_t m : head.maps.listed) w.U32(m);
+  w.U32(static_cast<std::uint32_t>(head.entries.size()));
+  for (const Entry& e : head.entries) {
+    w.U32(e.volume);
+    w.U32(e.blocks);
+    w.U64(e.position);
+  }
+  return w.bytes;
+}
+
+bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& head, std::size_t& imagesOffset) {
+  Reader r{bytes, size};
+  if (!r.Magic(kRecordMagic)) return false;
+  head.runId = r.U64();
+  head.number = r.U64();
+  head.blockSize = r.U32();
+  const std::uint32_t blockSize = head.blockSize;
+  head.resumeBlock = r.U32();
+  head.maps.current = r.U32();
+  // Every count is checked against the bytes left before anything is sized by it.
+  const std::uint32_t listed = r.U32();
+  if (!r.ok || listed > (size - r.at) / 4) return false;
+  head.maps.listed.resize(listed);
+  for (std::uint32_t& m : head.maps.listed) m = r.U32();
+  const std::uint32_t entries = r.U32();
+  if (!r.ok || entries > (size - r.at) / 16) return false;
+  head.entries.resize(entries);
+  std::uint64_t images = 0;
+  for (Entry& e : head.entries) {
+    e.volume = r.U32();
+    e.blocks = r.U32();
+    e.position = r.U64();
+    images += std::uint64_t{e.blocks} * blockSize;
+  }
+  imagesOffset = r.at;
+  return r.ok && images == size - r.at;
+}
+
+bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found, std::string& why) {
+  std::vector<std::uint8_t> header(static_cast<std::size_t>(std::min(fileSize, kHeaderBytes)));
+  if (!read(0, header.data(), header.size()) || !DecodeHeader(header.data(), header.size(), found.header, why)) {
+    if (why.empty()) why = "its header cannot be read";
+    return false;
+  }
+  Commit commits[2];
+  for (int s = 0; s < 2; ++s) {
+    std::uint8_t sector[kCommitBytes];
+    if (fileSize < kCommitOffset + kCommitBytes * (s + 1) || !read(kCommitOffset + kCommitBytes * s, sector, kCommitBytes) ||
+        !DecodeCommit(sector, commits[s]) || commits[s].runId != found.header.runId) {
+      why = "a commit sector is damaged";
+      return false;
+    }
+  }
+  found.commit = commits[0].number >= commits[1].number ? commits[0] : commits[1];
+  if (found.commit.number == 0) return true;
+  const Commit& c = found.commit;
+  if (c.recordOffset < kRecordsOffset || c.recordOffset > fileSize || c.recordSize > fileSize - c.recordOffset) {
+    why = "its last record is cut short";
+    return false;
+  }
+  found.record.resize(static_cast<std::size_t>(c.recordSize));
+  if (!read(c.recordOffset, found.record.data(), found.record.size()) ||
+      ChecksumOf(found.record.data(), found.record.size()) != c.recordChecksum ||
+      !DecodeRecordHead(found.record.data(), found.record.size(), found.head, found.imagesOffset) ||
+      found.head.runId != found.header.runId || found.head.number != c.number) {
+    why = "its last record is damaged";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace bt::journal

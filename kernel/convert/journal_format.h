@@ -1,0 +1,107 @@
+// The journal file of a conversion run. All numbers are little-endian.
+//
+//   [0, kHeaderBytes)          header: what the run was given (the label block as it was before
+//                              the run, the volume set, the identity of every file), checksummed
+//   kCommitOffset + 512 * s    two commit sectors (s = 0, 1; the commit of number n is in sector
+//                              n % 2), each naming the last record that is whole on disk and the
+//                              checksum of that record, checksummed itself
+//   from kRecordsOffset        records, 4096-aligned: a group of writes, the point of the run before
+//                              them (its block, its maps) and the bytes each write replaced
+//
+// A commit sector is written only after the record it names is flushed, and the database is
+// written only after the commit sector is flushed; a 512-byte sector is written whole or not at
+// all. So a commit sector whose own checksum fails, or that names a record whose checksum fails,
+// was damaged after it was written: such a journal is refused, never applied.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "byteorder.h"
+#include "map_block.h"
+#include "platform.h"
+
+namespace bt::journal {
+
+inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::size_t kLabelCopyBytes = 4096;
+inline constexpr std::uint64_t kHeaderBytes = 32768;
+inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
+inline constexpr std::size_t kCommitBytes = 512;
+inline constexpr std::uint64_t kRecordsOffset = kHeaderBytes + 4096;
+inline constexpr std::uint64_t kRecordAlignment = 4096;
+
+// A checksum of 64 bits over a stream of bytes (four lanes of multiply-rotate rounds): it tells a
+// torn, cut, zeroed or altered piece from the one written, not an attacker's forgery.
+class Checksum {
+ public:
+  explicit Checksum(std::uint64_t seed = 0);
+  void Add(const std::uint8_t* bytes, std::size_t size);
+  std::uint64_t Value() const;
+
+ private:
+  std::uint64_t lanes_[4];
+  std::uint8_t pending_[32];
+  std::size_t pendingSize_ = 0;
+  std::uint64_t total_ = 0;
+};
+std::uint64_t ChecksumOf(const std::uint8_t* bytes, std::size_t size);
+
+struct VolumeRecord {
+  std::uint16_t directory = 0;  // 0: the primary directory, k: additional directory k - 1
+  std::uint32_t firstBlock = 0;
+  platform::FileIdentity identity;
+};
+
+struct Header {
+  std::uint64_t runId = 0;
+  bool verbose = true;
+  std::uint8_t label[kLabelCopyBytes] = {};  // the first bytes of the main file before the run
+  std::string mainFile, primaryDirectory;
+  std::vector<std::string> directories;
+  std::vector<VolumeRecord> volumes;  // the main file first, then volumes 1..n
+};
+std::vector<std::uint8_t> EncodeHeader(const Header& header);
+// False with why set when the bytes are not a whole header of this version.
+bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, std::string& why);
+
+struct Commit {
+  std::uint64_t runId = 0, number = 0;  // number 0: no record yet
+  std::uint64_t recordOffset = 0, recordSize = 0, recordChecksum = 0;
+};
+void EncodeCommit(const Commit& commit, std::uint8_t* sector);
+bool DecodeCommit(const std::uint8_t* sector, Commit& commit);
+
+// One write of the group: blocks whole blocks at position of a volume file.
+struct Entry {
+  std::uint32_t volume = 0, blocks = 0;
+  std::uint64_t position = 0;
+};
+struct RecordHead {
+  std::uint64_t runId = 0, number = 0;
+  std::uint32_t blockSize = 0, resumeBlock = 0;
+  MapState maps;
+  std::vector<Entry> entries;
+};
+std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head);
+// Decodes the head at the start of a record of size bytes; imagesOffset is where the replaced
+// bytes begin. False when it is malformed or its images would not fit the record.
+bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& head, std::size_t& imagesOffset);
+
+// A journal as read back: its header, the commit in effect (the higher of the two numbers) and,
+// unless that is number 0, the record it names, whole.
+struct Found {
+  Header header;
+  Commit commit;
+  RecordHead head;
+  std::vector<std::uint8_t> record;
+  std::size_t imagesOffset = 0;
+};
+// Reads size bytes at position of the journal; false when they are not all there.
+using ReadFunction = std::function<bool(std::uint64_t position, std::uint8_t* buffer, std::size_t size)>;
+// False with why set when the journal is damaged anywhere the recovery would rely on.
+bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found, std::string& why);
+
+}  // namespace bt::journal
