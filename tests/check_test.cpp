@@ -94,20 +94,6 @@ gendb::Params Rich() {
   return p;
 }
 
-// A data block's first node made zero length: its message, and the rest of the block as it was.
-std::function<void(const std::string&)> MalformedNode(const gendb::Params& p) {
-  return [p](const std::string& dir) {
-    const std::string db = dir + "/ORVA.DAT";
-    const std::uint32_t size = gendb::GeometryFor(p.sizeCode).blockSize;
-    const auto bytes = ReadBytes(db);
-    for (std::uint64_t at = 400 * size; at < bytes.size(); at += size) {
-      if (bytes[at + 4] != 8) continue;
-      PatchU32(db, at + 28, 0x80000000u, p.bigEndian);
-      return;
-    }
-  };
-}
-
 TEST(Check, EveryKindOfDatabaseCompletesAsByteturnDoes) {
   std::vector<std::pair<std::string, gendb::Params>> kinds;
   kinds.emplace_back("plain", Rich());

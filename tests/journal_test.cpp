@@ -1,0 +1,503 @@
+// The journal: a run that ends anywhere (power cut, kill, a failure of its own) is finished by
+// byteturn-recover, and every file then holds exactly the bytes of the uninterrupted run.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <random>
+
+#include "journal_format.h"
+#include "run.h"
+
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+namespace {
+
+gendb::Params Rich() {
+  gendb::Params p;
+  p.seed = 41;
+  p.sizeCode = 1;
+  p.lastBlock = 600;
+  p.mix = gendb::Mix{3, 8, 2, 4, 1, 1, 1};  // bad offsets, loose big strings, mirrors
+  p.bigRefShare = 0.6;
+  p.sharedBigShare = 0.4;
+  p.mirrorV1Share = 0.5;
+  return p;
+}
+
+// A database in three copies: "db" (the runs), "pristine" (as generated, then changed by
+// prepare) and "twin" (what the uninterrupted run gives, which for a database as generated must be
+// the generator's converted twin, in "generated"), with the answers byteturn and byteturn-recover ask for.
+struct Case {
+  gendb::Params params;
+  std::string answers;
+  std::vector<std::string> files, pristine, twin;
+  std::string dir, journal, lock;
+  std::string keyfile;
+};
+
+// The answers to byteturn's questions about params, whose keyfile (if any) is at keyfile.
+std::string AnswersFor(const gendb::Params& p, const std::string& keyfile) {
+  std::string answers = p.databaseKey.empty() ? "" : Shown(keyfile) + "\nadmin\npw\n";
+  if (p.volumeSet.volumes != 0) answers += "yes\n";
+  return answers;
+}
+
+void CopyFiles(const std::vector<std::string>& from, const std::vector<std::string>& to) {
+  for (std::size_t v = 0; v < from.size(); ++v) fs::copy_file(from[v], to[v], fs::copy_options::overwrite_existing);
+}
+
+bool FilesEqual(const std::vector<std::string>& a, const std::vector<std::string>& b) {
+  for (std::size_t v = 0; v < a.size(); ++v)
+    if (ReadBytes(a[v]) != ReadBytes(b[v])) return false;
+  return true;
+}
+
+RunResult Convert(const Case& c, const std::string& exe, const std::string& environment) {
+  return RunByteturn({"ORVA.DAT"}, c.answers, c.dir, exe, environment);
+}
+
+RunResult Recover(const Case& c, const std::string& environment = "", const std::string& answers = "\x01") {
+  return RunByteturn({"ORVA.DAT"}, answers == "\x01" ? c.answers : answers, c.dir,
+                     environment.empty() ? UnderTest().recoverExe : UnderTest().recoverFaultsExe, environment);
+}
+
+// The files as generated, no lock, no journal.
+void Reset(const Case& c) {
+  CopyFiles(c.pristine, c.files);
+  fs::remove(c.lock);
+  fs::remove(c.journal);
+}
+
+Case Prepare(const Scratch& s, const gendb::Params& p, const std::function<void(const std::string&)>& prepare = {}) {
+  Case c{p, "", {}, {}, {}, s.Path("db"), s.Path("db/ORVA.DAT.journal"), s.Path("db/orva.lck"), s.Path("k.key")};
+  if (!p.databaseKey.empty()) {
+    const std::string version = p.keyId == "two" ? "2.0" : "1.0";
+    EXPECT_EQ(gendb::WriteKeyfile(c.keyfile, version, p.keyId, "admin", "pw", p.databaseKey), "");
+  }
+  c.answers = AnswersFor(p, c.keyfile);
+  for (const char* dir : {"db", "pristine", "twin", "generated"}) {
+    fs::create_directories(s.Path(dir));
+    for (const std::string& more : p.volumeSet.directories) fs::create_directories(s.Path(dir) + "/" + more);
+  }
+  Generate(p, s.Path("pristine/ORVA.DAT"));
+  if (prepare) prepare(s.Path("pristine"));
+  c.files = gendb::DatabaseFiles(p, s.Path("db/ORVA.DAT"));
+  c.pristine = gendb::DatabaseFiles(p, s.Path("pristine/ORVA.DAT"));
+  c.twin = gendb::DatabaseFiles(p, s.Path("twin/ORVA.DAT"));
+  Reset(c);
+  const RunResult whole = Convert(c, UnderTest().exe, "");
+  EXPECT_EQ(whole.status, 0) << whole.out << whole.err;
+  EXPECT_FALSE(Exists(c.journal)) << "a completed run removes its journal";
+  if (!prepare) {
+    Generate(TwinOf(p), s.Path("generated/ORVA.DAT"));
+    const std::uint32_t size = gendb::GeometryFor(p.sizeCode).blockSize;
+    const std::vector<std::string> generated = gendb::DatabaseFiles(p, s.Path("generated/ORVA.DAT"));
+    for (std::size_t v = 0; v < c.files.size(); ++v) EXPECT_EQ(gendb::CompareFiles(c.files[v], generated[v], size), "") << v;
+  }
+  CopyFiles(c.files, c.twin);
+  Reset(c);
+  return c;
+}
+
+void ExpectTwin(const Case& c) {
+  for (std::size_t v = 0; v < c.files.size(); ++v)
+    EXPECT_EQ(gendb::CompareFiles(c.files[v], c.twin[v], gendb::GeometryFor(c.params.sizeCode).blockSize), "")
+        << "volume " << v;
+  EXPECT_FALSE(Exists(c.journal));
+  EXPECT_FALSE(Exists(c.lock));
+}
+
+// After a run ended anywhere: the recovery (or, where the run left no journal, byteturn again)
+// gives the twin.
+void FinishAndExpectTwin(const Case& c) {
+  if (Exists(c.journal)) {
+    const RunResult r = Recover(c);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("Done converting to "), std::string::npos) << r.out;
+  } else if (!FilesEqual(c.files, c.twin)) {
+    // No journal: nothing was written yet, or everything was and the journal went at the end.
+    ASSERT_TRUE(FilesEqual(c.files, c.pristine)) << "database files written without a journal";
+    fs::remove(c.lock);
+    const RunResult r = Convert(c, UnderTest().exe, "");
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+  }
+  fs::remove(c.lock);  // a run cut before its end leaves its lock, which the recovery does not need
+  ExpectTwin(c);
+}
+
+std::uint64_t OperationsOf(const RunResult& r) {
+  const std::size_t at = r.err.rfind("operations ");
+  return at == std::string::npos ? 0 : std::stoull(r.err.substr(at + 11));
+}
+
+// Few blocks per group, so that a small database makes many commits.
+const std::string kSmallGroups = "BYTETURN_GROUP_BYTES=32768 ";
+bool Emulated() { return !UnderTest().runner.empty(); }
+
+// Cut points of a run of operations: the first and the last ones, where the journal is made and
+// removed, and others spread between them, picked by rng.
+std::vector<std::uint64_t> CutPoints(std::uint64_t operations, std::mt19937_64& rng) {
+  const std::uint64_t ends = Emulated() ? 2 : 5, between = Emulated() ? 3 : 14;
+  std::vector<std::uint64_t> points;
+  for (std::uint64_t n = 1; n <= ends; ++n) points.push_back(n);
+  for (std::uint64_t n = operations - ends + 1; n <= operations; ++n) points.push_back(n);
+  for (std::uint64_t k = 0; k < between; ++k) points.push_back(ends + 1 + rng() % (operations - 2 * ends));
+  return points;
+}
+
+std::vector<std::pair<std::string, gendb::Params>> EveryKind() {
+  std::vector<std::pair<std::string, gendb::Params>> kinds;
+  kinds.emplace_back("plain", Rich());
+  for (int method : {1, 2, 3, 4, 5}) {
+    gendb::Params p = Rich();
+    p.compressShare = 0.6;
+    p.methods = {method};
+    kinds.emplace_back("compressed by method " + std::to_string(method), p);
+  }
+  gendb::Params little = Rich();
+  little.bigEndian = false;
+  kinds.emplace_back("little-endian", little);
+  for (const char* id : {"one", "two"}) {
+    gendb::Params p = Rich();
+    p.databaseKey.assign(32, 0x3C);
+    p.keyId = id;
+    p.compressShare = 0.3;
+    kinds.emplace_back(std::string("encrypted, keyfile ") + (p.keyId == "two" ? "2.0" : "1.0"), p);
+  }
+  gendb::Params set = Rich();
+  set.compressShare = 0.3;
+  set.lastBlock = 1000;
+  set.volumeSet.volumes = 2;
+  set.volumeSet.directories = {"more/"};
+  set.volumeSet.storedList = {"more/"};
+  set.volumeSet.placement = {1, 0};
+  kinds.emplace_back("volume set", set);
+  return kinds;
+}
+
+}  // namespace
+
+// The power goes at a write, flush or rename of a run: what was not flushed is lost, kept or torn
+// as the seed decides. The recovery then gives the twin, for every kind of database.
+TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
+  std::mt19937_64 rng(19);
+  std::vector<std::pair<std::string, gendb::Params>> kinds = EveryKind();
+  kinds.emplace_back("malformed node", Rich());
+  for (const auto& [name, p] : kinds) {
+    SCOPED_TRACE(name);
+    Scratch s;
+    const Case c = Prepare(s, p, name == "malformed node" ? MalformedNode(p) : nullptr);
+    const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=1000000");
+    ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+    ExpectTwin(c);
+    const std::uint64_t operations = OperationsOf(whole);
+    ASSERT_GT(operations, 40u) << whole.err;
+    for (std::uint64_t n : CutPoints(operations, rng)) {
+      const std::uint64_t seed = rng() % 1000;
+      SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed));
+      Reset(c);
+      const RunResult cut = Convert(c, UnderTest().faultsExe,
+                                    kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(seed));
+      ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+      FinishAndExpectTwin(c);
+      if (HasFailure()) return;
+    }
+  }
+}
+
+// The power goes again while the recovery runs: the next recovery still gives the twin.
+TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
+  std::mt19937_64 rng(7);
+  for (const auto& [name, p] : EveryKind()) {
+    if (name != "plain" && name != "volume set" && name != "encrypted, keyfile 1.0") continue;
+    SCOPED_TRACE(name);
+    Scratch s;
+    const Case c = Prepare(s, p);
+    Reset(c);
+    const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=1000000");
+    const std::uint64_t operations = OperationsOf(whole);
+    for (int round = 0; round < (Emulated() ? 2 : 6); ++round) {
+      Reset(c);
+      const std::uint64_t n = operations / 4 + rng() % (operations / 2);
+      const RunResult cut = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":3");
+      ASSERT_EQ(cut.status, 99);
+      ASSERT_TRUE(Exists(c.journal));
+      const RunResult full = Recover(c, kSmallGroups + "BYTETURN_POWERCUT=1000000");
+      ASSERT_EQ(full.status, 0) << full.out << full.err;
+      const std::uint64_t recoveryOperations = OperationsOf(full);
+      Reset(c);
+      ASSERT_EQ(Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":3").status, 99);
+      const std::uint64_t m = 1 + rng() % recoveryOperations, seed = rng() % 1000;
+      SCOPED_TRACE("run cut at " + std::to_string(n) + ", recovery cut at " + std::to_string(m) + " of " +
+                   std::to_string(recoveryOperations) + ", seed " + std::to_string(seed));
+      const RunResult again =
+          Recover(c, kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(m) + ":" + std::to_string(seed));
+      ASSERT_EQ(again.status, 99) << again.out << again.err;
+      FinishAndExpectTwin(c);
+      if (HasFailure()) return;
+    }
+  }
+}
+
+// A real process killed at moments spread over its run (SIGKILL), or interrupted as by Ctrl-C
+// (SIGINT), then recovered. POSIX signals: not on the Windows build.
+TEST(Journal, KilledAndInterruptedRunsAreFinished) {
+  if (UnderTest().windows) GTEST_SKIP() << "POSIX signals";
+  Scratch s;
+  gendb::Params p = Rich();
+  p.sizeCode = 2;
+  p.lastBlock = Emulated() ? 2500 : 12000;
+  p.compressShare = 0.3;
+  const Case c = Prepare(s, p);
+  const auto started = std::chrono::steady_clock::now();
+  ASSERT_EQ(Convert(c, UnderTest().exe, "").status, 0);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  std::mt19937_64 rng(5);
+  const int rounds = Emulated() ? 3 : 8;
+  for (int round = 0; round < rounds; ++round) {
+    const char* signal = round % 4 == 3 ? "INT" : "KILL";
+    const double at = seconds * (round + std::uniform_real_distribution<double>(0.1, 0.9)(rng)) / rounds;
+    SCOPED_TRACE(std::string(signal) + " after " + std::to_string(at) + " s of " + std::to_string(seconds));
+    Reset(c);
+    // The environment words come first in the shell command: timeout runs the program.
+    const RunResult killed = Convert(c, UnderTest().exe, "timeout -s " + std::string(signal) + " " + std::to_string(at));
+    if (killed.status == 0) continue;  // it was quicker this time
+    FinishAndExpectTwin(c);
+    if (HasFailure()) return;
+  }
+}
+
+namespace {
+
+// A run of c cut by a power cut halfway, its journal left; returns the journal's bytes.
+std::vector<std::uint8_t> CutHalfway(const Case& c, const std::string& seed = "1") {
+  Reset(c);
+  const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=1000000");
+  Reset(c);
+  const std::string n = std::to_string(OperationsOf(whole) / 2);
+  EXPECT_EQ(Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=" + n + ":" + seed).status, 99);
+  EXPECT_TRUE(Exists(c.journal));
+  return ReadBytes(c.journal);
+}
+
+struct Snapshot {
+  std::vector<std::vector<std::uint8_t>> files;
+  std::vector<std::uint8_t> journal;
+};
+Snapshot Take(const Case& c) {
+  Snapshot s{{}, ReadBytes(c.journal)};
+  for (const std::string& f : c.files) s.files.push_back(ReadBytes(f));
+  return s;
+}
+void ExpectUnchanged(const Case& c, const Snapshot& before) {
+  const Snapshot now = Take(c);
+  for (std::size_t v = 0; v < now.files.size(); ++v) EXPECT_TRUE(now.files[v] == before.files[v]) << "volume " << v;
+  EXPECT_TRUE(now.journal == before.journal) << "the journal";
+}
+
+// The last line of what a run printed.
+std::string LastLine(const std::string& out) {
+  const std::size_t end = out.find_last_not_of("\r\n");
+  if (end == std::string::npos) return "";
+  const std::size_t start = out.find_last_of('\n', end);
+  return out.substr(start == std::string::npos ? 0 : start + 1, end + 1 - (start == std::string::npos ? 0 : start + 1));
+}
+
+}  // namespace
+
+// A run that stopped on a failure of its own keeps its journal; the recovery stops the same way
+// while the cause is there, keeping it too, and finishes the run once the cause is gone.
+TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  const std::uint32_t size = gendb::GeometryFor(Rich().sizeCode).blockSize;
+  for (const std::string& plan : {"read:ORVA.DAT:" + std::to_string(300 * size + 5) + ":EIO",
+                                  "write:ORVA.DAT:" + std::to_string(450 * size + 9) + ":ENOSPC"}) {
+    SCOPED_TRACE(plan);
+    Reset(c);
+    const RunResult stopped = Convert(c, UnderTest().faultsExe, "BYTETURN_FAULTS='" + plan + "'");
+    ASSERT_EQ(stopped.status, 1) << stopped.out << stopped.err;
+    ASSERT_TRUE(Exists(c.journal));
+    fs::remove(c.lock);
+    const RunResult again = Recover(c, "BYTETURN_FAULTS='" + plan + "'");
+    EXPECT_EQ(again.status, 1) << again.out << again.err;
+    EXPECT_EQ(LastLine(again.out), LastLine(stopped.out));
+    EXPECT_NE(again.out.find("Resuming the interrupted conversion at block #"), std::string::npos) << again.out;
+    EXPECT_TRUE(Exists(c.journal));
+    FinishAndExpectTwin(c);
+  }
+}
+
+// Journals that are not whole, or not this run's or this database's, are refused before anything
+// is written: status 1, the files and the journal as they were.
+TEST(Journal, DamagedOrForeignJournalsAreRefused) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  const std::vector<std::uint8_t> good = CutHalfway(c);
+  const Snapshot cut = Take(c);
+  // The record the last commit names, from the newer of the two commit sectors.
+  bt::journal::Commit commits[2];
+  for (int k = 0; k < 2; ++k)
+    ASSERT_TRUE(bt::journal::DecodeCommit(good.data() + bt::journal::kCommitOffset + 512 * k, commits[k]));
+  const bt::journal::Commit& last = commits[0].number > commits[1].number ? commits[0] : commits[1];
+  ASSERT_GT(last.number, 0u);
+  const std::vector<std::uint8_t> otherRun = CutHalfway(c, "2");
+  const Snapshot otherCut = Take(c);
+  Scratch t;
+  const Case other = Prepare(t, Rich());
+  const std::vector<std::uint8_t> otherDatabase = CutHalfway(other);
+
+  auto flipped = [&](std::uint64_t at) {
+    std::vector<std::uint8_t> bytes = good;
+    bytes[at] ^= 0x10;
+    return bytes;
+  };
+  std::vector<std::uint8_t> spliced = otherRun;
+  std::copy(good.begin() + bt::journal::kCommitOffset, good.end(), spliced.begin() + bt::journal::kCommitOffset);
+  spliced.resize(good.size());
+  const std::vector<std::pair<std::string, std::vector<std::uint8_t>>> journals = {
+      {"cut in its header", std::vector<std::uint8_t>(good.begin(), good.begin() + 20000)},
+      {"cut in its last record", std::vector<std::uint8_t>(good.begin(), good.begin() + last.recordOffset + last.recordSize / 2)},
+      {"zeroed", std::vector<std::uint8_t>(good.size(), 0)},
+      {"a bit flipped in the header", flipped(700)},
+      {"a bit flipped in commit sector 0", flipped(bt::journal::kCommitOffset + 21)},
+      {"a bit flipped in commit sector 1", flipped(bt::journal::kCommitOffset + 512 + 9)},
+      {"a bit flipped in the last record", flipped(last.recordOffset + last.recordSize / 2)},
+      {"the header of another run", spliced},
+      {"another database's", otherDatabase}};
+  for (const auto& [name, bytes] : journals) {
+    SCOPED_TRACE(name);
+    for (std::size_t v = 0; v < c.files.size(); ++v) {
+      fs::remove(c.files[v]);
+      WriteBytes(c.files[v], 0, cut.files[v]);
+    }
+    fs::remove(c.journal);
+    WriteBytes(c.journal, 0, bytes);
+    const Snapshot before = Take(c);
+    const RunResult r = Recover(c);
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.err.find("byteturn-recover: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Nothing was changed."), std::string::npos) << r.err;
+    ExpectUnchanged(c, before);
+  }
+  // The journal as it was: the recovery finishes the run.
+  fs::remove(c.journal);
+  WriteBytes(c.journal, 0, good);
+  FinishAndExpectTwin(c);
+  // The other run's own journal, with its own files: that works too.
+  for (std::size_t v = 0; v < c.files.size(); ++v) {
+    fs::remove(c.files[v]);
+    WriteBytes(c.files[v], 0, otherCut.files[v]);
+  }
+  fs::remove(c.journal);
+  WriteBytes(c.journal, 0, otherRun);
+  FinishAndExpectTwin(c);
+  // No journal at all: nothing to finish.
+  Reset(c);
+  const RunResult none = Recover(c);
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("there is no interrupted conversion to finish."), std::string::npos) << none.err;
+  EXPECT_TRUE(FilesEqual(c.files, c.pristine));
+}
+
+// After a cut, an encrypted database's journal holds neither its key nor the password; the
+// recovery asks for both again, and a wrong password changes nothing.
+TEST(Journal, EncryptedDatabasesKeepTheirSecretsOutOfTheJournal) {
+  for (const char* id : {"one", "two"}) {
+    SCOPED_TRACE(id);
+    Scratch s;
+    gendb::Params p = Rich();
+    p.keyId = id;
+    p.databaseKey.clear();
+    for (int i = 0; i < 32; ++i) p.databaseKey.push_back(static_cast<std::uint8_t>(0x91 + 7 * i));
+    const Case c = Prepare(s, p);
+    const std::vector<std::uint8_t> journal = CutHalfway(c);
+    const std::string password = "pw";
+    for (const std::vector<std::uint8_t>& secret :
+         {p.databaseKey, std::vector<std::uint8_t>(p.databaseKey.begin(), p.databaseKey.begin() + 8),
+          std::vector<std::uint8_t>(p.databaseKey.end() - 8, p.databaseKey.end()), std::vector<std::uint8_t>{'\n', 'p', 'w', '\n'}})
+      EXPECT_EQ(std::search(journal.begin(), journal.end(), secret.begin(), secret.end()), journal.end());
+    const Snapshot before = Take(c);
+    const RunResult wrong = Recover(c, "", Shown(c.keyfile) + "\nadmin\nnot it\n");
+    EXPECT_EQ(wrong.status, 1) << wrong.out << wrong.err;
+    EXPECT_NE(wrong.err.find("Keyfile: Username: Password: "), std::string::npos) << wrong.err;
+    ExpectUnchanged(c, before);
+    FinishAndExpectTwin(c);
+  }
+}
+
+// byteturn and byteturn-check refuse a database whose run was interrupted, whether or not its
+// lock is still there, and name byteturn-recover; a locked one is told as locked first.
+TEST(Journal, AnInterruptedRunIsNotStartedAgain) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  CutHalfway(c);
+  const std::string line = "An interrupted conversion left its journal ORVA.DAT.journal: finish it with byteturn-recover ORVA.DAT.\n";
+  ASSERT_TRUE(Exists(c.lock));
+  const Snapshot before = Take(c);
+  for (const std::string& exe : {UnderTest().exe, UnderTest().checkExe}) {
+    SCOPED_TRACE(exe);
+    const RunResult locked = Convert(c, exe, "");
+    EXPECT_EQ(locked.status, 1);
+    EXPECT_EQ(locked.err, "ORVA.DAT is locked by Veltrano ORVA.\n" + line);
+    ExpectUnchanged(c, before);
+  }
+  fs::remove(c.lock);
+  for (const std::string& exe : {UnderTest().exe, UnderTest().checkExe}) {
+    SCOPED_TRACE(exe);
+    const RunResult refused = Convert(c, exe, "");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find(line), std::string::npos) << refused.err;
+    EXPECT_FALSE(Exists(c.lock));
+    ExpectUnchanged(c, before);
+  }
+  // The database under another name still has its journal beside it under the old one.
+  fs::rename(c.files[0], s.Path("db/RENAMED.DAT"));
+  const RunResult renamed = RunByteturn({"RENAMED.DAT"}, "", c.dir, UnderTest().exe);
+  fs::rename(s.Path("db/RENAMED.DAT"), c.files[0]);
+  EXPECT_EQ(renamed.status, 1);
+  EXPECT_NE(renamed.err.find("byteturn-recover"), std::string::npos) << renamed.err;
+  ExpectUnchanged(c, before);
+  FinishAndExpectTwin(c);
+}
+
+// BYTETURN_JOURNAL names the journal's directory, or turns it off; a refused run leaves none.
+TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  fs::create_directories(s.Path("elsewhere"));
+  const std::string elsewhere = "BYTETURN_JOURNAL='" + Shown(s.Path("elsewhere")) + "' ";
+  const RunResult whole = Convert(c, UnderTest().faultsExe, elsewhere + kSmallGroups + "BYTETURN_POWERCUT=1000000");
+  Reset(c);
+  ASSERT_EQ(Convert(c, UnderTest().faultsExe,
+                    elsewhere + kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(OperationsOf(whole) / 2) + ":4")
+                .status,
+            99);
+  EXPECT_FALSE(Exists(c.journal));
+  EXPECT_TRUE(Exists(s.Path("elsewhere/ORVA.DAT.journal")));
+  const RunResult refused = Convert(c, UnderTest().exe, elsewhere);
+  EXPECT_NE(refused.err.find("byteturn-recover"), std::string::npos) << refused.err;
+  const RunResult notFound = Recover(c);
+  EXPECT_EQ(notFound.status, 1) << "the journal is not beside the database";
+  const RunResult r = RunByteturn({"ORVA.DAT"}, c.answers, c.dir, UnderTest().recoverExe, elsewhere);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_FALSE(Exists(s.Path("elsewhere/ORVA.DAT.journal")));
+  fs::remove(c.lock);
+  ExpectTwin(c);
+
+  // Off: no journal, the run as without the journal.
+  Reset(c);
+  ASSERT_EQ(Convert(c, UnderTest().faultsExe, "BYTETURN_JOURNAL=off " + kSmallGroups + "BYTETURN_POWERCUT=40:1").status, 99);
+  EXPECT_FALSE(Exists(c.journal));
+  EXPECT_FALSE(FilesEqual(c.files, c.pristine)) << "written without a journal";
+  // A run refused before its first write (wrong order asked) leaves no journal.
+  Reset(c);
+  const RunResult wrongOrder = RunByteturn({"-b", "ORVA.DAT"}, "", c.dir, UnderTest().exe);
+  EXPECT_EQ(wrongOrder.status, 1) << wrongOrder.out;
+  EXPECT_FALSE(Exists(c.journal));
+  EXPECT_TRUE(FilesEqual(c.files, c.pristine));
+}

@@ -241,10 +241,46 @@ std::string JournalPathFor(const std::string& fileName) {
   return dir + (separated ? "" : std::string(1, platform::kSeparator)) + BaseName(fileName) + ".journal";
 }
 
+namespace {
+
+// A journal whose header names this very file as the main file of its run: found under another
+// name where the main file was renamed after the run.
+std::string JournalNamingThisFile(const std::string& fileName, const std::string& elsewhere) {
+  const platform::File main = platform::OpenReadOnly(fileName);
+  if (main == platform::kInvalidFile) return std::string();
+  const platform::FileIdentity identity = platform::IdentityOf(main);
+  platform::Close(main);
+  std::vector<std::string> prefixes{fileName.rfind(platform::kSeparator) == std::string::npos
+                                        ? std::string()
+                                        : DirectoryOf(fileName) + platform::kSeparator};
+  if (!elsewhere.empty() && elsewhere.rfind(platform::kSeparator) != std::string::npos)
+    prefixes.push_back(DirectoryOf(elsewhere) + platform::kSeparator);
+  std::vector<std::uint8_t> bytes(journal::kHeaderBytes);
+  for (const std::string& prefix : prefixes) {
+    for (const std::string& name : platform::DirectoryEntries(prefix.empty() ? "." : prefix)) {
+      if (!name.ends_with(".journal")) continue;
+      const platform::File file = platform::OpenReadOnly(prefix + name);
+      if (file == platform::kInvalidFile) continue;
+      const std::int64_t size = platform::FileSize(file);
+      const std::uint32_t n = static_cast<std::uint32_t>(std::min<std::int64_t>(std::max<std::int64_t>(size, 0), journal::kHeaderBytes));
+      journal::Header header;
+      std::string why;
+      const bool named = ReadThrough(file, 0, bytes.data(), n) && journal::DecodeHeader(bytes.data(), n, header, why) &&
+                         !header.volumes.empty() && header.volumes[0].identity == identity;
+      platform::Close(file);
+      if (named) return prefix + name;
+    }
+  }
+  return std::string();
+}
+
+}  // namespace
+
 std::string ExistingJournal(const std::string& fileName) {
   if (platform::FileExists(fileName + ".journal")) return fileName + ".journal";
   const std::string elsewhere = JournalPathFor(fileName);
-  return !elsewhere.empty() && platform::FileExists(elsewhere) ? elsewhere : std::string();
+  if (!elsewhere.empty() && platform::FileExists(elsewhere)) return elsewhere;
+  return JournalNamingThisFile(fileName, elsewhere);
 }
 
 std::string RecoverLine(const std::string& journalPath, const std::string& fileName) {
@@ -321,7 +357,10 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   }
 }
 
-bool JournalGroupFull() { return j.active && j.arena.size() >= kGroupBytes; }
+bool JournalGroupFull() {
+  static const std::size_t limit = platform::TestGroupBytes() != 0 ? platform::TestGroupBytes() : kGroupBytes;
+  return j.active && j.arena.size() >= limit;
+}
 bool JournalGroupWaits() { return j.active && !j.held.empty() && (JournalGroupFull() || HeldOutputWaits()); }
 
 void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {

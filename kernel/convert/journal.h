@@ -27,8 +27,9 @@ namespace bt {
 inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20;
 
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
-// database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory. The first
-// that exists, or "".
+// database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the
+// file's name or, where the file was renamed since, under any name whose header names this file.
+// The first that exists, or "".
 std::string JournalPathFor(const std::string& fileName);
 std::string ExistingJournal(const std::string& fileName);
 // The line that sends the operator to byteturn-recover.

@@ -18,19 +18,28 @@ std::uint64_t Round(std::uint64_t lane, std::uint64_t word) { return Rotl(lane +
 // Appends fields in order.
 struct Writer {
   std::vector<std::uint8_t> bytes;
-  void U16(std::uint16_t v) { StoreLE16(Grow(2), v); }
-  void U32(std::uint32_t v) { StoreLE32(Grow(4), v); }
-  void U64(std::uint64_t v) { StoreLE64(Grow(8), v); }
+  void U16(std::uint16_t v) {
+    std::uint8_t b[2];
+    StoreLE16(b, v);
+    Raw(b, 2);
+  }
+  void U32(std::uint32_t v) {
+    std::uint8_t b[4];
+    StoreLE32(b, v);
+    Raw(b, 4);
+  }
+  void U64(std::uint64_t v) {
+    std::uint8_t b[8];
+    StoreLE64(b, v);
+    Raw(b, 8);
+  }
   void Raw(const void* p, std::size_t n) {
-    if (n != 0) std::memcpy(Grow(n), p, n);
+    const auto* q = static_cast<const std::uint8_t*>(p);
+    bytes.insert(bytes.end(), q, q + n);
   }
   void Text(const std::string& s) {
     U16(static_cast<std::uint16_t>(s.size()));
     Raw(s.data(), s.size());
-  }
-  std::uint8_t* Grow(std::size_t n) {
-    bytes.resize(bytes.size() + n);
-    return bytes.data() + bytes.size() - n;
   }
 };
 

@@ -261,6 +261,17 @@ void Generate(const gendb::Params& params, const std::string& path) {
   ASSERT_EQ(error, "") << path;
 }
 
+void MakeNodeMalformed(const gendb::Params& p, const std::string& dir) {
+  const std::string db = dir + "/ORVA.DAT";
+  const std::uint32_t size = gendb::GeometryFor(p.sizeCode).blockSize;
+  const auto bytes = ReadBytes(db);
+  for (std::uint64_t at = 400ull * size; at < bytes.size(); at += size) {
+    if (bytes[at + 4] != 8) continue;
+    PatchU32(db, at + 28, 0x80000000u, p.bigEndian);
+    return;
+  }
+}
+
 void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,
                            std::uint32_t first, std::uint32_t blockSize) {
   const auto now = ReadBytes(db), converted = ReadBytes(twin), before = ReadBytes(original);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -98,6 +99,13 @@ gendb::Params TwinOf(gendb::Params params);
 // A big-endian database of 4096-byte blocks up to lastBlock, mostly free blocks left as holes:
 // many blocks and progress lines that cost little disk.
 gendb::Params SparseDatabase(std::uint32_t lastBlock, double freeShare);
+
+// Makes the first node of the first data block from block 400 on zero length, in the files
+// generated for p into directory dir: its message, and the rest of the block as it was.
+void MakeNodeMalformed(const gendb::Params& p, const std::string& dir);
+inline std::function<void(const std::string&)> MalformedNode(const gendb::Params& p) {
+  return [p](const std::string& dir) { MakeNodeMalformed(p, dir); };
+}
 
 // Blocks before first of the file db are those of the file twin (converted), blocks from first on
 // those of original (as they were).

@@ -122,6 +122,8 @@ struct PowerCut {
   std::vector<PendingName> names;
 };
 
+void TellOperations();
+
 PowerCut& Cut() {
   static PowerCut cut = [] {
     PowerCut c;
@@ -129,11 +131,14 @@ PowerCut& Cut() {
       const std::vector<std::string> f = Split(text, ':');
       c.at = std::strtoull(f[0].c_str(), nullptr, 10);
       if (f.size() > 1) c.seed = std::strtoull(f[1].c_str(), nullptr, 10);
+      if (c.at != 0) std::atexit(TellOperations);
     }
     return c;
   }();
   return cut;
 }
+
+void TellOperations() { std::fprintf(stderr, "operations %llu\n", static_cast<unsigned long long>(Cut().operations)); }
 
 bool Recording() { return Cut().at != 0 && !Cut().cutting; }
 
@@ -273,5 +278,6 @@ void AfterCreate(const std::string& path) {
 
 std::uint32_t BatchBlocks() { return Number("BYTETURN_BATCH_BLOCKS"); }
 std::uint32_t CheckSlots() { return Number("BYTETURN_CHECK_SLOTS"); }
+std::uint32_t GroupBytes() { return Number("BYTETURN_GROUP_BYTES"); }
 
 }  // namespace platform::faults

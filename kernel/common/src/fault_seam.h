@@ -23,6 +23,9 @@
 // not), and every name created, renamed or removed since the last directory flush stays or goes
 // back, each as the seed decides; then the process ends at once (status 99, "power cut" on
 // standard error), without any cleanup.
+// A run with a power cut planned that ends before it prints "operations N" (those counted) on
+// standard error at its end.
+// BYTETURN_GROUP_BYTES sets the bytes of writes a journaled run holds per group.
 // BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call;
 // BYTETURN_CHECK_SLOTS the number of held blocks and of chunks of marks that byteturn-check keeps
 // in memory (so that a small database sends them to its temporary files).
@@ -51,6 +54,8 @@ void AfterCreate(const std::string& path);
 std::uint32_t BatchBlocks();
 // BYTETURN_CHECK_SLOTS (0: the program's own choice).
 std::uint32_t CheckSlots();
+// BYTETURN_GROUP_BYTES (0: the program's own choice).
+std::uint32_t GroupBytes();
 // The power cut's record of what is not durable yet.
 void NoteCreated(File file, const std::string& path);
 void BeforeWrite(File file, std::uint64_t position, std::size_t size);
@@ -69,6 +74,7 @@ inline void BeforeCreate(const std::string&) {}
 inline void AfterCreate(const std::string&) {}
 inline std::uint32_t BatchBlocks() { return 0; }
 inline std::uint32_t CheckSlots() { return 0; }
+inline std::uint32_t GroupBytes() { return 0; }
 inline void NoteCreated(File, const std::string&) {}
 inline void BeforeWrite(File, std::uint64_t, std::size_t) {}
 inline void AfterWrite() {}

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace platform {
 
@@ -55,6 +56,8 @@ std::uint32_t TestBatchBlocks();
 // Held blocks and chunks of marks that a test build asks byteturn-check to keep in memory; 0 in
 // the program itself.
 std::uint32_t TestCheckSlots();
+// Bytes of writes a journaled run holds per group that a test build asks for; 0 in the program.
+std::uint32_t TestGroupBytes();
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);
@@ -100,6 +103,8 @@ void* LibraryOpen(const std::string& path);
 void* LibrarySymbol(void* library, const char* name);
 void LibraryClose(void* library);
 bool FileExists(const std::string& path);
+// Names in the directory ("." and ".." left out); none when it cannot be read.
+std::vector<std::string> DirectoryEntries(const std::string& directory);
 bool RemoveFile(const std::string& path);
 // Gives file from the name to, replacing a file of that name; on Windows written through to disk.
 bool RenameFile(const std::string& from, const std::string& to);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
@@ -146,6 +147,7 @@ void StartWriteBack(File file, std::uint64_t position, std::uint64_t size) {
 
 std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
 std::uint32_t TestCheckSlots() { return faults::CheckSlots(); }
+std::uint32_t TestGroupBytes() { return faults::GroupBytes(); }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
@@ -264,6 +266,18 @@ void LibraryClose(void* library) {
 bool FileExists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> DirectoryEntries(const std::string& directory) {
+  std::vector<std::string> names;
+  DIR* d = ::opendir(directory.c_str());
+  if (d == nullptr) return names;
+  while (const dirent* e = ::readdir(d)) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(d);
+  return names;
 }
 
 bool RemoveFile(const std::string& path) {

@@ -140,6 +140,7 @@ void StartWriteBack(File, std::uint64_t, std::uint64_t) {}
 
 std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
 std::uint32_t TestCheckSlots() { return faults::CheckSlots(); }
+std::uint32_t TestGroupBytes() { return faults::GroupBytes(); }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
@@ -212,6 +213,19 @@ void LibraryClose(void* library) {
 }
 
 bool FileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+std::vector<std::string> DirectoryEntries(const std::string& directory) {
+  std::vector<std::string> names;
+  WIN32_FIND_DATAA found;
+  const HANDLE h = FindFirstFileA((directory + "\\*").c_str(), &found);
+  if (h == INVALID_HANDLE_VALUE) return names;
+  do {
+    const std::string name = found.cFileName;
+    if (name != "." && name != "..") names.push_back(name);
+  } while (FindNextFileA(h, &found));
+  FindClose(h);
+  return names;
+}
+
 bool RemoveFile(const std::string& path) {
   if (faults::RemoveHeld(path)) return true;
   return _unlink(path.c_str()) == 0;
