@@ -30,6 +30,7 @@ struct HeldWrite {
 struct JournalFile {
   platform::File handle = platform::kInvalidFile;
   bool unflushed = false;  // written since its last flush
+  std::uint64_t writtenFrom = 0, writtenTo = 0;  // the bytes written since, from the first to the last
 };
 
 struct Journal {
@@ -131,23 +132,38 @@ std::uint64_t PlaceRecord(std::uint64_t size) {
   return (end + journal::kRecordAlignment - 1) / journal::kRecordAlignment * journal::kRecordAlignment;
 }
 
-// Copies the bytes the group's writes replace, as the disk holds them, into the record.
+// Copies the bytes the group's writes replace, as the disk holds them, into the record: read
+// into a staging buffer, so that the journal takes them in few large writes.
 void WriteRecord(std::uint64_t offset, const std::vector<std::uint8_t>& head, journal::Checksum& sum) {
-  WriteJournalOrFail(head.data(), head.size(), offset);
-  sum.Add(head.data(), head.size());
-  std::uint64_t at = offset + head.size();
-  static std::vector<std::uint8_t> image;
-  for (const HeldWrite& w : j.held) {
-    image.resize(w.size);
-    platform::ClearLastError();
-    const platform::File file = VolumeHandle(w.volume);
-    if (!ReadThrough(file, w.position, image.data(), w.size)) {
-      Fail("\r\nError read block #%u. %s\r\n", w.block, ErrorText());
+  static std::vector<std::uint8_t> staging(kStagingBytes);
+  std::size_t filled = 0;
+  std::uint64_t at = offset;
+  const auto flush = [&] {
+    sum.Add(staging.data(), filled);
+    WriteJournalOrFail(staging.data(), filled, at);
+    platform::StartWriteBack(j.file, at, filled);  // on its way while the rest is gathered
+    at += filled;
+    filled = 0;
+  };
+  const auto stage = [&](std::size_t size, const auto& fill) {
+    for (std::size_t done = 0; done < size;) {
+      if (filled == staging.size()) flush();
+      const std::size_t piece = std::min(size - done, staging.size() - filled);
+      fill(done, staging.data() + filled, piece);
+      filled += piece;
+      done += piece;
     }
-    WriteJournalOrFail(image.data(), w.size, at);
-    sum.Add(image.data(), w.size);
-    at += w.size;
+  };
+  stage(head.size(), [&](std::size_t from, std::uint8_t* to, std::size_t n) { std::memcpy(to, head.data() + from, n); });
+  for (const HeldWrite& w : j.held) {
+    const platform::File file = VolumeHandle(w.volume);
+    stage(w.size, [&](std::size_t from, std::uint8_t* to, std::size_t n) {
+      platform::ClearLastError();
+      if (!ReadThrough(file, w.position + from, to, static_cast<std::uint32_t>(n)))
+        Fail("\r\nError read block #%u. %s\r\n", w.block + static_cast<std::uint32_t>(from / blockSize), ErrorText());
+    });
   }
+  if (filled != 0) flush();
 }
 
 // A write of the group failed: the messages made before it are shown, then the run's message.
@@ -170,15 +186,20 @@ void WriteRecord(std::uint64_t offset, const std::vector<std::uint8_t>& head, jo
 }
 
 // The writes in the run's order; the messages made before each are shown before it is made.
+// Each file's part of the group is then sent on its way to the disk, for the next commit's flush.
 void ApplyGroup() {
   for (const HeldWrite& w : j.held) {
     CapHeldOutput(w.cap);
     ReleaseHeldOutput(UINT64_MAX);
     const platform::File file = VolumeHandle(w.volume);
     if (!WriteThrough(file, w.position, j.arena.data() + w.offset, w.size)) WriteFailed(w, file);
-    j.files[w.volume].unflushed = true;
-    platform::StartWriteBack(file, w.position, w.size);
+    JournalFile& f = j.files[w.volume];
+    f.writtenFrom = f.unflushed ? std::min(f.writtenFrom, w.position) : w.position;
+    f.writtenTo = f.unflushed ? std::max(f.writtenTo, w.position + w.size) : w.position + w.size;
+    f.unflushed = true;
   }
+  for (const JournalFile& f : j.files)
+    if (f.unflushed) platform::StartWriteBack(f.handle, f.writtenFrom, f.writtenTo - f.writtenFrom);
 }
 
 void ClearGroup() {

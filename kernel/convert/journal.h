@@ -25,6 +25,8 @@
 namespace bt {
 
 inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20;
+// The bytes a commit gathers before each write to the journal.
+inline constexpr std::size_t kStagingBytes = std::size_t{1} << 20;
 
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
 // database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the

@@ -82,6 +82,14 @@ int main(int argc, char** argv) {
     if (!gendb::WriteKeyfile(keyfile.string(), version, "k", "admin", "pw", key).empty()) return 1;
     Write(out / "keyfile", keyfiles, {1, 'k'}, Read(keyfile));
   }
+  // Journals built by the target: one whole and as written, one with a byte of its newer commit
+  // sector changed; and a file that only begins as a journal does.
+  const Bytes journal = {0,    0x12, 0x34, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 3, 1, 2, 0, 1,
+                         0x80, 2,    1,    0, 5, 1, 2, 0, 2, 0, 16, 1, 1, 1, 0, 1, 0, 0, 2, 1, 0};
+  int journals = 0;
+  Write(out / "journal", journals, {}, journal);
+  Write(out / "journal", journals, journal, {0x00, 0x82, 0x10, 0x55});
+  Write(out / "journal", journals, {1}, {'B', 'T', 'J', 'O', 'U', 'R', 'N', 'L', 1, 0, 0, 0});
   fs::remove_all(work);
   return 0;
 }

@@ -130,11 +130,15 @@ int main(int argc, char** argv) {
   const std::string peakFile = dir + "/bench.peak";
   const std::string convert = "/usr/bin/time -f %M -o " + peakFile + " " + byteturn + " -t " + db + " > /dev/null" +
                               (encrypted ? " 2>/dev/null < " + answers : std::string());
+  // The same run without a journal, as byteturn ran before it kept one.
+  const std::string offPeakFile = dir + "/bench.off-peak";
+  const std::string convertOff = "BYTETURN_JOURNAL=off /usr/bin/time -f %M -o " + offPeakFile + " " + byteturn + " -t " + db +
+                                 " > /dev/null" + (encrypted ? " 2>/dev/null < " + answers : std::string());
   const std::string checkPeakFile = dir + "/bench.check-peak";
   const std::string check = "/usr/bin/time -f %M -o " + checkPeakFile + " " + byteturnCheck + " -t " + db + " > /dev/null" +
                             (encrypted ? " 2>/dev/null < " + answers : std::string());
-  std::vector<double> timesBlock, timesLarge, timesConvert, timesCheck;
-  std::int64_t peakKiB = 0, checkPeakKiB = 0;
+  std::vector<double> timesBlock, timesLarge, timesConvert, timesOff, timesCheck;
+  std::int64_t peakKiB = 0, offPeakKiB = 0, checkPeakKiB = 0;
   const auto peakOf = [](const std::string& file, std::int64_t& peak) {
     if (std::FILE* f = std::fopen(file.c_str(), "r")) {
       long long kib = 0;
@@ -144,21 +148,24 @@ int main(int argc, char** argv) {
   };
   // Each copy follows a conversion, so that it rewrites a file whose bytes have just changed, as
   // the conversion always does: on a virtual disk a copy right after another copy has been seen
-  // to take a third of the time. Two conversions per round leave the file as it was.
+  // to take a third of the time. Two conversions per round (the first journaled, the second not)
+  // leave the file as it was.
   for (int r = 0; r < rounds; ++r) {
     // The check reads what the conversion before it wrote, as the conversion does.
     const double tc = TimeCommand(convert, cold), tk = TimeCommand(check, cold), tb = TimeCommand(rewriteBlock, cold);
-    const double tc2 = TimeCommand(convert, cold), tl = TimeCommand(rewriteLarge, cold);
-    timesConvert.push_back(tc2);
+    const double to = TimeCommand(convertOff, cold), tl = TimeCommand(rewriteLarge, cold);
+    timesConvert.push_back(tc);
+    timesOff.push_back(to);
     timesCheck.push_back(tk);
     peakOf(peakFile, peakKiB);
+    peakOf(offPeakFile, offPeakKiB);
     peakOf(checkPeakFile, checkPeakKiB);
-    std::printf("round %d: byteturn %.3f s, byteturn-check %.3f s, dd bs=%u %.3f s, byteturn %.3f s, dd bs=1M %.3f s\n",
-                r + 1, tc, tk, g.blockSize, tb, tc2, tl);
+    std::printf("round %d: byteturn %.3f s, byteturn-check %.3f s, dd bs=%u %.3f s, byteturn without journal %.3f s, "
+                "dd bs=1M %.3f s\n",
+                r + 1, tc, tk, g.blockSize, tb, to, tl);
     std::fflush(stdout);
     timesBlock.push_back(tb);
     timesLarge.push_back(tl);
-    timesConvert.push_back(tc);
   }
   // The best round of each, and the middle one: on a shared machine, and from a disk whose host
   // may cache it, single rounds can be far off either way.
@@ -167,12 +174,17 @@ int main(int argc, char** argv) {
   std::printf("page cache:                        %s\n", cold ? "emptied before each command" : "warm");
   std::printf("dd conv=notrunc,fsync bs=%-6u    %.3f s, %.0f MiB/s\n", g.blockSize, bestBlock, mib / bestBlock);
   std::printf("dd conv=notrunc,fsync bs=1M        %.3f s, %.0f MiB/s\n", bestLarge, mib / bestLarge);
-  std::printf("byteturn -t (flushed at the end)   %.3f s, %.0f MiB/s\n", bestConvert, mib / bestConvert);
+  std::printf("byteturn -t (journaled, flushed)   %.3f s, %.0f MiB/s\n", bestConvert, mib / bestConvert);
   std::printf("ratio byteturn / dd bs=%-6u      %.2f (median of rounds: %.2f)\n", g.blockSize, bestConvert / bestBlock,
               Median(timesConvert) / Median(timesBlock));
   std::printf("ratio byteturn / dd bs=1M          %.2f (median of rounds: %.2f)\n", bestConvert / bestLarge,
               Median(timesConvert) / Median(timesLarge));
   std::printf("peak resident memory of byteturn   %.1f MiB\n", static_cast<double>(peakKiB) / 1024.0);
+  const double bestOff = Best(timesOff);
+  std::printf("byteturn -t, BYTETURN_JOURNAL=off  %.3f s, %.0f MiB/s\n", bestOff, mib / bestOff);
+  std::printf("ratio journaled / without journal  %.2f (median of rounds: %.2f)\n", bestConvert / bestOff,
+              Median(timesConvert) / Median(timesOff));
+  std::printf("peak resident memory without journal %.1f MiB\n", static_cast<double>(offPeakKiB) / 1024.0);
   const double bestCheck = Best(timesCheck);
   std::printf("byteturn-check -t (writes nothing) %.3f s, %.0f MiB/s\n", bestCheck, mib / bestCheck);
   std::printf("ratio byteturn-check / byteturn    %.2f (median of rounds: %.2f)\n", bestCheck / bestConvert,

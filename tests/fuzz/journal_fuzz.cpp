@@ -1,0 +1,112 @@
+// The journal reader on damaged journals. Input: a selector byte, then bytes. Selector bit 0 set:
+// the bytes are the whole journal file. Otherwise a journal is built from them (its header, two
+// commit sectors and the record the newer one names, each with its checksum right), then the rest
+// of the input changes it ((position, value) pairs) and the last of them may cut it short. Also,
+// every input is decoded as the head of a record. Whatever the reader accepts must hold together.
+#include <algorithm>
+#include <cstring>
+
+#include "fuzz_target.h"
+#include "journal_format.h"
+
+namespace {
+
+using bt::journal::kCommitBytes;
+using bt::journal::kCommitOffset;
+using bt::journal::kRecordsOffset;
+
+// Takes values from the input in order; zeros once it is used up.
+struct Source {
+  const std::uint8_t* p;
+  std::size_t size, at = 0;
+  std::uint32_t Next(std::uint32_t bytes) {
+    std::uint32_t v = 0;
+    for (std::uint32_t i = 0; i < bytes; ++i) v = v << 8 | (at < size ? p[at++] : 0);
+    return v;
+  }
+};
+
+std::vector<std::uint8_t> BuildJournal(Source& in) {
+  bt::journal::Header header;
+  header.runId = in.Next(2);
+  for (std::size_t i = 0; i < 16; ++i) header.label[i] = static_cast<std::uint8_t>(in.Next(1));
+  header.mainFile = std::string(in.Next(1) % 8, 'F');
+  header.directories.resize(in.Next(1) % 3, "dir/");
+  header.volumes.resize(in.Next(1) % 4);
+  for (auto& v : header.volumes) v.directory = static_cast<std::uint16_t>(in.Next(1) % 4);
+  std::vector<std::uint8_t> file = bt::journal::EncodeHeader(header);
+  file.resize(kRecordsOffset);
+
+  bt::journal::RecordHead head;
+  head.runId = in.Next(1) < 16 ? header.runId + 1 : header.runId;
+  head.number = in.Next(1) % 3;
+  head.blockSize = 1u << (in.Next(1) % 3 + 9);
+  head.resumeBlock = in.Next(2);
+  head.maps.listed.resize(in.Next(1) % 4, 7);
+  head.entries.resize(in.Next(1) % 4);
+  std::size_t images = 0;
+  for (auto& e : head.entries) {
+    e.volume = in.Next(1) % 4;
+    e.blocks = in.Next(1) % 3;
+    e.position = in.Next(2);
+    images += std::size_t{e.blocks} * head.blockSize;
+  }
+  std::vector<std::uint8_t> record = bt::journal::EncodeRecordHead(head);
+  record.resize(record.size() + images, 0xA5);
+
+  bt::journal::Commit commits[2];
+  for (int s = 0; s < 2; ++s) {
+    commits[s].runId = header.runId;
+    commits[s].number = in.Next(1) % 3;
+    commits[s].recordOffset = kRecordsOffset + 4096 * (in.Next(1) % 2);
+    commits[s].recordSize = record.size() - in.Next(1) % 2;
+    commits[s].recordChecksum = bt::journal::ChecksumOf(record.data(), record.size());
+    bt::journal::EncodeCommit(commits[s], file.data() + kCommitOffset + kCommitBytes * s);
+  }
+  const bt::journal::Commit& newer = commits[0].number >= commits[1].number ? commits[0] : commits[1];
+  file.resize(std::max<std::size_t>(file.size(), newer.recordOffset + record.size()));
+  std::copy(record.begin(), record.end(), file.begin() + static_cast<std::ptrdiff_t>(newer.recordOffset));
+
+  while (in.at + 4 <= in.size) {
+    const std::uint32_t position = in.Next(3) % (file.size() + 1);
+    const std::uint8_t value = static_cast<std::uint8_t>(in.Next(1));
+    if (position == file.size()) {
+      file.resize(value * file.size() / 256);
+    } else {
+      file[position] = value;
+    }
+  }
+  return file;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size < 1) return 0;
+  bt::journal::RecordHead head;
+  std::size_t imagesOffset = 0;
+  if (bt::journal::DecodeRecordHead(data + 1, size - 1, head, imagesOffset) && imagesOffset > size - 1) __builtin_trap();
+
+  Source in{data + 1, size - 1};
+  const std::vector<std::uint8_t> file =
+      data[0] & 1 ? std::vector<std::uint8_t>(data + 1, data + size) : BuildJournal(in);
+  // Reads that would leave the file fail, as a short read of the platform does.
+  const auto read = [&](std::uint64_t position, std::uint8_t* buffer, std::size_t n) {
+    if (position > file.size() || n > file.size() - position) return false;
+    std::memcpy(buffer, file.data() + position, n);
+    return true;
+  };
+  bt::journal::Found found;
+  std::string why;
+  if (!bt::journal::ReadJournal(read, file.size(), found, why)) {
+    if (why.empty()) __builtin_trap();  // a refusal always says why
+    return 0;
+  }
+  if (found.header.volumes.empty()) __builtin_trap();
+  if (found.commit.number == 0) return 0;
+  if (found.record.size() != found.commit.recordSize || found.imagesOffset > found.record.size()) __builtin_trap();
+  std::uint64_t images = 0;
+  for (const auto& e : found.head.entries) images += std::uint64_t{e.blocks} * found.head.blockSize;
+  if (images != found.record.size() - found.imagesOffset || found.head.number != found.commit.number) __builtin_trap();
+  return 0;
+}
