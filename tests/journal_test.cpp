@@ -209,6 +209,31 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
   }
 }
 
+// Every write, flush and rename of a small run, with two seeds each (on the emulated platforms,
+// which run each process slowly, every fifth point with one).
+TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
+  gendb::Params p = Rich();
+  p.lastBlock = 160;
+  p.compressShare = 0.3;
+  Scratch s;
+  const Case c = Prepare(s, p);
+  const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
+  const RunResult whole = Convert(c, UnderTest().faultsExe, groups + "BYTETURN_POWERCUT=1000000");
+  ASSERT_EQ(whole.status, 0);
+  const std::uint64_t operations = OperationsOf(whole);
+  for (std::uint64_t n = 1; n <= operations; n += Emulated() ? 5 : 1) {
+    for (int seed = 1; seed <= (Emulated() ? 1 : 2); ++seed) {
+      SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed));
+      Reset(c);
+      const RunResult cut =
+          Convert(c, UnderTest().faultsExe, groups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(seed));
+      ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+      FinishAndExpectTwin(c);
+      if (HasFailure()) return;
+    }
+  }
+}
+
 // The power goes again while the recovery runs: the next recovery still gives the twin.
 TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
   std::mt19937_64 rng(7);
@@ -495,4 +520,43 @@ TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
   EXPECT_EQ(wrongOrder.status, 1) << wrongOrder.out;
   EXPECT_FALSE(Exists(c.journal));
   EXPECT_TRUE(FilesEqual(c.files, c.pristine));
+}
+
+// A volume set's recovery opens its volumes where the run found them, without asking; a volume
+// that is missing, or another file in its place, is named, and nothing changes.
+TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
+  Scratch s;
+  gendb::Params set = Rich();
+  set.lastBlock = 1000;
+  set.volumeSet.volumes = 2;
+  set.volumeSet.directories = {"more/"};
+  set.volumeSet.storedList = {"more/"};
+  set.volumeSet.placement = {1, 0};
+  const Case c = Prepare(s, set);
+  CutHalfway(c);
+  const std::string volume = c.files[1];  // in more/
+  ASSERT_NE(volume.find("more"), std::string::npos);
+  fs::rename(volume, s.Path("away.vol"));
+  const Snapshot before = [&] {
+    Snapshot b{{}, ReadBytes(c.journal)};
+    for (const std::string& f : {c.files[0], c.files[2]}) b.files.push_back(ReadBytes(f));
+    return b;
+  }();
+  const RunResult missing = Recover(c, "", "");
+  EXPECT_EQ(missing.status, 1) << missing.out << missing.err;
+  EXPECT_NE(missing.err.find("ORVA-0001.VOL"), std::string::npos) << missing.err;
+  EXPECT_EQ(missing.out.find("Are volumes in their expected locations?"), std::string::npos) << missing.out;
+  // A copy in its place is another file.
+  fs::copy_file(s.Path("away.vol"), volume);
+  const RunResult copy = Recover(c, "", "");
+  EXPECT_EQ(copy.status, 1);
+  EXPECT_NE(copy.err.find("is not the file that the interrupted run converted"), std::string::npos) << copy.err;
+  EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.files[2]) == before.files[1]);
+  EXPECT_TRUE(ReadBytes(c.journal) == before.journal);
+  fs::remove(volume);
+  fs::rename(s.Path("away.vol"), volume);
+  const RunResult r = Recover(c, "", "");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  fs::remove(c.lock);
+  ExpectTwin(c);
 }

@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Reads that would leave the file fail, as a short read of the platform does.
   const auto read = [&](std::uint64_t position, std::uint8_t* buffer, std::size_t n) {
     if (position > file.size() || n > file.size() - position) return false;
-    std::memcpy(buffer, file.data() + position, n);
+    if (n != 0) std::memcpy(buffer, file.data() + position, n);
     return true;
   };
   bt::journal::Found found;
