@@ -288,8 +288,10 @@ TEST(Journal, KilledAndInterruptedRunsAreFinished) {
     const double at = seconds * (round + std::uniform_real_distribution<double>(0.1, 0.9)(rng)) / rounds;
     SCOPED_TRACE(std::string(signal) + " after " + std::to_string(at) + " s of " + std::to_string(seconds));
     Reset(c);
-    // The environment words come first in the shell command: timeout runs the program.
-    const RunResult killed = Convert(c, UnderTest().exe, "timeout -s " + std::string(signal) + " " + std::to_string(at));
+    // The environment words come first in the shell command: timeout runs the program, and waits
+    // for it to be gone (in its own process group, a KILL would end timeout first).
+    const std::string timeout = "timeout --foreground -s " + std::string(signal) + " " + std::to_string(at);
+    const RunResult killed = Convert(c, UnderTest().exe, timeout);
     if (killed.status == 0) continue;  // it was quicker this time
     FinishAndExpectTwin(c);
     if (HasFailure()) return;
