@@ -21,7 +21,7 @@ File OpenReadOnly(const std::string& path);
 // Creates a file that must not exist yet (atomically) and opens it for writing as text;
 // nullptr when it exists already or cannot be created.
 std::FILE* CreateNewTextFile(const std::string& path);
-// Creates (or truncates) a file for reading and writing. Used by the tools, not the conversion.
+// Creates (or truncates) a file for reading and writing: the journal, and the tools' files.
 File CreateReadWrite(const std::string& path);
 void Close(File file);
 // What identifies the file behind a handle: handles opened through different paths to one file
