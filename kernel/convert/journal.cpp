@@ -282,8 +282,8 @@ std::string JournalNamingThisFile(const std::string& fileName, const std::string
       if (!name.ends_with(".journal")) continue;
       const platform::File file = platform::OpenReadOnly(prefix + name);
       if (file == platform::kInvalidFile) continue;
-      const std::int64_t size = std::max<std::int64_t>(platform::FileSize(file), 0);
-      const auto n = static_cast<std::uint32_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(size), journal::kHeaderBytes));
+      const auto n = static_cast<std::uint32_t>(
+          std::clamp<std::int64_t>(platform::FileSize(file), 0, static_cast<std::int64_t>(journal::kHeaderBytes)));
       journal::Header header;
       std::string why;
       const bool named = ReadThrough(file, 0, bytes.data(), n) && journal::DecodeHeader(bytes.data(), n, header, why) &&
