@@ -181,6 +181,45 @@ std::vector<std::pair<std::string, gendb::Params>> EveryKind() {
 
 }  // namespace
 
+// The undo of a write holds the words it changes as they were, a bitmap telling which: put back
+// over whatever a write lost, kept or torn at 512-byte boundaries leaves, it gives the block as
+// it was, and it takes no more room than that.
+TEST(Journal, AnUndoPutsBackTheWordsAnyTornWriteChanged) {
+  std::mt19937_64 rng(7);
+  for (std::uint32_t size : {4096u, 8192u, 65536u})
+    for (unsigned share : {0u, 3u, 50u, 97u, 100u}) {  // percent of the words the write changes
+      SCOPED_TRACE(std::to_string(size) + " bytes, " + std::to_string(share) + "% changed");
+      std::vector<std::uint8_t> before(size), after(size);
+      for (auto& b : before) b = static_cast<std::uint8_t>(rng());
+      std::vector<std::uint8_t> bitmap(size / 64), words;
+      after = before;
+      for (std::uint32_t w = 0; w < size / 8; ++w) {
+        if (rng() % 100 >= share) continue;
+        after[8 * w + rng() % 8] ^= static_cast<std::uint8_t>(1 + rng() % 255);  // one byte of it, or more
+        if (rng() % 2) after[8 * w + rng() % 8] ^= 0x80;
+        if (std::equal(before.begin() + 8 * w, before.begin() + 8 * w + 8, after.begin() + 8 * w)) continue;
+        bitmap[w / 8] |= static_cast<std::uint8_t>(1u << w % 8);
+        words.insert(words.end(), before.begin() + 8 * w, before.begin() + 8 * w + 8);
+      }
+      std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
+      const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, undo.data());
+      ASSERT_EQ(n, bitmap.size() + words.size());
+      EXPECT_TRUE(std::equal(bitmap.begin(), bitmap.end(), undo.begin()));
+      EXPECT_TRUE(std::equal(words.begin(), words.end(), undo.begin() + static_cast<std::ptrdiff_t>(bitmap.size())));
+      EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size), n);
+      EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size), 0u);
+      for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
+        std::vector<std::uint8_t> torn = after;
+        for (std::uint32_t sector = 0; sector < size / 512; ++sector)
+          if (cut == 1 || (cut > 1 && rng() % 2))
+            std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
+        const bool differs = torn != before;
+        EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, torn.data()), differs);
+        EXPECT_EQ(torn, before) << "cut " << cut;
+      }
+    }
+}
+
 // The power goes at a write, flush or rename of a run: what was not flushed is lost, kept or torn
 // as the seed decides. The recovery then gives the twin, for every kind of database.
 TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {

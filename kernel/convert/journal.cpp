@@ -42,7 +42,11 @@ struct Journal {
   // The group: its point of the run, and its writes.
   std::uint32_t groupBlock = 1;
   MapState groupMaps;
+  std::size_t groupLimit = kGroupBytes;
+  std::chrono::steady_clock::time_point groupStart = std::chrono::steady_clock::now();
   std::vector<std::uint8_t> arena;
+  std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
+  std::size_t undoSize = 0;
   std::vector<HeldWrite> held;
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
   std::vector<JournalFile> files;                         // by volume
@@ -132,38 +136,19 @@ std::uint64_t PlaceRecord(std::uint64_t size) {
   return (end + journal::kRecordAlignment - 1) / journal::kRecordAlignment * journal::kRecordAlignment;
 }
 
-// Copies the bytes the group's writes replace, as the disk holds them, into the record: read
-// into a staging buffer, so that the journal takes them in few large writes.
+// The record: its head, then the undo of the group's blocks, in pieces that are each sent on
+// their way to the disk while the next is written.
 void WriteRecord(std::uint64_t offset, const std::vector<std::uint8_t>& head, journal::Checksum& sum) {
-  static std::vector<std::uint8_t> staging(kStagingBytes);
-  std::size_t filled = 0;
-  std::uint64_t at = offset;
-  const auto flush = [&] {
-    sum.Add(staging.data(), filled);
-    WriteJournalOrFail(staging.data(), filled, at);
-    platform::StartWriteBack(j.file, at, filled);  // on its way while the rest is gathered
-    at += filled;
-    filled = 0;
-  };
-  const auto stage = [&](std::size_t size, const auto& fill) {
-    for (std::size_t done = 0; done < size;) {
-      if (filled == staging.size()) flush();
-      const std::size_t piece = std::min(size - done, staging.size() - filled);
-      fill(done, staging.data() + filled, piece);
-      filled += piece;
-      done += piece;
-    }
-  };
-  stage(head.size(), [&](std::size_t from, std::uint8_t* to, std::size_t n) { std::memcpy(to, head.data() + from, n); });
-  for (const HeldWrite& w : j.held) {
-    const platform::File file = VolumeHandle(w.volume);
-    stage(w.size, [&](std::size_t from, std::uint8_t* to, std::size_t n) {
-      platform::ClearLastError();
-      if (!ReadThrough(file, w.position + from, to, static_cast<std::uint32_t>(n)))
-        Fail("\r\nError read block #%u. %s\r\n", w.block + static_cast<std::uint32_t>(from / blockSize), ErrorText());
-    });
+  sum.Add(head.data(), head.size());
+  WriteJournalOrFail(head.data(), head.size(), offset);
+  for (std::size_t done = 0; done < j.undoSize;) {
+    const std::size_t piece = std::min(j.undoSize - done, kRecordPieceBytes);
+    const std::uint64_t at = offset + head.size() + done;
+    sum.Add(j.undo.data() + done, piece);
+    WriteJournalOrFail(j.undo.data() + done, piece, at);
+    platform::StartWriteBack(j.file, at, piece);
+    done += piece;
   }
-  if (filled != 0) flush();
 }
 
 // A write of the group failed: the messages made before it are shown, then the run's message.
@@ -204,6 +189,7 @@ void ApplyGroup() {
 
 void ClearGroup() {
   j.arena.clear();
+  j.undoSize = 0;
   j.held.clear();
   j.latest.clear();
   CapHeldOutput(UINT64_MAX);
@@ -211,20 +197,31 @@ void ClearGroup() {
 
 void CommitBeforeFailure();
 
+// A group is as large as its flushes make worth it: a small one is still in the processor's
+// cache when its writes are made, a large one spreads the flushes' cost (which a disk makes high
+// and memory nearly nil). The limit doubles while the flushes took more than an eighth of the
+// group's own time and halves while they took less than a 64th, between kMinGroupBytes and
+// kGroupBytes.
+void AdaptGroupLimit(std::chrono::steady_clock::duration flushing, std::chrono::steady_clock::time_point commitStart) {
+  if (platform::TestGroupBytes() != 0) return;
+  const auto working = commitStart - j.groupStart;
+  if (flushing * 8 > working)
+    j.groupLimit = std::min(j.groupLimit * 2, kGroupBytes);
+  else if (flushing * 64 < working)
+    j.groupLimit = std::max(j.groupLimit / 2, kMinGroupBytes);
+}
+
 void Commit() {
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
   if (!j.created) CreateJournal();
   journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}};
-  std::uint64_t size = 0;
-  for (const HeldWrite& w : j.held) {
-    head.entries.push_back({w.volume, w.size / blockSize, w.position});
-    size += w.size;
-  }
+  for (const HeldWrite& w : j.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
   const std::vector<std::uint8_t> encoded = journal::EncodeRecordHead(head);
-  size += encoded.size();
+  const std::uint64_t size = encoded.size() + j.undoSize;
   const std::uint64_t offset = PlaceRecord(size);
   journal::Checksum sum;
   WriteRecord(offset, encoded, sum);
+  const auto start = std::chrono::steady_clock::now();
   SyncJournalOrFail();
   SyncWrittenFilesOrFail();  // the group before is on disk before a commit names this one
 
@@ -232,10 +229,12 @@ void Commit() {
   journal::EncodeCommit({j.header.runId, j.nextNumber, offset, size, sum.Value()}, sector);
   WriteJournalOrFail(sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (j.nextNumber % 2));
   SyncJournalOrFail();
+  AdaptGroupLimit(std::chrono::steady_clock::now() - start, start);
   j.lastOffset = offset;
   j.lastSize = size;
   ++j.nextNumber;
   ApplyGroup();
+  j.groupStart = std::chrono::steady_clock::now();
   SetFailureHook(CommitBeforeFailure);
 }
 
@@ -325,6 +324,7 @@ void BeginJournal(bool verbose) {
                                 VolumeIdentity(v)});
   j.groupBlock = 1;
   j.groupMaps = MapState{};
+  if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
   j.arena.reserve(kGroupBytes + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
 }
@@ -340,6 +340,7 @@ void ContinueJournal(const JournalResume& resume) {
   j.lastSize = resume.lastSize;
   j.groupBlock = resume.resumeBlock;
   j.groupMaps = resume.maps;
+  if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
   j.arena.reserve(kGroupBytes + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
 }
@@ -355,11 +356,48 @@ void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
   volumeOf.emplace_back(file, volume);
 }
 
+std::uint64_t JournalGroupsWritten() { return j.nextNumber; }
+
+namespace {
+
+// The bytes block b's write replaces, as the disk holds them: constant within a group, whose writes
+// are all held.
+const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t position, std::uint32_t b) {
+  static std::vector<std::uint8_t> replaced(kMaxBlockSize);
+  const platform::File file = VolumeHandle(volume);
+  if (!ReadThrough(file, position, replaced.data(), blockSize)) Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
+  return replaced.data();
+}
+
+// Appends the undo of the write of size bytes at position of volume: the bytes it replaces are
+// those the batch read, unless a write held earlier in the group lies over them.
+void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
+              std::uint32_t size, std::uint32_t block) {
+  const std::uint32_t blocks = size / blockSize;
+  bool overlaid = false;
+  for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
+    overlaid = j.latest.contains(std::uint64_t{volume} << 32 | (position / blockSize + k));
+  const std::uint8_t* original = overlaid ? nullptr : BatchOriginal(file, position, size);
+  const std::size_t room = j.undoSize + blocks * journal::MaxUndoBytes(blockSize);
+  if (j.undo.size() < room) j.undo.resize(std::max(room, j.undo.size() + kRecordPieceBytes));
+  std::size_t end = j.undoSize;  // the group's undo grows only once the write's is whole
+  for (std::uint32_t k = 0; k < blocks; ++k) {
+    const std::size_t at = std::size_t{k} * blockSize;
+    const std::uint8_t* before =
+        original != nullptr ? original + at : ReadReplacedBlock(volume, position + at, block + k);
+    end += journal::EncodeUndo(before, bytes + at, blockSize, j.undo.data() + end);
+  }
+  j.undoSize = end;
+}
+
+}  // namespace
+
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block) {
   const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
-  if (j.held.empty()) CapHeldOutput(cap);
   const std::uint32_t volume = VolumeOfHandle(file);
+  HoldUndo(file, volume, position, bytes, size, block);
+  if (j.held.empty()) CapHeldOutput(cap);
   const std::size_t offset = j.arena.size();
   j.arena.insert(j.arena.end(), bytes, bytes + size);
   j.held.push_back({volume, size, block, position, offset, cap, failure});
@@ -378,11 +416,10 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   }
 }
 
-bool JournalGroupFull() {
-  static const std::size_t limit = platform::TestGroupBytes() != 0 ? platform::TestGroupBytes() : kGroupBytes;
-  return j.active && j.arena.size() >= limit;
+bool JournalGroupFull() { return j.active && j.arena.size() + j.undoSize >= 2 * j.groupLimit; }
+bool JournalGroupWaits() {
+  return j.active && !j.held.empty() && (j.arena.size() + j.undoSize >= j.groupLimit || HeldOutputWaits());
 }
-bool JournalGroupWaits() { return j.active && !j.held.empty() && (JournalGroupFull() || HeldOutputWaits()); }
 
 void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
   if (!j.active) return;

@@ -1,15 +1,17 @@
 // The journal of a conversion run: byteturn-recover can finish a run that ended at any point,
 // a power cut included, with every file then as the uninterrupted run leaves it.
 //
-// The run's writes are held in memory, in groups of up to kGroupBytes, and every read sees them.
-// A group ends at a point between two blocks; it is then committed: the bytes its writes replace
-// are copied to a record of the journal with that point (the block whose turn is next, the maps
-// the run knows), the record is flushed, then a commit sector naming it (after the database files
+// The run's writes are held in memory, in groups of up to kGroupBytes (with their undo, and fewer
+// where flushing is cheap), and every
+// read sees them. As a write is held, the words it changes are noted as they were (its undo: from
+// the bytes the batch read, or else from the disk). A group ends at a point between two blocks;
+// it is then committed: its undo goes to a record of the journal with that point (the block whose
+// turn is next, the maps the run knows), the record is flushed, then a commit sector naming it (after the database files
 // written by the group before are flushed), and only then are the writes made, in the order the
 // run made them. A group also ends before the run reads on from the disk while it holds messages
 // back (progress lines are not kept waiting for long), and when the run stops: the database then
 // holds what the run wrote before it stopped, as without a journal. The recovery puts back the
-// bytes of the last record and runs on from its point.
+// words of the last record and runs on from its point.
 //
 // The journal is made (and flushed, and its name made durable) at the first commit, so a run
 // that writes nothing leaves none. It lies beside the main file, its name followed by ".journal",
@@ -24,9 +26,9 @@
 
 namespace bt {
 
-inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20;
-// The bytes a commit gathers before each write to the journal.
-inline constexpr std::size_t kStagingBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20, kMinGroupBytes = std::size_t{1} << 20;
+// The bytes of each write of a record to the journal.
+inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
 
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
 // database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the
@@ -50,6 +52,8 @@ struct JournalResume {
 };
 void ContinueJournal(const JournalResume& resume);
 bool JournalHoldsWrites();
+// How many groups the run has written so far: bytes read while it stays the same are the disk's.
+std::uint64_t JournalGroupsWritten();
 
 // A write held: size bytes (whole blocks) at position of a database file. failure and block give
 // the run's message when the write fails; without a failure text it is a run of blocks written
@@ -60,7 +64,8 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
 
 // Whether the group is to end before the next read from the disk (it holds messages back, or is
-// full), and whether it is full.
+// full), and whether it is to end at once (twice full: the blocks read together since made it so).
+// A group ends at a read where it can, for the bytes the batch read stand for the disk's until then.
 bool JournalGroupWaits();
 bool JournalGroupFull();
 // Ends the group at the point where block resumeBlock's turn comes next; the messages held back

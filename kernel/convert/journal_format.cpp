@@ -1,5 +1,9 @@
 #include "journal_format.h"
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstring>
 
@@ -215,13 +219,12 @@ std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head) {
   return w.bytes;
 }
 
-bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& head, std::size_t& imagesOffset) {
+bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& head, std::size_t& undoOffset) {
   Reader r{bytes, size};
   if (!r.Magic(kRecordMagic)) return false;
   head.runId = r.U64();
   head.number = r.U64();
   head.blockSize = r.U32();
-  const std::uint32_t blockSize = head.blockSize;
   head.resumeBlock = r.U32();
   head.maps.current = r.U32();
   // Every count is checked against the bytes left before anything is sized by it.
@@ -232,15 +235,97 @@ bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& h
   const std::uint32_t entries = r.U32();
   if (!r.ok || entries > (size - r.at) / 16) return false;
   head.entries.resize(entries);
-  std::uint64_t images = 0;
   for (Entry& e : head.entries) {
     e.volume = r.U32();
     e.blocks = r.U32();
     e.position = r.U64();
-    images += std::uint64_t{e.blocks} * blockSize;
   }
-  imagesOffset = r.at;
-  return r.ok && images == size - r.at;
+  if (!r.ok || head.blockSize < 4096 || head.blockSize > 65536 || head.blockSize % 64 != 0) return false;
+  undoOffset = r.at;
+  // Each block's undo takes at least its bitmap, so the walk ends within size / 64 blocks.
+  std::size_t at = r.at;
+  for (const Entry& e : head.entries)
+    for (std::uint32_t k = 0; k < e.blocks; ++k) {
+      const std::size_t n = UndoSize(bytes + at, size - at, head.blockSize);
+      if (n == 0) return false;
+      at += n;
+    }
+  return at == size;
+}
+
+namespace {
+
+// Every word is stored, and the end moves on only past a changed one: no branch to mispredict.
+std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                                 std::uint8_t* undo) {
+  std::uint8_t* words = undo + UndoBitmapBytes(blockSize);
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < UndoBitmapBytes(blockSize); ++i) {
+    unsigned bits = 0;
+    for (unsigned k = 0; k < 8; ++k) {
+      const std::size_t at = 64 * i + 8 * k;
+      const std::uint64_t was = LoadLE64(before + at);
+      StoreLE64(words + 8 * kept, was);
+      const bool changed = was != LoadLE64(after + at);
+      bits |= unsigned{changed} << k;
+      kept += changed;
+    }
+    undo[i] = static_cast<std::uint8_t>(bits);
+  }
+  return UndoBitmapBytes(blockSize) + 8 * kept;
+}
+
+#if defined(__x86_64__)
+// The same, a line of eight words at a time, on processors that compare and compact them in one
+// register: the line's changed words are stored together, the rest of the store is overwritten by
+// the next line's (each store stays within the words of the lines so far).
+__attribute__((target("avx512f,popcnt"))) std::size_t EncodeUndoByLines(const std::uint8_t* before,
+                                                                        const std::uint8_t* after,
+                                                                        std::uint32_t blockSize, std::uint8_t* undo) {
+  std::uint8_t* words = undo + UndoBitmapBytes(blockSize);
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < UndoBitmapBytes(blockSize); ++i) {
+    const __m512i was = _mm512_loadu_si512(before + 64 * i);
+    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, _mm512_loadu_si512(after + 64 * i));
+    _mm512_storeu_si512(words + 8 * kept, _mm512_maskz_compress_epi64(changed, was));
+    kept += static_cast<std::size_t>(__builtin_popcount(changed));
+    undo[i] = changed;
+  }
+  return UndoBitmapBytes(blockSize) + 8 * kept;
+}
+#endif
+
+}  // namespace
+
+std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                       std::uint8_t* undo) {
+#if defined(__x86_64__)
+  static const bool byLines = __builtin_cpu_supports("avx512f");
+  if (byLines) return EncodeUndoByLines(before, after, blockSize, undo);
+#endif
+  return EncodeUndoWordByWord(before, after, blockSize, undo);
+}
+
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+  const std::size_t bitmap = UndoBitmapBytes(blockSize);
+  if (available < bitmap) return 0;
+  std::size_t changed = 0;
+  for (std::size_t i = 0; i < bitmap; ++i) changed += static_cast<std::size_t>(__builtin_popcount(undo[i]));
+  return bitmap + 8 * changed <= available ? bitmap + 8 * changed : 0;
+}
+
+bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
+  const std::uint8_t* word = undo + UndoBitmapBytes(blockSize);
+  bool differed = false;
+  for (std::size_t i = 0; i < UndoBitmapBytes(blockSize); ++i)
+    for (unsigned k = 0; k < 8; ++k) {
+      if ((undo[i] >> k & 1) == 0) continue;
+      std::uint8_t* at = block + 64 * i + 8 * k;
+      differed |= std::memcmp(at, word, 8) != 0;
+      std::memcpy(at, word, 8);
+      word += 8;
+    }
+  return differed;
 }
 
 bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found, std::string& why) {
@@ -268,7 +353,7 @@ bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found,
   found.record.resize(static_cast<std::size_t>(c.recordSize));
   if (!read(c.recordOffset, found.record.data(), found.record.size()) ||
       ChecksumOf(found.record.data(), found.record.size()) != c.recordChecksum ||
-      !DecodeRecordHead(found.record.data(), found.record.size(), found.head, found.imagesOffset) ||
+      !DecodeRecordHead(found.record.data(), found.record.size(), found.head, found.undoOffset) ||
       found.head.runId != found.header.runId || found.head.number != c.number) {
     why = "its last record is damaged";
     return false;

@@ -6,7 +6,8 @@
 //                              n % 2), each naming the last record that is whole on disk and the
 //                              checksum of that record, checksummed itself
 //   from kRecordsOffset        records, 4096-aligned: a group of writes, the point of the run before
-//                              them (its block, its maps) and the bytes each write replaced
+//                              them (its block, its maps) and, for each block written, the undo of
+//                              the write: the words it changes, as they were
 //
 // A commit sector is written only after the record it names is flushed, and the database is
 // written only after the commit sector is flushed; a 512-byte sector is written whole or not at
@@ -25,7 +26,7 @@
 
 namespace bt::journal {
 
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
@@ -86,9 +87,25 @@ struct RecordHead {
   std::vector<Entry> entries;
 };
 std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head);
-// Decodes the head at the start of a record of size bytes; imagesOffset is where the replaced
-// bytes begin. False when it is malformed or its images would not fit the record.
-bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& head, std::size_t& imagesOffset);
+// Decodes the head at the start of a record of size bytes; undoOffset is where the undo of its
+// blocks begins. False when it is malformed or the undo of its blocks does not fill the rest of
+// the record exactly.
+bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& head, std::size_t& undoOffset);
+
+// The undo of one block written: a bitmap with a bit per 8-byte word of the block (bit k % 8 of
+// byte k / 8 for word k), set where the write changes the word, then each word whose bit is set as
+// it was before the write, in order. The other words need nothing: a write lost, kept or torn at
+// any 512-byte boundary leaves every word either as it was or as the write made it, and a word the
+// write does not change is the same either way. Block sizes are multiples of 64.
+inline std::size_t UndoBitmapBytes(std::uint32_t blockSize) { return blockSize / 64; }
+inline std::size_t MaxUndoBytes(std::uint32_t blockSize) { return UndoBitmapBytes(blockSize) + blockSize; }
+// Writes the undo of the write of after over before to undo (MaxUndoBytes room); returns its size.
+std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                       std::uint8_t* undo);
+// The size of the undo at undo, which has available bytes; 0 when it does not fit in them.
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
+// Puts back into block the words the undo names (it fits, as UndoSize tells); true when any differed.
+bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
 
 // A journal as read back: its header, the commit in effect (the higher of the two numbers) and,
 // unless that is number 0, the record it names, whole.
@@ -97,7 +114,7 @@ struct Found {
   Commit commit;
   RecordHead head;
   std::vector<std::uint8_t> record;
-  std::size_t imagesOffset = 0;
+  std::size_t undoOffset = 0;
 };
 // Reads size bytes at position of the journal; false when they are not all there.
 using ReadFunction = std::function<bool(std::uint64_t position, std::uint8_t* buffer, std::size_t size)>;

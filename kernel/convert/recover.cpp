@@ -80,13 +80,13 @@ void CheckFilesOrRefuse(const journal::Found& found) {
   }
 }
 
-// Puts back the bytes that the writes of the last record replaced, and flushes them. A block that
+// Puts back the words that the writes of the last record changed, and flushes them. A block that
 // still holds them is left alone: the write that failed on a bad place of the disk is not tried
 // again here, but where the run meets it, with the run's own message.
 void PutBackOrFail(const journal::Found& found) {
   const std::uint32_t blockBytes = found.head.blockSize;
   std::vector<std::uint8_t> current(blockBytes);
-  std::size_t at = found.imagesOffset;
+  std::size_t at = found.undoOffset;
   std::vector<platform::File> files(std::size_t{furtherVolumeCount} + 1, platform::kInvalidFile);
   for (const journal::Entry& e : found.head.entries) {
     if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
@@ -94,13 +94,15 @@ void PutBackOrFail(const journal::Found& found) {
     if (file == platform::kInvalidFile) file = OpenVolumeFile(e.volume);
     if (file == platform::kInvalidFile)
       Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(e.volume), ErrorText());
-    for (std::uint32_t k = 0; k < e.blocks; ++k, at += blockBytes) {
+    for (std::uint32_t k = 0; k < e.blocks; ++k) {
       const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
-      const std::uint8_t* image = found.record.data() + at;
-      if (ReadThrough(file, position, current.data(), blockBytes) &&
-          std::memcmp(current.data(), image, blockBytes) == 0)
-        continue;
-      if (!WriteThrough(file, position, image, blockBytes))
+      const std::uint8_t* undo = found.record.data() + at;
+      at += journal::UndoSize(undo, found.record.size() - at, blockBytes);
+      if (!ReadThrough(file, position, current.data(), blockBytes))
+        Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
+             static_cast<unsigned long long>(position), ErrorText());
+      if (!journal::ApplyUndo(undo, blockBytes, current.data())) continue;
+      if (!WriteThrough(file, position, current.data(), blockBytes))
         Fail("\r\nError writing volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
              static_cast<unsigned long long>(position), ErrorText());
     }

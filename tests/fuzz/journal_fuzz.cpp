@@ -1,6 +1,7 @@
 // The journal reader on damaged journals. Input: a selector byte, then bytes. Selector bit 0 set:
 // the bytes are the whole journal file. Otherwise a journal is built from them (its header, two
-// commit sectors and the record the newer one names, each with its checksum right), then the rest
+// commit sectors and the record the newer one names, with the undo of its blocks, each with its
+// checksum right), then the rest
 // of the input changes it ((position, value) pairs) and the last of them may cut it short. Also,
 // every input is decoded as the head of a record. Whatever the reader accepts must hold together.
 #include <algorithm>
@@ -40,19 +41,27 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
   bt::journal::RecordHead head;
   head.runId = in.Next(1) < 16 ? header.runId + 1 : header.runId;
   head.number = in.Next(1) % 3;
-  head.blockSize = 1u << (in.Next(1) % 3 + 9);
+  head.blockSize = 4096u << in.Next(1) % 2;
   head.resumeBlock = in.Next(2);
   head.maps.listed.resize(in.Next(1) % 4, 7);
   head.entries.resize(in.Next(1) % 4);
-  std::size_t images = 0;
   for (auto& e : head.entries) {
     e.volume = in.Next(1) % 4;
     e.blocks = in.Next(1) % 3;
     e.position = in.Next(2);
-    images += std::size_t{e.blocks} * head.blockSize;
   }
   std::vector<std::uint8_t> record = bt::journal::EncodeRecordHead(head);
-  record.resize(record.size() + images, 0xA5);
+  // Each block's write changes the words that a byte of the input picks, more or fewer of them.
+  const std::vector<std::uint8_t> before(head.blockSize, 0xA5);
+  std::vector<std::uint8_t> after(head.blockSize), undo(bt::journal::MaxUndoBytes(head.blockSize));
+  for (const auto& e : head.entries)
+    for (std::uint32_t k = 0; k < e.blocks; ++k) {
+      const std::uint32_t pick = in.Next(1);
+      for (std::size_t i = 0; i < after.size(); ++i)
+        after[i] = (i / 8 * 37 + pick) % 16 < pick % 17 ? 0x5A : 0xA5;
+      const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), head.blockSize, undo.data());
+      record.insert(record.end(), undo.begin(), undo.begin() + static_cast<std::ptrdiff_t>(n));
+    }
 
   bt::journal::Commit commits[2];
   for (int s = 0; s < 2; ++s) {
@@ -84,8 +93,8 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
   bt::journal::RecordHead head;
-  std::size_t imagesOffset = 0;
-  if (bt::journal::DecodeRecordHead(data + 1, size - 1, head, imagesOffset) && imagesOffset > size - 1) __builtin_trap();
+  std::size_t undoOffset = 0;
+  if (bt::journal::DecodeRecordHead(data + 1, size - 1, head, undoOffset) && undoOffset > size - 1) __builtin_trap();
 
   Source in{data + 1, size - 1};
   const std::vector<std::uint8_t> file =
@@ -104,9 +113,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (found.header.volumes.empty()) __builtin_trap();
   if (found.commit.number == 0) return 0;
-  if (found.record.size() != found.commit.recordSize || found.imagesOffset > found.record.size()) __builtin_trap();
-  std::uint64_t images = 0;
-  for (const auto& e : found.head.entries) images += std::uint64_t{e.blocks} * found.head.blockSize;
-  if (images != found.record.size() - found.imagesOffset || found.head.number != found.commit.number) __builtin_trap();
+  if (found.record.size() != found.commit.recordSize || found.undoOffset > found.record.size() ||
+      found.head.number != found.commit.number)
+    __builtin_trap();
+  // The undo of every block fits, they fill the record exactly, and putting them back stays in the block.
+  std::vector<std::uint8_t> block(found.head.blockSize);
+  std::size_t at = found.undoOffset;
+  for (const auto& e : found.head.entries)
+    for (std::uint32_t k = 0; k < e.blocks; ++k) {
+      const std::size_t n = bt::journal::UndoSize(found.record.data() + at, found.record.size() - at, found.head.blockSize);
+      if (n == 0) __builtin_trap();
+      bt::journal::ApplyUndo(found.record.data() + at, found.head.blockSize, block.data());
+      at += n;
+    }
+  if (at != found.record.size()) __builtin_trap();
   return 0;
 }
