@@ -30,7 +30,8 @@ struct HeldWrite {
 struct JournalFile {
   platform::File handle = platform::kInvalidFile;
   bool unflushed = false;  // written since its last flush
-  std::uint64_t writtenFrom = 0, writtenTo = 0;  // the bytes written since, from the first to the last
+  std::uint64_t writtenFrom = 0, writtenTo = 0;  // the bytes written since, from the first to the last,
+                                                 // less those sent on their way to the disk
 };
 
 struct Journal {
@@ -42,7 +43,8 @@ struct Journal {
   // The group: its point of the run, and its writes.
   std::uint32_t groupBlock = 1;
   MapState groupMaps;
-  std::size_t groupLimit = kGroupBytes;
+  std::size_t groupLimit = kMinGroupBytes;  // grows where flushes cost (AdaptGroupLimit)
+  std::size_t writeBackDue = 0;  // the group's size at which the next piece of the last group's writes is sent
   std::chrono::steady_clock::time_point groupStart = std::chrono::steady_clock::now();
   std::vector<std::uint8_t> arena;
   std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
@@ -171,7 +173,7 @@ void WriteRecord(std::uint64_t offset, const std::vector<std::uint8_t>& head, jo
 }
 
 // The writes in the run's order; the messages made before each are shown before it is made.
-// Each file's part of the group is then sent on its way to the disk, for the next commit's flush.
+// They are sent on their way to the disk while the next group is gathered (SendWriteBackPiece).
 void ApplyGroup() {
   for (const HeldWrite& w : j.held) {
     CapHeldOutput(w.cap);
@@ -183,13 +185,27 @@ void ApplyGroup() {
     f.writtenTo = f.unflushed ? std::max(f.writtenTo, w.position + w.size) : w.position + w.size;
     f.unflushed = true;
   }
-  for (const JournalFile& f : j.files)
-    if (f.unflushed) platform::StartWriteBack(f.handle, f.writtenFrom, f.writtenTo - f.writtenFrom);
+}
+
+// The writes of the group before go to the disk a piece at a time, one each time this group has
+// grown by half a piece: sent all at once, they would keep the run waiting on the disk's queue, and
+// the next commit's flush finds them written.
+void SendWriteBackPiece() {
+  if (j.arena.size() < j.writeBackDue) return;
+  j.writeBackDue = j.arena.size() + kWriteBackPieceBytes / 2;
+  for (JournalFile& f : j.files) {
+    if (!f.unflushed || f.writtenFrom >= f.writtenTo) continue;
+    const std::uint64_t piece = std::min<std::uint64_t>(f.writtenTo - f.writtenFrom, kWriteBackPieceBytes);
+    platform::StartWriteBack(f.handle, f.writtenFrom, piece);
+    f.writtenFrom += piece;
+    return;
+  }
 }
 
 void ClearGroup() {
   j.arena.clear();
   j.undoSize = 0;
+  j.writeBackDue = 0;
   j.held.clear();
   j.latest.clear();
   CapHeldOutput(UINT64_MAX);
@@ -403,6 +419,7 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
   j.held.push_back({volume, size, block, position, offset, cap, failure});
   for (std::uint32_t k = 0; k < size / blockSize; ++k)
     j.latest[std::uint64_t{volume} << 32 | (position / blockSize + k)] = offset + std::size_t{k} * blockSize;
+  SendWriteBackPiece();
 }
 
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
@@ -416,7 +433,9 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   }
 }
 
-bool JournalGroupFull() { return j.active && j.arena.size() + j.undoSize >= 2 * j.groupLimit; }
+bool JournalGroupFull() {
+  return j.active && j.arena.size() + j.undoSize >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
+}
 bool JournalGroupWaits() {
   return j.active && !j.held.empty() && (j.arena.size() + j.undoSize >= j.groupLimit || HeldOutputWaits());
 }

@@ -1,17 +1,17 @@
 // The journal of a conversion run: byteturn-recover can finish a run that ended at any point,
 // a power cut included, with every file then as the uninterrupted run leaves it.
 //
-// The run's writes are held in memory, in groups of up to kGroupBytes (with their undo, and fewer
-// where flushing is cheap), and every
-// read sees them. As a write is held, the words it changes are noted as they were (its undo: from
-// the bytes the batch read, or else from the disk). A group ends at a point between two blocks;
-// it is then committed: its undo goes to a record of the journal with that point (the block whose
-// turn is next, the maps the run knows), the record is flushed, then a commit sector naming it (after the database files
-// written by the group before are flushed), and only then are the writes made, in the order the
-// run made them. A group also ends before the run reads on from the disk while it holds messages
-// back (progress lines are not kept waiting for long), and when the run stops: the database then
-// holds what the run wrote before it stopped, as without a journal. The recovery puts back the
-// words of the last record and runs on from its point.
+// The run's writes are held in memory, in groups of up to kGroupBytes with their undo (smaller
+// where a flush costs little), and every read sees them. As a write is held, the words it changes
+// are noted as they were (its undo: from the bytes the batch read, or else from the disk). A group
+// ends at a point between two blocks; it is then committed: its undo goes to a record of the
+// journal with that point (the block whose turn is next, the maps the run knows), the record is
+// flushed, then a commit sector naming it (after the database files written by the group before
+// are flushed), and only then are the writes made, in the order the run made them. A group also
+// ends before the run reads on from the disk while it holds messages back (progress lines are not
+// kept waiting for long), and when the run stops: the database then holds what the run wrote
+// before it stopped, as without a journal. The recovery puts back the words of the last record and
+// runs on from its point.
 //
 // The journal is made (and flushed, and its name made durable) at the first commit, so a run
 // that writes nothing leaves none. It lies beside the main file, its name followed by ".journal",
@@ -29,6 +29,8 @@ namespace bt {
 inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20, kMinGroupBytes = std::size_t{1} << 20;
 // The bytes of each write of a record to the journal.
 inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
+// The bytes of the group before sent on their way to the disk at a time.
+inline constexpr std::size_t kWriteBackPieceBytes = std::size_t{2} << 20;
 
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
 // database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the
@@ -64,7 +66,8 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
 
 // Whether the group is to end before the next read from the disk (it holds messages back, or is
-// full), and whether it is to end at once (twice full: the blocks read together since made it so).
+// full), and whether it is to end at once (the blocks read together since made it full and more,
+// by as much again or by a quarter of kGroupBytes).
 // A group ends at a read where it can, for the bytes the batch read stand for the disk's until then.
 bool JournalGroupWaits();
 bool JournalGroupFull();
