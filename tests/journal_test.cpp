@@ -396,6 +396,30 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
     EXPECT_TRUE(Exists(c.journal));
     FinishAndExpectTwin(c);
   }
+  // A block the recovery must patch cannot be read: it stops there, with nothing changed, and
+  // finishes once the block can be read.
+  const std::vector<std::uint8_t> cut = CutHalfway(c);
+  const Snapshot before = Take(c);
+  bt::journal::Found found;
+  std::string why;
+  const auto read = [&](std::uint64_t at, std::uint8_t* to, std::size_t n) {
+    if (at > cut.size() || n > cut.size() - at) return false;
+    std::copy_n(cut.begin() + static_cast<std::ptrdiff_t>(at), n, to);
+    return true;
+  };
+  ASSERT_TRUE(bt::journal::ReadJournal(read, cut.size(), found, why)) << why;
+  ASSERT_FALSE(found.head.entries.empty());
+  const bt::journal::Entry& first = found.head.entries.front();
+  ASSERT_EQ(first.volume, 0u);
+  ASSERT_GE(first.position, size);  // past the label block, which the recovery reads first
+  fs::remove(c.lock);
+  const RunResult unreadable = Recover(c, "BYTETURN_FAULTS='read:ORVA.DAT:" + std::to_string(first.position + 3) + ":EIO'");
+  EXPECT_EQ(unreadable.status, 1) << unreadable.out << unreadable.err;
+  EXPECT_NE((unreadable.out + unreadable.err).find("Error reading volume #0 at byte " + std::to_string(first.position) + ". "),
+            std::string::npos)
+      << unreadable.out << unreadable.err;
+  ExpectUnchanged(c, before);
+  FinishAndExpectTwin(c);
 }
 
 // Journals that are not whole, or not this run's or this database's, are refused before anything
