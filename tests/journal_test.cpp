@@ -350,6 +350,19 @@ std::vector<std::uint8_t> CutHalfway(const Case& c, const std::string& seed = "1
   return ReadBytes(c.journal);
 }
 
+// A journal's header, commit in effect and last record, as the recovery reads them.
+bt::journal::Found FoundIn(const std::vector<std::uint8_t>& journal) {
+  bt::journal::Found found;
+  std::string why;
+  const auto read = [&](std::uint64_t at, std::uint8_t* to, std::size_t n) {
+    if (at > journal.size() || n > journal.size() - at) return false;
+    std::copy_n(journal.begin() + static_cast<std::ptrdiff_t>(at), n, to);
+    return true;
+  };
+  EXPECT_TRUE(bt::journal::ReadJournal(read, journal.size(), found, why)) << why;
+  return found;
+}
+
 struct Snapshot {
   std::vector<std::vector<std::uint8_t>> files;
   std::vector<std::uint8_t> journal;
@@ -398,16 +411,8 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
   }
   // A block the recovery must patch cannot be read: it stops there, with nothing changed, and
   // finishes once the block can be read.
-  const std::vector<std::uint8_t> cut = CutHalfway(c);
+  const bt::journal::Found found = FoundIn(CutHalfway(c));
   const Snapshot before = Take(c);
-  bt::journal::Found found;
-  std::string why;
-  const auto read = [&](std::uint64_t at, std::uint8_t* to, std::size_t n) {
-    if (at > cut.size() || n > cut.size() - at) return false;
-    std::copy_n(cut.begin() + static_cast<std::ptrdiff_t>(at), n, to);
-    return true;
-  };
-  ASSERT_TRUE(bt::journal::ReadJournal(read, cut.size(), found, why)) << why;
   ASSERT_FALSE(found.head.entries.empty());
   const bt::journal::Entry& first = found.head.entries.front();
   ASSERT_EQ(first.volume, 0u);
@@ -429,11 +434,7 @@ TEST(Journal, DamagedOrForeignJournalsAreRefused) {
   const Case c = Prepare(s, Rich());
   const std::vector<std::uint8_t> good = CutHalfway(c);
   const Snapshot cut = Take(c);
-  // The record the last commit names, from the newer of the two commit sectors.
-  bt::journal::Commit commits[2];
-  for (int k = 0; k < 2; ++k)
-    ASSERT_TRUE(bt::journal::DecodeCommit(good.data() + bt::journal::kCommitOffset + 512 * k, commits[k]));
-  const bt::journal::Commit& last = commits[0].number > commits[1].number ? commits[0] : commits[1];
+  const bt::journal::Commit last = FoundIn(good).commit;  // names the record of the last commit
   ASSERT_GT(last.number, 0u);
   const std::vector<std::uint8_t> otherRun = CutHalfway(c, "2");
   const Snapshot otherCut = Take(c);

@@ -218,9 +218,9 @@ void CommitBeforeFailure();
 // and memory nearly nil). The limit doubles while the flushes took more than an eighth of the
 // group's own time and halves while they took less than a 64th, between kMinGroupBytes and
 // kGroupBytes.
-void AdaptGroupLimit(std::chrono::steady_clock::duration flushing, std::chrono::steady_clock::time_point commitStart) {
+void AdaptGroupLimit(std::chrono::steady_clock::duration flushing, std::chrono::steady_clock::time_point flushStart) {
   if (platform::TestGroupBytes() != 0) return;
-  const auto working = commitStart - j.groupStart;
+  const auto working = flushStart - j.groupStart;
   if (flushing * 8 > working)
     j.groupLimit = std::min(j.groupLimit * 2, kGroupBytes);
   else if (flushing * 64 < working)
@@ -259,6 +259,16 @@ void CommitBeforeFailure() {
   if (!j.held.empty()) Commit();
   ClearGroup();
 }
+
+// From here on the run's writes are held in groups (of the size the tests ask for, if they do).
+void StartGroups() {
+  if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
+  j.arena.reserve(kGroupBytes + kMaxBlockSize);
+  SetFailureHook(CommitBeforeFailure);
+}
+
+// The bytes the group holds: its writes and their undo.
+std::size_t GroupBytes() { return j.arena.size() + j.undoSize; }
 
 std::uint32_t VolumeOfHandle(platform::File file) {
   for (const auto& [handle, volume] : volumeOf)
@@ -340,9 +350,7 @@ void BeginJournal(bool verbose) {
                                 VolumeIdentity(v)});
   j.groupBlock = 1;
   j.groupMaps = MapState{};
-  if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
-  j.arena.reserve(kGroupBytes + kMaxBlockSize);
-  SetFailureHook(CommitBeforeFailure);
+  StartGroups();
 }
 
 void ContinueJournal(const JournalResume& resume) {
@@ -356,9 +364,7 @@ void ContinueJournal(const JournalResume& resume) {
   j.lastSize = resume.lastSize;
   j.groupBlock = resume.resumeBlock;
   j.groupMaps = resume.maps;
-  if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
-  j.arena.reserve(kGroupBytes + kMaxBlockSize);
-  SetFailureHook(CommitBeforeFailure);
+  StartGroups();
 }
 
 bool JournalHoldsWrites() { return j.active; }
@@ -434,10 +440,10 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
 }
 
 bool JournalGroupFull() {
-  return j.active && j.arena.size() + j.undoSize >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
+  return j.active && GroupBytes() >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
 }
 bool JournalGroupWaits() {
-  return j.active && !j.held.empty() && (j.arena.size() + j.undoSize >= j.groupLimit || HeldOutputWaits());
+  return j.active && !j.held.empty() && (GroupBytes() >= j.groupLimit || HeldOutputWaits());
 }
 
 void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {

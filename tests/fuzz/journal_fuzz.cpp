@@ -1,9 +1,9 @@
 // The journal reader on damaged journals. Input: a selector byte, then bytes. Selector bit 0 set:
 // the bytes are the whole journal file. Otherwise a journal is built from them (its header, two
 // commit sectors and the record the newer one names, with the undo of its blocks, each with its
-// checksum right), then the rest
-// of the input changes it ((position, value) pairs) and the last of them may cut it short. Also,
-// every input is decoded as the head of a record. Whatever the reader accepts must hold together.
+// checksum right), then the rest of the input changes it ((position, value) pairs) and the last of
+// them may cut it short. Also, every input is decoded as the head of a record. Whatever the reader
+// accepts must hold together.
 #include <algorithm>
 #include <cstring>
 
