@@ -201,6 +201,7 @@ void WritePendingBlocks() {
 void EndVolumeBatch() {
   WritePendingBlocks();
   CommitJournalGroup(batch.last + 1, UINT64_MAX);
+  AwaitJournalWrites();
   HoldOutput(false);
   batch.readFile = platform::kInvalidFile;
 }

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <random>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -18,6 +21,8 @@ namespace bt {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 struct HeldWrite {
   std::uint32_t volume, size, block;
   std::uint64_t position;
@@ -26,12 +31,44 @@ struct HeldWrite {
   const char* failure;
 };
 
+// The writes of a group, and their undo.
+struct Group {
+  std::vector<std::uint8_t> arena;
+  std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
+  std::size_t undoSize = 0;
+  std::vector<HeldWrite> held;
+  std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
+  std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
+};
+
+// Where the writing of a group stopped, as the writer tells it: the run then fails with the
+// message the same failure gives in the run's own thread.
+enum class Stop { kNone, kJournalWriting, kJournalFlushing, kVolumeFlushing, kWriteFailed };
+struct Outcome {
+  Stop stop = Stop::kNone;
+  int error = 0;             // the system's code
+  std::uint32_t volume = 0;  // kVolumeFlushing
+  std::size_t write = 0;     // kWriteFailed: which of the group's writes,
+  std::uint32_t block = 0;   // and the block to name
+};
+
+// A group committed: the writer thread makes its record, flushes, writes the commit sector,
+// flushes, and makes its writes, while the run gathers the next group. One is on its way at a
+// time, so the order of everything the disk sees is the one-thread run's.
+struct Flight {
+  Group group;
+  std::vector<std::uint8_t> head;
+  std::uint64_t number = 0, offset = 0, size = 0;
+  bool busy = false;  // handed to the writer and not landed yet (the run's own view)
+  Clock::duration working{}, flushing{};
+  Outcome outcome;
+};
+
 // A database file as the journal writes it: through a handle of its own, which no cache closes.
 struct JournalFile {
   platform::File handle = platform::kInvalidFile;
-  bool unflushed = false;  // written since its last flush
-  std::uint64_t writtenFrom = 0, writtenTo = 0;  // the bytes written since, from the first to the last,
-                                                 // less those sent on their way to the disk
+  bool unflushed = false;                        // written since its last flush
+  std::uint64_t writtenFrom = 0, writtenTo = 0;  // by the group last written
 };
 
 struct Journal {
@@ -40,20 +77,31 @@ struct Journal {
   platform::File file = platform::kInvalidFile;
   journal::Header header;
   std::uint64_t nextNumber = 1, lastOffset = 0, lastSize = 0;  // the record the last commit names
-  // The group: its point of the run, and its writes.
+  // The group being gathered: its point of the run, and its writes.
   std::uint32_t groupBlock = 1;
   MapState groupMaps;
   std::size_t groupLimit = kMinGroupBytes;  // grows where flushes cost (AdaptGroupLimit)
-  std::size_t writeBackDue = 0;  // the group's size at which the next piece of the last group's writes is sent
-  std::chrono::steady_clock::time_point groupStart = std::chrono::steady_clock::now();
-  std::vector<std::uint8_t> arena;
-  std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
-  std::size_t undoSize = 0;
-  std::vector<HeldWrite> held;
-  std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
-  std::vector<JournalFile> files;                         // by volume
+  Clock::time_point groupStart = Clock::now();
+  std::uint64_t messagesAtCommit = 0;  // messages made before the last commit
+  std::uint64_t releasedUpTo = 0;      // the messages marked up to here wait for nothing but the flight
+  Group group;
+  Flight flight;
+  std::vector<JournalFile> files;  // by volume; as many as the run has, from its start
 } j;
 std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
+
+// The writer thread and the run hand a flight to each other under this lock. Never destroyed:
+// the writer waits on it until the process ends.
+struct Handover {
+  std::mutex lock;
+  std::condition_variable wake;
+  bool handed = false, done = false;
+  std::size_t applied = 0;  // the flight's writes made so far
+};
+Handover& TheHandover() {
+  static Handover& handover = *new Handover;
+  return handover;
+}
 
 std::string DirectoryOf(const std::string& path) {
   const std::size_t slash = path.rfind(platform::kSeparator);
@@ -110,25 +158,18 @@ void CreateJournal() {
   j.created = true;
 }
 
-platform::File VolumeHandle(std::uint32_t v) {
-  if (j.files.size() <= v) j.files.resize(v + 1);
+// Opened by the run, never by the writer: the writer only writes and flushes.
+bool OpenVolumeHandle(std::uint32_t v) {
   JournalFile& f = j.files[v];
   if (f.handle == platform::kInvalidFile) {
     platform::ClearLastError();
     f.handle = platform::OpenReadWrite(VolumePath(v));
-    if (f.handle == platform::kInvalidFile)
-      Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(v), ErrorText());
   }
-  return f.handle;
+  return f.handle != platform::kInvalidFile;
 }
 
-void SyncWrittenFilesOrFail() {
-  for (std::size_t v = 0; v < j.files.size(); ++v) {
-    if (!j.files[v].unflushed) continue;
-    platform::ClearLastError();
-    if (!platform::Sync(j.files[v].handle)) Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(v), ErrorText());
-    j.files[v].unflushed = false;
-  }
+[[noreturn]] void FailOpeningVolume(std::uint32_t v) {
+  Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(v), ErrorText());
 }
 
 // The record goes where it overlaps nothing of the record the last commit names.
@@ -138,137 +179,272 @@ std::uint64_t PlaceRecord(std::uint64_t size) {
   return (end + journal::kRecordAlignment - 1) / journal::kRecordAlignment * journal::kRecordAlignment;
 }
 
+// The writer's side. It fails nothing itself: where a step fails, it notes why and stops.
+
+bool Stopped(Outcome& outcome, Stop stop, std::uint32_t volume = 0) {
+  outcome.stop = stop;
+  outcome.error = platform::LastError();
+  outcome.volume = volume;
+  return false;
+}
+
+bool WriteJournal(Outcome& outcome, const std::uint8_t* bytes, std::size_t size, std::uint64_t position) {
+  return WriteThrough(j.file, position, bytes, static_cast<std::uint32_t>(size)) ||
+         Stopped(outcome, Stop::kJournalWriting);
+}
+
+bool SyncJournal(Outcome& outcome) {
+  platform::ClearLastError();
+  return platform::Sync(j.file) || Stopped(outcome, Stop::kJournalFlushing);
+}
+
+bool SyncWrittenFiles(Outcome& outcome) {
+  for (std::size_t v = 0; v < j.files.size(); ++v) {
+    if (!j.files[v].unflushed) continue;
+    platform::ClearLastError();
+    if (!platform::Sync(j.files[v].handle)) return Stopped(outcome, Stop::kVolumeFlushing, static_cast<std::uint32_t>(v));
+    j.files[v].unflushed = false;
+  }
+  return true;
+}
+
 // The record: its head, then the undo of the group's blocks, in pieces that are each sent on
 // their way to the disk while the next is written.
-void WriteRecord(std::uint64_t offset, const std::vector<std::uint8_t>& head, journal::Checksum& sum) {
-  sum.Add(head.data(), head.size());
-  WriteJournalOrFail(head.data(), head.size(), offset);
-  for (std::size_t done = 0; done < j.undoSize;) {
-    const std::size_t piece = std::min(j.undoSize - done, kRecordPieceBytes);
-    const std::uint64_t at = offset + head.size() + done;
-    sum.Add(j.undo.data() + done, piece);
-    WriteJournalOrFail(j.undo.data() + done, piece, at);
+bool WriteRecord(Flight& f, journal::Checksum& sum) {
+  sum.Add(f.head.data(), f.head.size());
+  if (!WriteJournal(f.outcome, f.head.data(), f.head.size(), f.offset)) return false;
+  for (std::size_t done = 0; done < f.group.undoSize;) {
+    const std::size_t piece = std::min(f.group.undoSize - done, kRecordPieceBytes);
+    const std::uint64_t at = f.offset + f.head.size() + done;
+    sum.Add(f.group.undo.data() + done, piece);
+    if (!WriteJournal(f.outcome, f.group.undo.data() + done, piece, at)) return false;
     platform::StartWriteBack(j.file, at, piece);
     done += piece;
   }
+  return true;
 }
 
-// A write of the group failed: the messages made before it are shown, then the run's message.
-[[noreturn]] void WriteFailed(const HeldWrite& w, platform::File file) {
-  if (w.failure == nullptr) {
-    CapHeldOutput(UINT64_MAX);
-    for (std::uint32_t k = 0; k < w.size / blockSize; ++k) {
-      const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
-      if (!WriteThrough(file, position, j.arena.data() + w.offset + std::size_t{k} * blockSize, blockSize))
-        FailWritingBlock(w.block + k);
+// A write of the group failed. A run of blocks written in their turn is written again block by
+// block, so that the message names the block that fails alone.
+bool WriteFailed(Flight& f, std::size_t i) {
+  const HeldWrite& w = f.group.held[i];
+  Stopped(f.outcome, Stop::kWriteFailed, w.volume);
+  f.outcome.write = i;
+  f.outcome.block = w.block;
+  if (w.failure != nullptr) return false;
+  const platform::File file = j.files[w.volume].handle;
+  for (std::uint32_t k = 0; k < w.size / blockSize; ++k) {
+    const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
+    if (!WriteThrough(file, position, f.group.arena.data() + w.offset + std::size_t{k} * blockSize, blockSize)) {
+      f.outcome.block = w.block + k;
+      break;
     }
-    FailWritingBlock(w.block);
   }
+  f.outcome.error = platform::LastError();
+  return false;
+}
+
+// The run, where it waits for the flight, shows the messages made before each write once the
+// writes before it are made.
+void TellApplied(std::size_t writes) {
+  Handover& h = TheHandover();
+  {
+    std::lock_guard<std::mutex> hold(h.lock);
+    h.applied = writes;
+  }
+  h.wake.notify_all();
+}
+
+// The writes in the run's order, then sent on their way to the disk: the next commit's flush
+// finds them written.
+bool ApplyWrites(Flight& f) {
+  for (JournalFile& file : j.files) file.writtenFrom = UINT64_MAX, file.writtenTo = 0;
+  for (std::size_t i = 0; i < f.group.held.size(); ++i) {
+    const HeldWrite& w = f.group.held[i];
+    JournalFile& file = j.files[w.volume];
+    if (!WriteThrough(file.handle, w.position, f.group.arena.data() + w.offset, w.size)) return WriteFailed(f, i);
+    file.writtenFrom = std::min(file.writtenFrom, w.position);
+    file.writtenTo = std::max(file.writtenTo, w.position + w.size);
+    file.unflushed = true;
+    TellApplied(i + 1);
+  }
+  for (const JournalFile& file : j.files)
+    if (file.writtenFrom < file.writtenTo)
+      platform::StartWriteBack(file.handle, file.writtenFrom, file.writtenTo - file.writtenFrom);
+  return true;
+}
+
+void WriteFlight(Flight& f) {
+  f.outcome = Outcome{};
+  journal::Checksum sum;
+  if (!WriteRecord(f, sum)) return;
+  const auto start = Clock::now();
+  // The group before is on disk before a commit names this one.
+  if (!SyncJournal(f.outcome) || !SyncWrittenFiles(f.outcome)) return;
+  std::uint8_t sector[journal::kCommitBytes];
+  journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, sum.Value()}, sector);
+  if (!WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)) ||
+      !SyncJournal(f.outcome))
+    return;
+  f.flushing = Clock::now() - start;
+  ApplyWrites(f);
+}
+
+[[noreturn]] void WriterLoop() {
+  Handover& h = TheHandover();
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> hold(h.lock);
+      h.wake.wait(hold, [&] { return h.handed; });
+      h.handed = false;
+    }
+    WriteFlight(j.flight);
+    {
+      std::lock_guard<std::mutex> hold(h.lock);
+      h.done = true;
+    }
+    h.wake.notify_all();
+  }
+}
+
+// The run's side.
+
+void HandToWriter() {
+  static const bool started = (std::thread(WriterLoop).detach(), true);
+  (void)started;
+  Handover& h = TheHandover();
+  {
+    std::lock_guard<std::mutex> hold(h.lock);
+    h.handed = true;
+    h.done = false;
+    h.applied = 0;
+  }
+  h.wake.notify_all();
+  j.flight.busy = true;
+}
+
+// The messages of the group on its way wait for it; then those of the group being gathered wait
+// for its first write.
+void CapOutput() { CapHeldOutput(j.flight.busy ? j.flight.group.cap : j.group.cap); }
+
+// A failure the writer met ends the run here, as it would have in the run's own thread: the
+// messages made before the write that failed are shown, then the run's message.
+[[noreturn]] void FailAsTheWriterStopped(const Outcome& o, const Group& g) {
+  SetFailureHook(nullptr);
+  platform::SetLastError(o.error);
+  if (o.stop == Stop::kJournalWriting) JournalFailed("writing");
+  if (o.stop == Stop::kJournalFlushing) JournalFailed("flushing");
+  if (o.stop == Stop::kVolumeFlushing)
+    Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(o.volume), ErrorText());
+  const HeldWrite& w = g.held[o.write];
   const std::string text = ErrorText();
   CapHeldOutput(w.cap);
   ReleaseHeldOutput(UINT64_MAX);
-  DiscardHeldOutput();
   CapHeldOutput(UINT64_MAX);
+  if (w.failure == nullptr) FailWritingBlock(o.block);
+  DiscardHeldOutput();
   Fail(w.failure, w.block, text.c_str());
 }
-
-// The writes in the run's order; the messages made before each are shown before it is made.
-// They are sent on their way to the disk while the next group is gathered (SendWriteBackPiece).
-void ApplyGroup() {
-  for (const HeldWrite& w : j.held) {
-    CapHeldOutput(w.cap);
-    ReleaseHeldOutput(UINT64_MAX);
-    const platform::File file = VolumeHandle(w.volume);
-    if (!WriteThrough(file, w.position, j.arena.data() + w.offset, w.size)) WriteFailed(w, file);
-    JournalFile& f = j.files[w.volume];
-    f.writtenFrom = f.unflushed ? std::min(f.writtenFrom, w.position) : w.position;
-    f.writtenTo = f.unflushed ? std::max(f.writtenTo, w.position + w.size) : w.position + w.size;
-    f.unflushed = true;
-  }
-}
-
-// The writes of the group before go to the disk a piece at a time, one each time this group has
-// grown by half a piece: sent all at once, they would keep the run waiting on the disk's queue, and
-// the next commit's flush finds them written.
-void SendWriteBackPiece() {
-  if (j.arena.size() < j.writeBackDue) return;
-  j.writeBackDue = j.arena.size() + kWriteBackPieceBytes / 2;
-  for (JournalFile& f : j.files) {
-    if (!f.unflushed || f.writtenFrom >= f.writtenTo) continue;
-    const std::uint64_t piece = std::min<std::uint64_t>(f.writtenTo - f.writtenFrom, kWriteBackPieceBytes);
-    platform::StartWriteBack(f.handle, f.writtenFrom, piece);
-    f.writtenFrom += piece;
-    return;
-  }
-}
-
-void ClearGroup() {
-  j.arena.clear();
-  j.undoSize = 0;
-  j.writeBackDue = 0;
-  j.held.clear();
-  j.latest.clear();
-  CapHeldOutput(UINT64_MAX);
-}
-
-void CommitBeforeFailure();
 
 // A group is as large as its flushes make worth it: a small one is still in the processor's
 // cache when its writes are made, a large one spreads the flushes' cost (which a disk makes high
 // and memory nearly nil). The limit doubles while the flushes took more than an eighth of the
-// group's own time and halves while they took less than a 64th, between kMinGroupBytes and
-// kGroupBytes.
-void AdaptGroupLimit(std::chrono::steady_clock::duration flushing, std::chrono::steady_clock::time_point flushStart) {
+// time the group took to gather and halves while they took less than a 64th, between
+// kMinGroupBytes and kGroupBytes.
+void AdaptGroupLimit(Clock::duration flushing, Clock::duration working) {
   if (platform::TestGroupBytes() != 0) return;
-  const auto working = flushStart - j.groupStart;
   if (flushing * 8 > working)
     j.groupLimit = std::min(j.groupLimit * 2, kGroupBytes);
   else if (flushing * 64 < working)
     j.groupLimit = std::max(j.groupLimit / 2, kMinGroupBytes);
 }
 
+// Waits for the group on its way, showing the messages made before each of its writes as the
+// writes before it are made; the rest of its messages are shown once it has landed.
+void AwaitFlight() {
+  if (!j.flight.busy) return;
+  Handover& h = TheHandover();
+  const std::vector<HeldWrite>& held = j.flight.group.held;
+  for (std::size_t shown = 0;;) {
+    std::unique_lock<std::mutex> hold(h.lock);
+    h.wake.wait(hold, [&] { return h.done || h.applied > shown; });
+    if (h.done) break;
+    shown = h.applied;
+    hold.unlock();
+    if (shown >= held.size()) continue;
+    CapHeldOutput(held[shown].cap);
+    ReleaseHeldOutput(UINT64_MAX);
+  }
+  j.flight.busy = false;
+  if (j.flight.outcome.stop != Stop::kNone) FailAsTheWriterStopped(j.flight.outcome, j.flight.group);
+  AdaptGroupLimit(j.flight.flushing, j.flight.working);
+  j.flight.group.latest.clear();
+  CapOutput();
+  ReleaseHeldOutput(j.releasedUpTo);
+}
+
+void ClearGroup(Group& g) {
+  g.arena.clear();
+  g.undoSize = 0;
+  g.held.clear();
+  g.latest.clear();
+  g.cap = UINT64_MAX;
+}
+
+void CommitBeforeFailure();
+
+// Hands the group to the writer, once the one before has landed.
 void Commit() {
+  AwaitFlight();
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
   if (!j.created) CreateJournal();
+  for (const HeldWrite& w : j.group.held) {
+    if (OpenVolumeHandle(w.volume)) continue;
+    const int error = platform::LastError();
+    CapHeldOutput(w.cap);  // as where the writes before it were made
+    ReleaseHeldOutput(UINT64_MAX);
+    platform::SetLastError(error);
+    FailOpeningVolume(w.volume);
+  }
   journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}};
-  for (const HeldWrite& w : j.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
-  const std::vector<std::uint8_t> encoded = journal::EncodeRecordHead(head);
-  const std::uint64_t size = encoded.size() + j.undoSize;
-  const std::uint64_t offset = PlaceRecord(size);
-  journal::Checksum sum;
-  WriteRecord(offset, encoded, sum);
-  const auto start = std::chrono::steady_clock::now();
-  SyncJournalOrFail();
-  SyncWrittenFilesOrFail();  // the group before is on disk before a commit names this one
-
-  std::uint8_t sector[journal::kCommitBytes];
-  journal::EncodeCommit({j.header.runId, j.nextNumber, offset, size, sum.Value()}, sector);
-  WriteJournalOrFail(sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (j.nextNumber % 2));
-  SyncJournalOrFail();
-  AdaptGroupLimit(std::chrono::steady_clock::now() - start, start);
-  j.lastOffset = offset;
-  j.lastSize = size;
+  for (const HeldWrite& w : j.group.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
+  Flight& f = j.flight;
+  f.head = journal::EncodeRecordHead(head);
+  f.number = j.nextNumber;
+  f.size = f.head.size() + j.group.undoSize;
+  f.offset = PlaceRecord(f.size);
+  const auto now = Clock::now();
+  f.working = now - j.groupStart;
+  j.groupStart = now;
+  std::swap(f.group, j.group);
+  ClearGroup(j.group);
+  j.lastOffset = f.offset;
+  j.lastSize = f.size;
   ++j.nextNumber;
-  ApplyGroup();
-  j.groupStart = std::chrono::steady_clock::now();
+  j.messagesAtCommit = MessagesMade();
+  HandToWriter();
+  CapOutput();
   SetFailureHook(CommitBeforeFailure);
 }
 
 // A failure ends the run: what it wrote before the failure goes to the disk, as without a journal.
 void CommitBeforeFailure() {
-  if (!j.held.empty()) Commit();
-  ClearGroup();
+  if (!j.group.held.empty()) Commit();
+  AwaitFlight();
+  ClearGroup(j.group);
+  CapOutput();
 }
 
 // From here on the run's writes are held in groups (of the size the tests ask for, if they do).
 void StartGroups() {
   if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
-  j.arena.reserve(kGroupBytes + kMaxBlockSize);
+  j.files.resize(std::size_t{furtherVolumeCount} + 1);
+  for (Group* g : {&j.group, &j.flight.group}) g->arena.reserve(kGroupBytes + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
 }
 
 // The bytes the group holds: its writes and their undo.
-std::size_t GroupBytes() { return j.arena.size() + j.undoSize; }
+std::size_t GroupBytes() { return j.group.arena.size() + j.group.undoSize; }
 
 std::uint32_t VolumeOfHandle(platform::File file) {
   for (const auto& [handle, volume] : volumeOf)
@@ -382,12 +558,25 @@ std::uint64_t JournalGroupsWritten() { return j.nextNumber; }
 
 namespace {
 
-// The bytes block b's write replaces, as the disk holds them: constant within a group, whose writes
-// are all held.
+// Lays the writes of group g over bytes just read from position of volume.
+void LayOver(const Group& g, std::uint64_t volume, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  if (g.latest.empty()) return;
+  for (std::uint64_t block = position / blockSize; block * blockSize < position + size; ++block) {
+    const auto it = g.latest.find(volume << 32 | block);
+    if (it == g.latest.end()) continue;
+    const std::uint64_t from = std::max(position, block * blockSize), to = std::min(position + size, (block + 1) * blockSize);
+    std::memcpy(buffer + (from - position), g.arena.data() + it->second + (from - block * blockSize), to - from);
+  }
+}
+
+// The bytes block b's write replaces, as the disk holds them once the group on its way is
+// written: constant within a group, whose writes are all held.
 const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t position, std::uint32_t b) {
   static std::vector<std::uint8_t> replaced(kMaxBlockSize);
-  const platform::File file = VolumeHandle(volume);
-  if (!ReadThrough(file, position, replaced.data(), blockSize)) Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
+  if (!OpenVolumeHandle(volume)) FailOpeningVolume(volume);
+  if (!ReadThrough(j.files[volume].handle, position, replaced.data(), blockSize))
+    Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
+  if (j.flight.busy) LayOver(j.flight.group, volume, position, replaced.data(), blockSize);
   return replaced.data();
 }
 
@@ -395,21 +584,22 @@ const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t positi
 // those the batch read, unless a write held earlier in the group lies over them.
 void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
               std::uint32_t size, std::uint32_t block) {
+  Group& g = j.group;
   const std::uint32_t blocks = size / blockSize;
   bool overlaid = false;
   for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
-    overlaid = j.latest.contains(std::uint64_t{volume} << 32 | (position / blockSize + k));
+    overlaid = g.latest.contains(std::uint64_t{volume} << 32 | (position / blockSize + k));
   const std::uint8_t* original = overlaid ? nullptr : BatchOriginal(file, position, size);
-  const std::size_t room = j.undoSize + blocks * journal::MaxUndoBytes(blockSize);
-  if (j.undo.size() < room) j.undo.resize(std::max(room, j.undo.size() + kRecordPieceBytes));
-  std::size_t end = j.undoSize;  // the group's undo grows only once the write's is whole
+  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
+  if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
+  std::size_t end = g.undoSize;  // the group's undo grows only once the write's is whole
   for (std::uint32_t k = 0; k < blocks; ++k) {
     const std::size_t at = std::size_t{k} * blockSize;
     const std::uint8_t* before =
         original != nullptr ? original + at : ReadReplacedBlock(volume, position + at, block + k);
-    end += journal::EncodeUndo(before, bytes + at, blockSize, j.undo.data() + end);
+    end += journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
   }
-  j.undoSize = end;
+  g.undoSize = end;
 }
 
 }  // namespace
@@ -419,48 +609,55 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
   const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
   const std::uint32_t volume = VolumeOfHandle(file);
   HoldUndo(file, volume, position, bytes, size, block);
-  if (j.held.empty()) CapHeldOutput(cap);
-  const std::size_t offset = j.arena.size();
-  j.arena.insert(j.arena.end(), bytes, bytes + size);
-  j.held.push_back({volume, size, block, position, offset, cap, failure});
+  Group& g = j.group;
+  if (g.held.empty()) {
+    g.cap = cap;
+    CapOutput();
+  }
+  const std::size_t offset = g.arena.size();
+  g.arena.insert(g.arena.end(), bytes, bytes + size);
+  g.held.push_back({volume, size, block, position, offset, cap, failure});
   for (std::uint32_t k = 0; k < size / blockSize; ++k)
-    j.latest[std::uint64_t{volume} << 32 | (position / blockSize + k)] = offset + std::size_t{k} * blockSize;
-  SendWriteBackPiece();
+    g.latest[std::uint64_t{volume} << 32 | (position / blockSize + k)] = offset + std::size_t{k} * blockSize;
 }
 
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
-  if (j.latest.empty() || blockSize == 0) return;
+  if (blockSize == 0) return;
   const std::uint64_t volume = VolumeOfHandle(file);
-  for (std::uint64_t block = position / blockSize; block * blockSize < position + size; ++block) {
-    const auto it = j.latest.find(volume << 32 | block);
-    if (it == j.latest.end()) continue;
-    const std::uint64_t from = std::max(position, block * blockSize), to = std::min(position + size, (block + 1) * blockSize);
-    std::memcpy(buffer + (from - position), j.arena.data() + it->second + (from - block * blockSize), to - from);
-  }
+  if (j.flight.busy) LayOver(j.flight.group, volume, position, buffer, size);
+  LayOver(j.group, volume, position, buffer, size);
 }
 
 bool JournalGroupFull() {
   return j.active && GroupBytes() >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
 }
 bool JournalGroupWaits() {
-  return j.active && !j.held.empty() && (GroupBytes() >= j.groupLimit || HeldOutputWaits());
+  return j.active && !j.group.held.empty() && (GroupBytes() >= j.groupLimit || MessagesMade() > j.messagesAtCommit);
 }
 
 void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
   if (!j.active) return;
-  if (!j.held.empty()) Commit();
-  ClearGroup();
+  if (!j.group.held.empty()) Commit();
+  j.releasedUpTo = releaseMark;
   ReleaseHeldOutput(releaseMark);
+  // Messages made while the group was gathered are not kept waiting for the next commit.
+  if (j.flight.busy && MessagesMade() > j.flight.group.cap) AwaitFlight();
   j.groupBlock = resumeBlock;
   j.groupMaps = SaveMapState();
+}
+
+void AwaitJournalWrites() {
+  if (j.active) AwaitFlight();
 }
 
 void EndJournal() {
   if (!j.active) return;
   CommitJournalGroup(lastBlock, 0);
+  AwaitFlight();
   SetFailureHook(nullptr);
   if (!j.created) return;
-  SyncWrittenFilesOrFail();
+  Outcome outcome;
+  if (!SyncWrittenFiles(outcome)) FailAsTheWriterStopped(outcome, j.group);
   for (JournalFile& f : j.files) platform::Close(f.handle);
   j.files.clear();
   platform::Close(j.file);

@@ -7,9 +7,11 @@
 // ends at a point between two blocks; it is then committed: its undo goes to a record of the
 // journal with that point (the block whose turn is next, the maps the run knows), the record is
 // flushed, then a commit sector naming it (after the database files written by the group before
-// are flushed), and only then are the writes made, in the order the run made them. A group also
-// ends before the run reads on from the disk while it holds messages back (progress lines are not
-// kept waiting for long), and when the run stops: the database then holds what the run wrote
+// are flushed), and only then are the writes made, in the order the run made them. A writer
+// thread does all this for one committed group while the run gathers the next; the group's
+// messages are shown once it has landed. A group also ends before the run reads on from the disk
+// once messages were made in it (progress lines are not kept waiting for long), and when the run
+// stops: the database then holds what the run wrote
 // before it stopped, as without a journal. The recovery puts back the words of the last record and
 // runs on from its point.
 //
@@ -29,8 +31,6 @@ namespace bt {
 inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20, kMinGroupBytes = std::size_t{1} << 20;
 // The bytes of each write of a record to the journal.
 inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
-// The bytes of the group before sent on their way to the disk at a time.
-inline constexpr std::size_t kWriteBackPieceBytes = std::size_t{2} << 20;
 
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
 // database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the
@@ -74,6 +74,8 @@ bool JournalGroupFull();
 // Ends the group at the point where block resumeBlock's turn comes next; the messages held back
 // marked up to releaseMark are shown after it.
 void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark);
+// Waits until every group committed is written; the messages they held back are then shown.
+void AwaitJournalWrites();
 // The run is complete: the files written are flushed, then the journal is removed.
 void EndJournal();
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -12,6 +13,21 @@
 namespace platform::faults {
 
 namespace {
+
+// The conversion's writer thread writes and flushes while the run opens and reads: every entry
+// point below takes this lock, so the plan, the paths and the power cut see one call at a time.
+std::recursive_mutex& SeamLock() {
+  static std::recursive_mutex& lock = *new std::recursive_mutex;
+  return lock;
+}
+using Held = std::unique_lock<std::recursive_mutex>;
+
+// A slow transfer or creation: the other thread goes on meanwhile.
+void WaitSlowly(Held& serial) {
+  serial.unlock();
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  serial.lock();
+}
 
 struct Entry {
   std::string op, name;
@@ -78,20 +94,28 @@ Fault CountedFault(const std::string& op, const std::string& path) {
 }  // namespace
 
 Fault BeforeOpen(const std::string& path, bool writing) {
+  const Held serial(SeamLock());
   const Fault fault = CountedFault("open", path);
   if (fault != Fault::kNone || !writing) return fault;
   return CountedFault("openrw", path);
 }
 
-void NoteOpened(File file, const std::string& path) { Paths()[file] = path; }
-void NoteClosed(File file) { Paths().erase(file); }
+void NoteOpened(File file, const std::string& path) {
+  const Held serial(SeamLock());
+  Paths()[file] = path;
+}
+void NoteClosed(File file) {
+  const Held serial(SeamLock());
+  Paths().erase(file);
+}
 
 Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop) {
+  Held serial(SeamLock());
   const std::string path = PathOf(file);
   for (const Entry& e : Plan()) {
     if (!Matches(e, writing ? "write" : "read", path) || e.arg < position || e.arg >= position + size) continue;
     if (e.slow) {
-      std::this_thread::sleep_for(std::chrono::seconds(3));
+      WaitSlowly(serial);
       continue;
     }
     *stop = e.arg;
@@ -200,6 +224,7 @@ void ForgetHeldRemovals() {
 }  // namespace
 
 Fault BeforeSync(File file) {
+  const Held serial(SeamLock());
   if (CutsHere()) CutPower();
   if (Recording()) {
     const std::string path = PathOf(file);
@@ -209,11 +234,13 @@ Fault BeforeSync(File file) {
 }
 
 void NoteCreated(File file, const std::string& path) {
+  const Held serial(SeamLock());
   if (file != kInvalidFile) NoteOpened(file, path);
   if (Recording()) Cut().names.push_back({NameChange::kCreated, path, ""});
 }
 
 void BeforeWrite(File file, std::uint64_t position, std::size_t size) {
+  const Held serial(SeamLock());
   if (!Recording()) return;
   PendingWrite w{PathOf(file), position, size, std::vector<unsigned char>(size)};
   Cut().cutting = true;
@@ -224,10 +251,12 @@ void BeforeWrite(File file, std::uint64_t position, std::size_t size) {
 }
 
 void AfterWrite() {
+  const Held serial(SeamLock());
   if (CutsHere()) CutPower();
 }
 
 void NoteRenamed(const std::string& from, const std::string& to) {
+  const Held serial(SeamLock());
   if (!Recording()) return;
   Cut().names.push_back({NameChange::kRenamed, from, to});
   for (PendingWrite& w : Cut().writes)
@@ -236,6 +265,7 @@ void NoteRenamed(const std::string& from, const std::string& to) {
 }
 
 bool RemoveHeld(const std::string& path) {
+  const Held serial(SeamLock());
   if (!Recording()) return false;
   Cut().cutting = true;
   const bool held = platform::RenameFile(path, path + kHeldSuffix);
@@ -248,6 +278,7 @@ bool RemoveHeld(const std::string& path) {
 }
 
 void NoteDirectorySynced() {
+  const Held serial(SeamLock());
   if (CutsHere()) CutPower();
   if (!Recording()) return;
   ForgetHeldRemovals();
@@ -255,6 +286,7 @@ void NoteDirectorySynced() {
 }
 
 void BeforeCreate(const std::string& path) {
+  const Held serial(SeamLock());
   for (const Entry& e : Plan()) {
     if (!e.appears || !Matches(e, "create", path)) continue;
     if (std::FILE* other = std::fopen(path.c_str(), "wb")) {
@@ -272,8 +304,9 @@ std::uint32_t Number(const char* name) {
 }  // namespace
 
 void AfterCreate(const std::string& path) {
+  Held serial(SeamLock());
   for (const Entry& e : Plan())
-    if (e.slow && Matches(e, "create", path)) std::this_thread::sleep_for(std::chrono::seconds(3));
+    if (e.slow && Matches(e, "create", path)) WaitSlowly(serial);
 }
 
 std::uint32_t BatchBlocks() { return Number("BYTETURN_BATCH_BLOCKS"); }
