@@ -68,7 +68,7 @@ struct Flight {
 struct JournalFile {
   platform::File handle = platform::kInvalidFile;
   bool unflushed = false;                        // written since its last flush
-  std::uint64_t writtenFrom = 0, writtenTo = 0;  // by the group last written
+  std::uint64_t writtenFrom = 0, writtenTo = 0;  // written and not yet sent on their way to the disk
 };
 
 struct Journal {
@@ -96,6 +96,7 @@ struct Handover {
   std::mutex lock;
   std::condition_variable wake;
   bool handed = false, done = false;
+  bool watching = false;    // the run waits to show messages as the flight's writes are made
   std::size_t applied = 0;  // the flight's writes made so far
 };
 Handover& TheHandover() {
@@ -248,15 +249,18 @@ bool WriteFailed(Flight& f, std::size_t i) {
 // writes before it are made.
 void TellApplied(std::size_t writes) {
   Handover& h = TheHandover();
+  bool tell = false;
   {
     std::lock_guard<std::mutex> hold(h.lock);
     h.applied = writes;
+    tell = h.watching;
   }
-  h.wake.notify_all();
+  if (tell) h.wake.notify_all();
 }
 
-// The writes in the run's order, then sent on their way to the disk: the next commit's flush
-// finds them written.
+// The writes in the run's order, sent on their way to the disk a piece at a time as they are
+// made: the disk works on them while the rest are copied, and the next commit's flush finds them
+// written.
 bool ApplyWrites(Flight& f) {
   for (JournalFile& file : j.files) file.writtenFrom = UINT64_MAX, file.writtenTo = 0;
   for (std::size_t i = 0; i < f.group.held.size(); ++i) {
@@ -267,6 +271,10 @@ bool ApplyWrites(Flight& f) {
     file.writtenTo = std::max(file.writtenTo, w.position + w.size);
     file.unflushed = true;
     TellApplied(i + 1);
+    if (file.writtenTo - file.writtenFrom >= kWriteBackPieceBytes) {
+      platform::StartWriteBack(file.handle, file.writtenFrom, file.writtenTo - file.writtenFrom);
+      file.writtenFrom = UINT64_MAX, file.writtenTo = 0;
+    }
   }
   for (const JournalFile& file : j.files)
     if (file.writtenFrom < file.writtenTo)
@@ -365,9 +373,12 @@ void AwaitFlight() {
   if (!j.flight.busy) return;
   Handover& h = TheHandover();
   const std::vector<HeldWrite>& held = j.flight.group.held;
+  const bool watching = MessagesMade() > j.flight.group.cap;  // messages wait for its writes
   for (std::size_t shown = 0;;) {
     std::unique_lock<std::mutex> hold(h.lock);
-    h.wake.wait(hold, [&] { return h.done || h.applied > shown; });
+    h.watching = watching;
+    h.wake.wait(hold, [&] { return h.done || (watching && h.applied > shown); });
+    h.watching = false;
     if (h.done) break;
     shown = h.applied;
     hold.unlock();

@@ -31,6 +31,8 @@ namespace bt {
 inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20, kMinGroupBytes = std::size_t{1} << 20;
 // The bytes of each write of a record to the journal.
 inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
+// The bytes of a group's writes sent on their way to the disk at a time.
+inline constexpr std::size_t kWriteBackPieceBytes = std::size_t{1} << 20;
 
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
 // database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the
