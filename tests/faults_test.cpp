@@ -193,8 +193,9 @@ TEST(Faults, BatchesChangeNothingThatCanBeSeen) {
       ASSERT_EQ(gendb::WriteKeyfile(s.Path("k.key"), "1.0", p.keyId, "admin", "pw", p.databaseKey), "");
       answers = Shown(s.Path("k.key")) + "\nadmin\npw\n";
     }
-    RunResult one, many;
-    for (auto [dir, batch, r] : {std::tuple{"one", "BYTETURN_BATCH_BLOCKS=1", &one}, std::tuple{"many", "", &many}}) {
+    RunResult one, many, lagging;  // the last with the journal's writer a group behind
+    for (auto [dir, batch, r] : {std::tuple{"one", "BYTETURN_BATCH_BLOCKS=1", &one}, std::tuple{"many", "", &many},
+                                 std::tuple{"lagging", "BYTETURN_WRITER_LAG=1", &lagging}}) {
       fs::create_directories(s.Path(dir));
       Generate(p, s.Path(std::string(dir) + "/ORVA.DAT"));
       *r = RunByteturn({"ORVA.DAT"}, answers, s.Path(dir), UnderTest().faultsExe, batch);
@@ -203,10 +204,15 @@ TEST(Faults, BatchesChangeNothingThatCanBeSeen) {
     EXPECT_EQ(many.status, one.status);
     EXPECT_EQ(one.out, many.out);
     EXPECT_EQ(one.err, many.err);
-    const auto ones = gendb::DatabaseFiles(p, s.Path("one/ORVA.DAT")), manys = gendb::DatabaseFiles(p, s.Path("many/ORVA.DAT"));
+    EXPECT_EQ(one.out, lagging.out);
+    const auto ones = gendb::DatabaseFiles(p, s.Path("one/ORVA.DAT"));
     ASSERT_EQ(ones.size(), p.volumeSet.volumes + 1u);
-    for (std::size_t v = 0; v < ones.size(); ++v)
-      EXPECT_EQ(gendb::CompareFiles(ones[v], manys[v], gendb::GeometryFor(p.sizeCode).blockSize), "") << "volume " << v;
+    for (const char* other : {"many", "lagging"}) {
+      const auto others = gendb::DatabaseFiles(p, s.Path(std::string(other) + "/ORVA.DAT"));
+      for (std::size_t v = 0; v < ones.size(); ++v)
+        EXPECT_EQ(gendb::CompareFiles(ones[v], others[v], gendb::GeometryFor(p.sizeCode).blockSize), "")
+            << other << ", volume " << v;
+    }
   }
 }
 
@@ -253,8 +259,10 @@ TEST(Faults, WriteFailureHidesMessagesOfLaterBlocks) {
   const auto original = ReadBytes(s.Path("original.dat")), twin = ReadBytes(s.Path("twin.dat"));
   std::uint32_t f = k - 1;
   while (f > 2 && std::equal(original.begin() + At(f), original.begin() + At(f + 1), twin.begin() + At(f))) --f;
-  RunResult one, many;
-  for (auto [name, batch, r] : {std::tuple{"one.dat", "BYTETURN_BATCH_BLOCKS=1 ", &one}, std::tuple{"many.dat", "", &many}}) {
+  // Written a block at a time, in batches, and with the journal's writer lagging a group behind.
+  RunResult one, many, lagging;
+  for (auto [name, batch, r] : {std::tuple{"one.dat", "BYTETURN_BATCH_BLOCKS=1 ", &one}, std::tuple{"many.dat", "", &many},
+                                std::tuple{"lagging.dat", "BYTETURN_WRITER_LAG=1 ", &lagging}}) {
     Generate(p, s.Path(name));
     *r = RunByteturn({s.Path(name)}, "", "", UnderTest().faultsExe,
                      std::string(batch) + "BYTETURN_FAULTS='write:" + name + ":" + std::to_string(At(f)) + ":EIO'");
@@ -263,7 +271,9 @@ TEST(Faults, WriteFailureHidesMessagesOfLaterBlocks) {
   EXPECT_NE(one.out.find("\r\nError writing block " + std::to_string(f) + "."), std::string::npos) << one.out;
   EXPECT_EQ(one.out.find(skip + std::to_string(k)), std::string::npos) << one.out;
   EXPECT_EQ(many.out, one.out);
+  EXPECT_EQ(lagging.out, one.out);
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
+  EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("lagging.dat"), kBlock), "");
 }
 
 // A block that cannot be written, which printed a line of its own before its write (its progress
@@ -290,7 +300,7 @@ TEST(Faults, WriteFailureAtABlockThatPrintedALine) {
     std::string line;
   };
   for (const Case& c : {Case{{}, 1000, "\r1000 blocks (50%)     "}, Case{{"-t"}, data, malformed}}) {
-    for (const std::string batch : {"BYTETURN_BATCH_BLOCKS=1 ", ""}) {
+    for (const std::string batch : {"BYTETURN_BATCH_BLOCKS=1 ", "", "BYTETURN_WRITER_LAG=1 "}) {
       SCOPED_TRACE(batch + std::to_string(c.block));
       Generate(p, s.Path("ORVA.DAT"));
       WriteBytes(s.Path("ORVA.DAT"), At(data) + 28, {0x80, 0, 0, 0});

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 #include <random>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -59,7 +60,8 @@ struct Flight {
   Group group;
   std::vector<std::uint8_t> head;
   std::uint64_t number = 0, offset = 0, size = 0;
-  bool busy = false;  // handed to the writer and not landed yet (the run's own view)
+  bool busy = false;     // handed to the writer and not landed yet (the run's own view)
+  bool lagging = false;  // not started yet (the tests' lag)
   Clock::duration working{}, flushing{};
   Outcome outcome;
 };
@@ -317,18 +319,38 @@ void WriteFlight(Flight& f) {
 
 // The run's side.
 
-void HandToWriter() {
-  static const bool started = (std::thread(WriterLoop).detach(), true);
-  (void)started;
+// The writer thread, started once; false where the system cannot start one.
+bool WriterRunning() {
+  static const bool running = [] {
+    try {
+      std::thread(WriterLoop).detach();
+      return true;
+    } catch (const std::system_error&) {
+      return false;
+    }
+  }();
+  return running;
+}
+
+// The writer starts on the flight (where the tests ask it to lag, only once the run waits for it).
+// Without a writer thread, the run writes the flight itself, here.
+void StartWriter() {
   Handover& h = TheHandover();
+  j.flight.lagging = false;
+  if (!WriterRunning()) WriteFlight(j.flight);
   {
-    std::lock_guard<std::mutex> hold(h.lock);
-    h.handed = true;
-    h.done = false;
+    const std::lock_guard<std::mutex> hold(h.lock);
+    h.handed = WriterRunning();
+    h.done = !h.handed;
     h.applied = 0;
   }
   h.wake.notify_all();
+}
+
+void HandToWriter() {
   j.flight.busy = true;
+  j.flight.lagging = platform::TestWriterLags();
+  if (!j.flight.lagging) StartWriter();
 }
 
 // The messages of the group on its way wait for it; then those of the group being gathered wait
@@ -371,6 +393,7 @@ void AdaptGroupLimit(Clock::duration flushing, Clock::duration working) {
 // writes before it are made; the rest of its messages are shown once it has landed.
 void AwaitFlight() {
   if (!j.flight.busy) return;
+  if (j.flight.lagging) StartWriter();
   Handover& h = TheHandover();
   const std::vector<HeldWrite>& held = j.flight.group.held;
   const bool watching = MessagesMade() > j.flight.group.cap;  // messages wait for its writes

@@ -312,5 +312,6 @@ void AfterCreate(const std::string& path) {
 std::uint32_t BatchBlocks() { return Number("BYTETURN_BATCH_BLOCKS"); }
 std::uint32_t CheckSlots() { return Number("BYTETURN_CHECK_SLOTS"); }
 std::uint32_t GroupBytes() { return Number("BYTETURN_GROUP_BYTES"); }
+std::uint32_t WriterLag() { return Number("BYTETURN_WRITER_LAG"); }
 
 }  // namespace platform::faults

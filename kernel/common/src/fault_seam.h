@@ -56,6 +56,8 @@ std::uint32_t BatchBlocks();
 std::uint32_t CheckSlots();
 // BYTETURN_GROUP_BYTES (0: the program's own choice).
 std::uint32_t GroupBytes();
+// BYTETURN_WRITER_LAG (0: the writer starts on a group as soon as it is committed).
+std::uint32_t WriterLag();
 // The power cut's record of what is not durable yet.
 void NoteCreated(File file, const std::string& path);
 void BeforeWrite(File file, std::uint64_t position, std::size_t size);
@@ -75,6 +77,7 @@ inline void AfterCreate(const std::string&) {}
 inline std::uint32_t BatchBlocks() { return 0; }
 inline std::uint32_t CheckSlots() { return 0; }
 inline std::uint32_t GroupBytes() { return 0; }
+inline std::uint32_t WriterLag() { return 0; }
 inline void NoteCreated(File, const std::string&) {}
 inline void BeforeWrite(File, std::uint64_t, std::size_t) {}
 inline void AfterWrite() {}

@@ -58,6 +58,9 @@ std::uint32_t TestBatchBlocks();
 std::uint32_t TestCheckSlots();
 // Bytes of writes a journaled run holds per group that a test build asks for; 0 in the program.
 std::uint32_t TestGroupBytes();
+// Whether a test build asks a journaled run's writer to start on a committed group only when the
+// run waits for it (so that every read meanwhile finds the disk without it); false in the program.
+bool TestWriterLags();
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);
