@@ -71,6 +71,7 @@ struct JournalFile {
   platform::File handle = platform::kInvalidFile;
   bool unflushed = false;                        // written since its last flush
   std::uint64_t writtenFrom = 0, writtenTo = 0;  // written and not yet sent on their way to the disk
+  std::uint64_t writtenBytes = 0;                // how much of that range was written
 };
 
 struct Journal {
@@ -264,18 +265,21 @@ void TellApplied(std::size_t writes) {
 // made: the disk works on them while the rest are copied, and the next commit's flush finds them
 // written.
 bool ApplyWrites(Flight& f) {
-  for (JournalFile& file : j.files) file.writtenFrom = UINT64_MAX, file.writtenTo = 0;
+  for (JournalFile& file : j.files) file.writtenFrom = UINT64_MAX, file.writtenTo = 0, file.writtenBytes = 0;
   for (std::size_t i = 0; i < f.group.held.size(); ++i) {
     const HeldWrite& w = f.group.held[i];
     JournalFile& file = j.files[w.volume];
     if (!WriteThrough(file.handle, w.position, f.group.arena.data() + w.offset, w.size)) return WriteFailed(f, i);
     file.writtenFrom = std::min(file.writtenFrom, w.position);
     file.writtenTo = std::max(file.writtenTo, w.position + w.size);
+    file.writtenBytes += w.size;
     file.unflushed = true;
     TellApplied(i + 1);
-    if (file.writtenTo - file.writtenFrom >= kWriteBackPieceBytes) {
+    // Counted in bytes written, not by the range's width: a write far from the others (a big
+    // string's block, say) would otherwise send every write after it on its way alone.
+    if (file.writtenBytes >= kWriteBackPieceBytes) {
       platform::StartWriteBack(file.handle, file.writtenFrom, file.writtenTo - file.writtenFrom);
-      file.writtenFrom = UINT64_MAX, file.writtenTo = 0;
+      file.writtenFrom = UINT64_MAX, file.writtenTo = 0, file.writtenBytes = 0;
     }
   }
   for (const JournalFile& file : j.files)
