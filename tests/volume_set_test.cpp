@@ -244,7 +244,7 @@ TEST(VolumeSets, EveryFailureEndsBeforeAnythingIsWritten) {
     const auto before = ReadBytes(s.Path("src/ORVA.DAT"));
     RunResult r = RunByteturn({"-t", "ORVA.DAT"}, "yes\n", s.Path("src"));
     EXPECT_EQ(r.status, 1) << f.name;
-    EXPECT_TRUE(r.out.ends_with(f.message)) << f.name << ": " << r.out;
+    EXPECT_TRUE(r.out.ends_with(f.message)) << f.name << ": " << r.out << r.err;
     EXPECT_EQ(ReadBytes(s.Path("src/ORVA.DAT")), before) << f.name;
     EXPECT_FALSE(Exists(s.Path("src/orva.lck"))) << f.name;
   }
