@@ -53,13 +53,12 @@ struct Outcome {
   std::uint32_t block = 0;   // and the block to name
 };
 
-// A group committed: the writer thread makes its record, flushes, writes the commit sector,
-// flushes, and makes its writes, while the run gathers the next group. One is on its way at a
-// time, so the order of everything the disk sees is the one-thread run's.
+// A group committed, its record written and flushed by the run: the writer thread flushes the
+// writes of the group before, writes the commit sector, flushes, and makes the group's writes,
+// while the run gathers the next group and writes its record. One group is on its way at a time.
 struct Flight {
   Group group;
-  std::vector<std::uint8_t> head;
-  std::uint64_t number = 0, offset = 0, size = 0;
+  std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
   bool busy = false;     // handed to the writer and not landed yet (the run's own view)
   bool lagging = false;  // not started yet (the tests' lag)
   Clock::duration working{}, flushing{};
@@ -74,12 +73,20 @@ struct JournalFile {
   std::uint64_t writtenBytes = 0;                // how much of that range was written
 };
 
+// Where a record lies in the journal.
+struct Placed {
+  std::uint64_t offset = 0, size = 0;
+};
+
 struct Journal {
   bool active = false, created = false;
   std::string path;
   platform::File file = platform::kInvalidFile;
   journal::Header header;
-  std::uint64_t nextNumber = 1, lastOffset = 0, lastSize = 0;  // the record the last commit names
+  std::uint64_t nextNumber = 1;
+  // The records of the last two groups committed, the latest first: while the older one's commit
+  // may still be the last on disk, neither is overwritten.
+  Placed placed[2];
   // The group being gathered: its point of the run, and its writes.
   std::uint32_t groupBlock = 1;
   MapState groupMaps;
@@ -176,11 +183,22 @@ bool OpenVolumeHandle(std::uint32_t v) {
   Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(v), ErrorText());
 }
 
-// The record goes where it overlaps nothing of the record the last commit names.
+// The record goes at the lowest of the journal's first record place and the ends of the last two
+// records that overlaps neither of them: the journal stays within about three records.
 std::uint64_t PlaceRecord(std::uint64_t size) {
-  if (j.lastSize == 0 || journal::kRecordsOffset + size <= j.lastOffset) return journal::kRecordsOffset;
-  const std::uint64_t end = j.lastOffset + j.lastSize;
-  return (end + journal::kRecordAlignment - 1) / journal::kRecordAlignment * journal::kRecordAlignment;
+  const auto overlaps = [&](std::uint64_t at) {
+    for (const Placed& p : j.placed)
+      if (p.size != 0 && at < p.offset + p.size && p.offset < at + size) return true;
+    return false;
+  };
+  std::uint64_t best = UINT64_MAX;
+  for (std::uint64_t at : {journal::kRecordsOffset, j.placed[0].offset + j.placed[0].size,
+                           j.placed[1].offset + j.placed[1].size}) {
+    at = (std::max(at, journal::kRecordsOffset) + journal::kRecordAlignment - 1) / journal::kRecordAlignment *
+         journal::kRecordAlignment;
+    if (at < best && !overlaps(at)) best = at;
+  }
+  return best;  // the end of the one that ends last always fits
 }
 
 // The writer's side. It fails nothing itself: where a step fails, it notes why and stops.
@@ -208,22 +226,6 @@ bool SyncWrittenFiles(Outcome& outcome) {
     platform::ClearLastError();
     if (!platform::Sync(j.files[v].handle)) return Stopped(outcome, Stop::kVolumeFlushing, static_cast<std::uint32_t>(v));
     j.files[v].unflushed = false;
-  }
-  return true;
-}
-
-// The record: its head, then the undo of the group's blocks, in pieces that are each sent on
-// their way to the disk while the next is written.
-bool WriteRecord(Flight& f, journal::Checksum& sum) {
-  sum.Add(f.head.data(), f.head.size());
-  if (!WriteJournal(f.outcome, f.head.data(), f.head.size(), f.offset)) return false;
-  for (std::size_t done = 0; done < f.group.undoSize;) {
-    const std::size_t piece = std::min(f.group.undoSize - done, kRecordPieceBytes);
-    const std::uint64_t at = f.offset + f.head.size() + done;
-    sum.Add(f.group.undo.data() + done, piece);
-    if (!WriteJournal(f.outcome, f.group.undo.data() + done, piece, at)) return false;
-    platform::StartWriteBack(j.file, at, piece);
-    done += piece;
   }
   return true;
 }
@@ -290,17 +292,15 @@ bool ApplyWrites(Flight& f) {
 
 void WriteFlight(Flight& f) {
   f.outcome = Outcome{};
-  journal::Checksum sum;
-  if (!WriteRecord(f, sum)) return;
   const auto start = Clock::now();
   // The group before is on disk before a commit names this one.
-  if (!SyncJournal(f.outcome) || !SyncWrittenFiles(f.outcome)) return;
+  if (!SyncWrittenFiles(f.outcome)) return;
   std::uint8_t sector[journal::kCommitBytes];
-  journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, sum.Value()}, sector);
+  journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, f.checksum}, sector);
   if (!WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)) ||
       !SyncJournal(f.outcome))
     return;
-  f.flushing = Clock::now() - start;
+  f.flushing += Clock::now() - start;
   ApplyWrites(f);
 }
 
@@ -431,14 +431,43 @@ void ClearGroup(Group& g) {
 
 void CommitBeforeFailure();
 
-// Hands the group to the writer, once the one before has landed.
+// The group's record: its head, then the undo of its blocks, in pieces that are each sent on
+// their way to the disk while the next is written; then flushed. Returns what failed ("writing",
+// "flushing") with the system's error, or nullptr; flushing is the flush's time.
+const char* WriteRecord(const std::vector<std::uint8_t>& head, const Placed& at, std::uint64_t& checksum, int& error,
+                        Clock::duration& flushing) {
+  journal::Checksum sum;
+  sum.Add(head.data(), head.size());
+  platform::ClearLastError();
+  bool written = WriteThrough(j.file, at.offset, head.data(), static_cast<std::uint32_t>(head.size()));
+  for (std::size_t done = 0; written && done < j.group.undoSize; done += kRecordPieceBytes) {
+    const std::size_t piece = std::min(j.group.undoSize - done, kRecordPieceBytes);
+    const std::uint64_t position = at.offset + head.size() + done;
+    sum.Add(j.group.undo.data() + done, piece);
+    written = WriteThrough(j.file, position, j.group.undo.data() + done, static_cast<std::uint32_t>(piece));
+    if (written) platform::StartWriteBack(j.file, position, piece);
+  }
+  error = platform::LastError();
+  if (!written) return "writing";
+  checksum = sum.Value();
+  platform::ClearLastError();
+  const auto start = Clock::now();
+  const bool flushed = platform::Sync(j.file);
+  error = platform::LastError();
+  flushing = Clock::now() - start;
+  return flushed ? nullptr : "flushing";
+}
+
+// Writes the group's record while the group before is on its way, then hands the group to the
+// writer once that one has landed. A failure here shows what the group before shows first, as
+// its writes come before it.
 void Commit() {
-  AwaitFlight();
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
   if (!j.created) CreateJournal();
   for (const HeldWrite& w : j.group.held) {
     if (OpenVolumeHandle(w.volume)) continue;
     const int error = platform::LastError();
+    AwaitFlight();
     CapHeldOutput(w.cap);  // as where the writes before it were made
     ReleaseHeldOutput(UINT64_MAX);
     platform::SetLastError(error);
@@ -446,18 +475,31 @@ void Commit() {
   }
   journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}};
   for (const HeldWrite& w : j.group.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
+  const std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
+  Placed record{0, headBytes.size() + j.group.undoSize};
+  record.offset = PlaceRecord(record.size);
+  std::uint64_t checksum = 0;
+  int error = 0;
+  Clock::duration flushing{};
+  const char* failed = WriteRecord(headBytes, record, checksum, error, flushing);
+  AwaitFlight();
+  if (failed != nullptr) {
+    platform::SetLastError(error);
+    JournalFailed(failed);
+  }
   Flight& f = j.flight;
-  f.head = journal::EncodeRecordHead(head);
   f.number = j.nextNumber;
-  f.size = f.head.size() + j.group.undoSize;
-  f.offset = PlaceRecord(f.size);
+  f.offset = record.offset;
+  f.size = record.size;
+  f.checksum = checksum;
+  f.flushing = flushing;  // the writer adds its own
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;
   std::swap(f.group, j.group);
   ClearGroup(j.group);
-  j.lastOffset = f.offset;
-  j.lastSize = f.size;
+  j.placed[1] = j.placed[0];
+  j.placed[0] = record;
   ++j.nextNumber;
   j.messagesAtCommit = MessagesMade();
   HandToWriter();
@@ -574,8 +616,7 @@ void ContinueJournal(const JournalResume& resume) {
   j.path = resume.path;
   j.header.runId = resume.runId;
   j.nextNumber = resume.nextNumber;
-  j.lastOffset = resume.lastOffset;
-  j.lastSize = resume.lastSize;
+  j.placed[0] = {resume.lastOffset, resume.lastSize};
   j.groupBlock = resume.resumeBlock;
   j.groupMaps = resume.maps;
   StartGroups();
