@@ -192,43 +192,77 @@ std::vector<std::pair<std::string, gendb::Params>> EveryKind() {
 
 }  // namespace
 
-// The undo of a write holds the words it changes as they were, a bitmap telling which: put back
-// over whatever a write lost, kept or torn at 512-byte boundaries leaves, it gives the block as
-// it was, and it takes no more room than that.
-TEST(Journal, AnUndoPutsBackTheWordsAnyTornWriteChanged) {
+// The undo of a write puts the block back as it was over whatever a write lost, kept or torn at
+// 512-byte boundaries leaves, and again over what an interrupted put-back left; a word the write
+// only reversed in parts takes a byte, and one stored as it was tells each sector's state.
+TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   std::mt19937_64 rng(7);
+  const auto turned = [&](std::vector<std::uint8_t>& block, std::uint32_t w) {
+    static const std::vector<std::vector<int>> orders = {
+        {7, 6, 5, 4, 3, 2, 1, 0}, {3, 2, 1, 0, 7, 6, 5, 4}, {1, 0, 3, 2, 5, 4, 7, 6}, {0, 1, 2, 3, 7, 6, 5, 4},
+        {1, 0, 2, 3, 4, 5, 7, 6}};
+    const std::vector<int>& order = orders[rng() % orders.size()];
+    std::uint8_t word[8];
+    for (int k = 0; k < 8; ++k) word[k] = block[8 * w + static_cast<std::uint32_t>(order[k])];
+    std::copy_n(word, 8, block.begin() + 8 * w);
+  };
   for (std::uint32_t size : {4096u, 8192u, 65536u})
-    for (unsigned share : {0u, 3u, 50u, 97u, 100u}) {  // percent of the words the write changes
-      SCOPED_TRACE(std::to_string(size) + " bytes, " + std::to_string(share) + "% changed");
-      std::vector<std::uint8_t> before(size), after(size);
-      for (auto& b : before) b = static_cast<std::uint8_t>(rng());
-      std::vector<std::uint8_t> bitmap(size / 64), words;
-      after = before;
-      for (std::uint32_t w = 0; w < size / 8; ++w) {
-        if (rng() % 100 >= share) continue;
-        after[8 * w + rng() % 8] ^= static_cast<std::uint8_t>(1 + rng() % 255);  // one byte of it, or more
-        if (rng() % 2) after[8 * w + rng() % 8] ^= 0x80;
-        if (std::equal(before.begin() + 8 * w, before.begin() + 8 * w + 8, after.begin() + 8 * w)) continue;
-        bitmap[w / 8] |= static_cast<std::uint8_t>(1u << w % 8);
-        words.insert(words.end(), before.begin() + 8 * w, before.begin() + 8 * w + 8);
-      }
-      std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
-      const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, undo.data());
-      ASSERT_EQ(n, bitmap.size() + words.size());
-      EXPECT_TRUE(std::equal(bitmap.begin(), bitmap.end(), undo.begin()));
-      EXPECT_TRUE(std::equal(words.begin(), words.end(), undo.begin() + static_cast<std::ptrdiff_t>(bitmap.size())));
-      EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size), n);
-      EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size), 0u);
-      for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
-        std::vector<std::uint8_t> torn = after;
+    for (unsigned share : {0u, 3u, 50u, 100u})  // percent of the words the write changes
+      for (bool reversing : {true, false}) {  // fields reversed, or any change
+        SCOPED_TRACE(std::to_string(size) + " bytes, " + std::to_string(share) + "% changed" +
+                     (reversing ? ", reversed" : ""));
+        std::vector<std::uint8_t> before(size);
+        for (auto& b : before) b = static_cast<std::uint8_t>(rng());
+        std::vector<std::uint8_t> after = before;
+        std::size_t changed = 0, sectors = 0;
+        for (std::uint32_t w = 0; w < size / 8; ++w) {
+          if (rng() % 100 < share) reversing ? turned(after, w) : void(after[8 * w + rng() % 8] ^= 0x41);
+          changed += !std::equal(before.begin() + 8 * w, before.begin() + 8 * w + 8, after.begin() + 8 * w);
+        }
+        for (std::uint32_t s = 0; s < size; s += 512)
+          sectors += !std::equal(before.begin() + s, before.begin() + s + 512, after.begin() + s);
+        std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
+        const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, undo.data());
+        EXPECT_LE(n, size / 64 + changed + (reversing ? 8 * sectors : 8 * changed));
+        EXPECT_GE(n, size / 64 + changed + 8 * sectors);
+        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size), n);
+        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size), 0u);
+        for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
+          std::vector<std::uint8_t> torn = after;
+          for (std::uint32_t sector = 0; sector < size / 512; ++sector)
+            if (cut == 1 || (cut > 1 && rng() % 2))
+              std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
+          const bool differs = torn != before;
+          EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, torn.data()), differs);
+          EXPECT_EQ(torn, before) << "cut " << cut;
+          EXPECT_FALSE(bt::journal::ApplyUndo(undo.data(), size, torn.data()));  // a second put-back changes nothing
+        }
+        // Written twice in a group: each sector holds either write or neither. The first write's
+        // undo, then the second's, which names every word, give the block as it was.
+        std::vector<std::uint8_t> again = after, whole(bt::journal::MaxUndoBytes(size)), mixed(size);
+        for (std::uint32_t w = 0; w < size / 8; w += 3) turned(again, w);
+        bt::journal::EncodeWholeUndo(before.data(), size, whole.data());
+        const std::vector<std::uint8_t>* states[] = {&before, &after, &again};
         for (std::uint32_t sector = 0; sector < size / 512; ++sector)
-          if (cut == 1 || (cut > 1 && rng() % 2))
-            std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
-        const bool differs = torn != before;
-        EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, torn.data()), differs);
-        EXPECT_EQ(torn, before) << "cut " << cut;
+          std::copy_n(states[rng() % 3]->begin() + 512 * sector, 512, mixed.begin() + 512 * sector);
+        bt::journal::ApplyUndo(undo.data(), size, mixed.data());
+        bt::journal::ApplyUndo(whole.data(), size, mixed.data());
+        EXPECT_EQ(mixed, before);
       }
-    }
+  // A sector's first word named must be stored as it was, and every code must be one of the orders.
+  std::vector<std::uint8_t> before(4096, 1), after(4096, 1), undo(bt::journal::MaxUndoBytes(4096));
+  after[8] = 2, after[9] = 3, after[16] = 3, after[17] = 2, before[16] = 2, before[17] = 3;
+  before[18] = after[18] = 5, before[19] = after[19] = 6;
+  const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, undo.data());
+  ASSERT_EQ(n, 4096 / 64 + 9 + 1);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), n);
+  const std::size_t codes = 4096 / 64;  // one per word named, then the word stored
+  EXPECT_EQ(undo[codes], 0);
+  EXPECT_EQ(undo[codes + 1], 0x03);  // its bytes 0 and 1 swapped
+  undo[codes + 1] = 0x55;
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
+  undo[codes + 1] = 0x03, undo[codes] = 0xFF;
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
 }
 
 // The power goes at a write, flush or rename of a run: what was not flushed is lost, kept or torn

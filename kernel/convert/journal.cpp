@@ -519,7 +519,9 @@ void CommitBeforeFailure() {
 void StartGroups() {
   if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
-  for (Group* g : {&j.group, &j.flight.group}) g->arena.reserve(kGroupBytes + kMaxBlockSize);
+  // As much as a group can hold before it must end (JournalGroupFull), and one write more: an
+  // arena that grew would for a moment be there twice.
+  for (Group* g : {&j.group, &j.flight.group}) g->arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
 }
 
@@ -660,7 +662,8 @@ const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t positi
 }
 
 // Appends the undo of the write of size bytes at position of volume: the bytes it replaces are
-// those the batch read, unless a write held earlier in the group lies over them.
+// those the batch read, unless a write held earlier in the group lies over them; then the undo
+// names every word, for each sector may hold either write.
 void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
               std::uint32_t size, std::uint32_t block) {
   Group& g = j.group;
@@ -676,7 +679,8 @@ void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
     const std::size_t at = std::size_t{k} * blockSize;
     const std::uint8_t* before =
         original != nullptr ? original + at : ReadReplacedBlock(volume, position + at, block + k);
-    end += journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
+    end += overlaid ? journal::EncodeWholeUndo(before, blockSize, g.undo.data() + end)
+                    : journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
   }
   g.undoSize = end;
 }

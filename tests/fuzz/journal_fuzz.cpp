@@ -51,14 +51,18 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
     e.position = in.Next(2);
   }
   std::vector<std::uint8_t> record = bt::journal::EncodeRecordHead(head);
-  // Each block's write changes the words that a byte of the input picks, more or fewer of them.
-  const std::vector<std::uint8_t> before(head.blockSize, 0xA5);
+  // Each block's write changes the words that a byte of the input picks, more or fewer of them:
+  // some reversed, some changed otherwise.
+  std::vector<std::uint8_t> before(head.blockSize);
+  for (std::size_t i = 0; i < before.size(); ++i) before[i] = static_cast<std::uint8_t>(i * 7);
   std::vector<std::uint8_t> after(head.blockSize), undo(bt::journal::MaxUndoBytes(head.blockSize));
   for (const auto& e : head.entries)
     for (std::uint32_t k = 0; k < e.blocks; ++k) {
       const std::uint32_t pick = in.Next(1);
-      for (std::size_t i = 0; i < after.size(); ++i)
-        after[i] = (i / 8 * 37 + pick) % 16 < pick % 17 ? 0x5A : 0xA5;
+      for (std::size_t i = 0; i < after.size(); ++i) {
+        const std::size_t choice = (i / 8 * 37 + pick) % 16 < pick % 17 ? i / 8 % 2 : 2;
+        after[i] = choice == 0 ? 0x5A : choice == 1 ? before[i ^ 7] : before[i];
+      }
       const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), head.blockSize, undo.data());
       record.insert(record.end(), undo.begin(), undo.begin() + static_cast<std::ptrdiff_t>(n));
     }
