@@ -661,9 +661,32 @@ const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t positi
   return replaced.data();
 }
 
+// The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
+// the group ends, the bytes a write of one of them replaces, unless the group wrote it since.
+struct ReadAside {
+  std::uint64_t group = 0, volume = 0, position = 0;
+  std::vector<std::uint8_t> bytes;
+};
+ReadAside readAside[8];
+std::size_t nextAside = 0;
+
+void KeepReadAside(std::uint64_t volume, std::uint64_t position, const std::uint8_t* buffer) {
+  ReadAside& r = readAside[nextAside++ % std::size(readAside)];
+  r.group = j.nextNumber;
+  r.volume = volume;
+  r.position = position;
+  r.bytes.assign(buffer, buffer + blockSize);
+}
+
+const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
+  for (const ReadAside& r : readAside)
+    if (r.group == j.nextNumber && r.volume == volume && r.position == position) return r.bytes.data();
+  return nullptr;
+}
+
 // Appends the undo of the write of size bytes at position of volume: the bytes it replaces are
-// those the batch read, unless a write held earlier in the group lies over them; then the undo
-// names every word, for each sector may hold either write.
+// those the batch read or a read of the block alone kept, unless a write held earlier in the group
+// lies over them; then the undo names every word, for each sector may hold either write.
 void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
               std::uint32_t size, std::uint32_t block) {
   Group& g = j.group;
@@ -677,8 +700,10 @@ void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   std::size_t end = g.undoSize;  // the group's undo grows only once the write's is whole
   for (std::uint32_t k = 0; k < blocks; ++k) {
     const std::size_t at = std::size_t{k} * blockSize;
-    const std::uint8_t* before =
-        original != nullptr ? original + at : ReadReplacedBlock(volume, position + at, block + k);
+    const std::uint8_t* before = original != nullptr ? original + at
+                                 : overlaid          ? nullptr
+                                                     : ReadAsideFor(volume, position + at);
+    if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
     end += overlaid ? journal::EncodeWholeUndo(before, blockSize, g.undo.data() + end)
                     : journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
   }
@@ -709,6 +734,7 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   const std::uint64_t volume = VolumeOfHandle(file);
   if (j.flight.busy) LayOver(j.flight.group, volume, position, buffer, size);
   LayOver(j.group, volume, position, buffer, size);
+  if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
 }
 
 bool JournalGroupFull() {
