@@ -519,8 +519,8 @@ void CommitBeforeFailure() {
 void StartGroups() {
   if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
-  // As much as a group can hold before it must end (JournalGroupFull), and one write more: an
-  // arena that grew would for a moment be there twice.
+  // As much as a group can hold before it must end (JournalGroupFull), and a block more: an arena
+  // that grew would for a moment be there twice.
   for (Group* g : {&j.group, &j.flight.group}) g->arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
 }
