@@ -10,9 +10,17 @@
 #include "keyfile.h"
 
 namespace {
+// The keyfile and the answers of each input, removed when the process ends.
+struct Scratch {
+  std::string base = std::string("/tmp/byteturn-fuzz-") + std::to_string(std::random_device{}());
+  ~Scratch() {
+    std::remove((base + ".key").c_str());
+    std::remove((base + ".in").c_str());
+  }
+};
 std::string ScratchName(const char* what) {
-  static const std::string base = std::string("/tmp/byteturn-fuzz-") + std::to_string(std::random_device{}());
-  return base + what;
+  static const Scratch scratch;
+  return scratch.base + what;
 }
 }  // namespace
 
