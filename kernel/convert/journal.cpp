@@ -266,8 +266,10 @@ void TellApplied(std::size_t writes) {
 // The writes in the run's order, sent on their way to the disk a piece at a time as they are
 // made: the disk works on them while the rest are copied, and the next commit's flush finds them
 // written.
+void StartPiece(JournalFile& file) { file.writtenFrom = UINT64_MAX, file.writtenTo = 0, file.writtenBytes = 0; }
+
 bool ApplyWrites(Flight& f) {
-  for (JournalFile& file : j.files) file.writtenFrom = UINT64_MAX, file.writtenTo = 0, file.writtenBytes = 0;
+  for (JournalFile& file : j.files) StartPiece(file);
   for (std::size_t i = 0; i < f.group.held.size(); ++i) {
     const HeldWrite& w = f.group.held[i];
     JournalFile& file = j.files[w.volume];
@@ -281,7 +283,7 @@ bool ApplyWrites(Flight& f) {
     // string's block, say) would otherwise send every write after it on its way alone.
     if (file.writtenBytes >= kWriteBackPieceBytes) {
       platform::StartWriteBack(file.handle, file.writtenFrom, file.writtenTo - file.writtenFrom);
-      file.writtenFrom = UINT64_MAX, file.writtenTo = 0, file.writtenBytes = 0;
+      StartPiece(file);
     }
   }
   for (const JournalFile& file : j.files)

@@ -297,6 +297,13 @@ std::uint8_t CodeOf(std::uint64_t before, std::uint64_t after) {
 
 bool Named(const std::uint8_t* undo, std::uint32_t word) { return (undo[word / 8] >> word % 8 & 1) != 0; }
 
+// How many words the bitmap names.
+std::size_t NamedCount(const std::uint8_t* undo, std::uint32_t blockSize) {
+  std::size_t named = 0;
+  for (std::size_t i = 0; i < UndoBitmapBytes(blockSize); ++i) named += static_cast<std::size_t>(__builtin_popcount(undo[i]));
+  return named;
+}
+
 // The bitmap, and how many words it names.
 std::size_t MarkChanged(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo) {
@@ -407,8 +414,8 @@ std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize,
 std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
   const std::size_t bitmap = UndoBitmapBytes(blockSize);
   if (available < bitmap) return 0;
-  std::size_t named = 0, stored = 0;
-  for (std::size_t i = 0; i < bitmap; ++i) named += static_cast<std::size_t>(__builtin_popcount(undo[i]));
+  const std::size_t named = NamedCount(undo, blockSize);
+  std::size_t stored = 0;
   if (available - bitmap < named) return 0;
   const std::uint8_t* code = undo + bitmap;
   bool first = true;
@@ -426,9 +433,7 @@ std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint3
 
 bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
-  std::size_t named = 0;
-  for (std::size_t i = 0; i < UndoBitmapBytes(blockSize); ++i) named += static_cast<std::size_t>(__builtin_popcount(undo[i]));
-  const std::uint8_t* stored = code + named;
+  const std::uint8_t* stored = code + NamedCount(undo, blockSize);
   bool differed = false, first = true, holdsWrite = false;
   for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
     if (word % kSectorWords == 0) first = true;
