@@ -139,6 +139,9 @@ const std::string kSmallGroups = "BYTETURN_GROUP_BYTES=32768 ";
 // The writer starts on a committed group only when the run waits for it: every read meanwhile
 // finds the disk without the group's writes.
 const std::string kWriterLags = "BYTETURN_WRITER_LAG=1 ";
+// The run writes each group's record itself, as where flushes cost much; else the writer thread
+// does, as where they cost little (and as with small groups).
+const std::string kRecordByRun = "BYTETURN_RECORD_BY_RUN=1 ";
 bool Emulated() { return !UnderTest().runner.empty(); }
 // Under the sanitizers every run takes several times as long: the sweeps take fewer cuts there.
 bool Sanitized() {
@@ -280,16 +283,26 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
     ExpectTwin(c);
     const std::uint64_t operations = OperationsOf(whole);
     ASSERT_GT(operations, 40u) << whole.err;
-    bool lag = false;  // every other cut, the writer starts on a group only when the run waits for it
+    // Where the run writes the records, groups end elsewhere: a cut near the end is as far from it.
+    Reset(c);
+    const RunResult wholeByRun =
+        Convert(c, UnderTest().faultsExe, kSmallGroups + kRecordByRun + "BYTETURN_POWERCUT=1000000");
+    const std::uint64_t operationsByRun = OperationsOf(wholeByRun);
+    ASSERT_GT(operationsByRun, 40u) << wholeByRun.err;
+    ExpectTwin(c);
+    // Every other cut the writer starts on a group only when the run waits for it; every other
+    // two the run writes the records.
+    unsigned turn = 0;
     for (std::uint64_t n : CutPoints(operations, rng)) {
       const std::uint64_t seed = rng() % 1000;
-      lag = !lag;
+      const bool lag = turn % 2 == 0, byRun = turn++ % 4 >= 2;
+      if (byRun) n = n + 10 > operations ? operationsByRun - (operations - n) : std::min(n, operationsByRun);
       SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed) +
-                   (lag ? ", writer lagging" : ""));
+                   (lag ? ", writer lagging" : "") + (byRun ? ", records by the run" : ""));
       Reset(c);
       const RunResult cut = Convert(c, UnderTest().faultsExe, kSmallGroups + (lag ? kWriterLags : "") +
-                                                                   "BYTETURN_POWERCUT=" + std::to_string(n) + ":" +
-                                                                   std::to_string(seed));
+                                                                   (byRun ? kRecordByRun : "") + "BYTETURN_POWERCUT=" +
+                                                                   std::to_string(n) + ":" + std::to_string(seed));
       ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
       FinishAndExpectTwin(c);
       if (HasFailure()) return;
@@ -297,8 +310,9 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
   }
 }
 
-// Every write, flush and rename of a small run, with two seeds each (on the emulated platforms,
-// which run each process slowly, every fifth point with one).
+// Every write, flush and rename of a small run, whichever thread writes the records: every point
+// with one seed (the two take turns); under the sanitizers every other point, and on the emulated
+// platforms, which run each process slowly, every tenth.
 TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   gendb::Params p = Rich();
   p.lastBlock = 160;
@@ -306,16 +320,19 @@ TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   Scratch s;
   const Case c = Prepare(s, p);
   const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
-  const RunResult whole = Convert(c, UnderTest().faultsExe, groups + "BYTETURN_POWERCUT=1000000");
-  ASSERT_EQ(whole.status, 0);
-  const std::uint64_t operations = OperationsOf(whole);
-  for (std::uint64_t n = 1; n <= operations; n += Emulated() ? 5 : 1) {
-    for (std::uint64_t k = 0; k < (Emulated() || Sanitized() ? 1u : 2u); ++k) {
-      const std::uint64_t seed = 1 + (n + k) % 2;  // with one seed per cut, the two take turns
-      SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed));
+  const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 2 : 1;
+  for (const std::string& byRun : {std::string(), kRecordByRun}) {
+    Reset(c);
+    const RunResult whole = Convert(c, UnderTest().faultsExe, groups + byRun + "BYTETURN_POWERCUT=1000000");
+    ASSERT_EQ(whole.status, 0);
+    const std::uint64_t operations = OperationsOf(whole);
+    for (std::uint64_t n = byRun.empty() ? 1 : 1 + step / 2; n <= operations; n += step) {
+      const std::uint64_t seed = 1 + n % 2;
+      SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed) +
+                   (byRun.empty() ? "" : ", records by the run"));
       Reset(c);
-      const RunResult cut =
-          Convert(c, UnderTest().faultsExe, groups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(seed));
+      const RunResult cut = Convert(c, UnderTest().faultsExe,
+                                    groups + byRun + "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(seed));
       ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
       FinishAndExpectTwin(c);
       if (HasFailure()) return;
@@ -475,6 +492,25 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
       << unreadable.out << unreadable.err;
   ExpectUnchanged(c, before);
   FinishAndExpectTwin(c);
+}
+
+// A journal that cannot be written or flushed ends the run with its message, whichever thread
+// writes the records, and the recovery finishes the run.
+TEST(Journal, AJournalThatFailsEndsTheRunWhichTheRecoveryFinishes) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  for (const std::string& byRun : {std::string(), kRecordByRun})
+    for (const auto& [plan, message] : {std::pair{"write:ORVA.DAT.journal:40000:EIO", "\r\nError writing journal "},
+                                        std::pair{"sync:ORVA.DAT.journal:4:EIO", "\r\nError flushing journal "}}) {
+      SCOPED_TRACE(byRun + plan);
+      Reset(c);
+      const RunResult stopped = Convert(c, UnderTest().faultsExe, byRun + kSmallGroups + "BYTETURN_FAULTS='" + plan + "'");
+      EXPECT_EQ(stopped.status, 1) << stopped.out << stopped.err;
+      EXPECT_NE(stopped.out.find(message + c.journal.substr(c.journal.rfind('/') + 1)), std::string::npos) << stopped.out;
+      ASSERT_TRUE(Exists(c.journal));
+      fs::remove(c.lock);
+      FinishAndExpectTwin(c);
+    }
 }
 
 // Journals that are not whole, or not this run's or this database's, are refused before anything

@@ -30,13 +30,17 @@ struct HeldWrite {
   std::size_t offset;  // in the arena
   std::uint64_t cap;   // held messages from this number on were made after it
   const char* failure;
+  bool whole;  // written over a write held earlier in the group: its undo names every word
 };
 
-// The writes of a group, and their undo.
+// The writes of a group, and their undo: made as each write is held, or, where the writer thread
+// writes the group's record (byWriter), made by it from the bytes each block's write replaces.
 struct Group {
   std::vector<std::uint8_t> arena;
   std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
   std::size_t undoSize = 0;
+  bool byWriter = false;
+  std::vector<std::uint8_t> befores;  // byWriter: what each block written replaces, in the same order
   std::vector<HeldWrite> held;
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
   std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
@@ -53,11 +57,14 @@ struct Outcome {
   std::uint32_t block = 0;   // and the block to name
 };
 
-// A group committed, its record written and flushed by the run: the writer thread flushes the
-// writes of the group before, writes the commit sector, flushes, and makes the group's writes,
-// while the run gathers the next group and writes its record. One group is on its way at a time.
+// A group committed: the writer thread flushes the writes of the group before, writes the commit
+// sector, flushes, and makes the group's writes, while the run gathers the next group. Where flushes
+// cost much, the run has written and flushed the group's record meanwhile; where they cost little,
+// the writer makes the undo and writes the record first, which leaves the run more of its time.
+// One group is on its way at a time.
 struct Flight {
   Group group;
+  std::vector<std::uint8_t> head;  // the record's head, where the writer writes the record
   std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
   bool busy = false;     // handed to the writer and not landed yet (the run's own view)
   bool lagging = false;  // not started yet (the tests' lag)
@@ -230,6 +237,53 @@ bool SyncWrittenFiles(Outcome& outcome) {
   return true;
 }
 
+// The group's record at offset: its head, then the undo of its blocks, in pieces that are each
+// sent on their way to the disk while the next is written; then flushed. Returns where it stopped
+// (kNone: written and flushed) with the system's error; flushing is the flush's time.
+Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
+                 int& error, Clock::duration& flushing) {
+  journal::Checksum sum;
+  sum.Add(head.data(), head.size());
+  platform::ClearLastError();
+  bool written = WriteThrough(j.file, offset, head.data(), static_cast<std::uint32_t>(head.size()));
+  for (std::size_t done = 0; written && done < g.undoSize; done += kRecordPieceBytes) {
+    const std::size_t piece = std::min(g.undoSize - done, kRecordPieceBytes);
+    const std::uint64_t position = offset + head.size() + done;
+    sum.Add(g.undo.data() + done, piece);
+    written = WriteThrough(j.file, position, g.undo.data() + done, static_cast<std::uint32_t>(piece));
+    if (written) platform::StartWriteBack(j.file, position, piece);
+  }
+  error = platform::LastError();
+  if (!written) return Stop::kJournalWriting;
+  checksum = sum.Value();
+  platform::ClearLastError();
+  const auto start = Clock::now();
+  const bool flushed = platform::Sync(j.file);
+  error = platform::LastError();
+  flushing = Clock::now() - start;
+  return flushed ? Stop::kNone : Stop::kJournalFlushing;
+}
+
+// Makes room in the group's undo for blocks more.
+void ReserveUndo(Group& g, std::size_t blocks) {
+  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
+  if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
+}
+
+// The undo of each block a group of byWriter writes, from the bytes it replaces (the k-th block
+// written replaces the k-th of befores).
+void MakeUndo(Group& g) {
+  ReserveUndo(g, g.befores.size() / blockSize);
+  std::size_t k = 0;
+  for (const HeldWrite& w : g.held)
+    for (std::uint32_t at = 0; at < w.size; at += blockSize, ++k) {
+      const std::uint8_t* before = g.befores.data() + k * blockSize;
+      std::uint8_t* undo = g.undo.data() + g.undoSize;
+      g.undoSize += w.whole ? journal::EncodeWholeUndo(before, blockSize, undo)
+                            : journal::EncodeUndo(before, g.arena.data() + w.offset + at, blockSize, undo);
+    }
+}
+
 // A write of the group failed. A run of blocks written in their turn is written again block by
 // block, so that the message names the block that fails alone.
 bool WriteFailed(Flight& f, std::size_t i) {
@@ -294,6 +348,15 @@ bool ApplyWrites(Flight& f) {
 
 void WriteFlight(Flight& f) {
   f.outcome = Outcome{};
+  if (f.group.byWriter) {
+    MakeUndo(f.group);
+    const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error, f.flushing);
+    f.size = f.head.size() + f.group.undoSize;
+    if (stop != Stop::kNone) {
+      f.outcome.stop = stop;
+      return;
+    }
+  }
   const auto start = Clock::now();
   // The group before is on disk before a commit names this one.
   if (!SyncWrittenFiles(f.outcome)) return;
@@ -426,39 +489,14 @@ void AwaitFlight() {
 void ClearGroup(Group& g) {
   g.arena.clear();
   g.undoSize = 0;
+  g.befores.clear();
+  g.byWriter = false;
   g.held.clear();
   g.latest.clear();
   g.cap = UINT64_MAX;
 }
 
 void CommitBeforeFailure();
-
-// The group's record: its head, then the undo of its blocks, in pieces that are each sent on
-// their way to the disk while the next is written; then flushed. Returns what failed ("writing",
-// "flushing") with the system's error, or nullptr; flushing is the flush's time.
-const char* WriteRecord(const std::vector<std::uint8_t>& head, const Placed& at, std::uint64_t& checksum, int& error,
-                        Clock::duration& flushing) {
-  journal::Checksum sum;
-  sum.Add(head.data(), head.size());
-  platform::ClearLastError();
-  bool written = WriteThrough(j.file, at.offset, head.data(), static_cast<std::uint32_t>(head.size()));
-  for (std::size_t done = 0; written && done < j.group.undoSize; done += kRecordPieceBytes) {
-    const std::size_t piece = std::min(j.group.undoSize - done, kRecordPieceBytes);
-    const std::uint64_t position = at.offset + head.size() + done;
-    sum.Add(j.group.undo.data() + done, piece);
-    written = WriteThrough(j.file, position, j.group.undo.data() + done, static_cast<std::uint32_t>(piece));
-    if (written) platform::StartWriteBack(j.file, position, piece);
-  }
-  error = platform::LastError();
-  if (!written) return "writing";
-  checksum = sum.Value();
-  platform::ClearLastError();
-  const auto start = Clock::now();
-  const bool flushed = platform::Sync(j.file);
-  error = platform::LastError();
-  flushing = Clock::now() - start;
-  return flushed ? nullptr : "flushing";
-}
 
 // Writes the group's record while the group before is on its way, then hands the group to the
 // writer once that one has landed. A failure here shows what the group before shows first, as
@@ -477,17 +515,20 @@ void Commit() {
   }
   journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}};
   for (const HeldWrite& w : j.group.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
-  const std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
-  Placed record{0, headBytes.size() + j.group.undoSize};
+  std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
+  // Where the writer is to make the undo, the record's place is kept for the largest it can be.
+  const Group& g = j.group;
+  Placed record{0, headBytes.size() + (g.byWriter ? g.befores.size() / blockSize * journal::MaxUndoBytes(blockSize)
+                                                  : g.undoSize)};
   record.offset = PlaceRecord(record.size);
   std::uint64_t checksum = 0;
   int error = 0;
   Clock::duration flushing{};
-  const char* failed = WriteRecord(headBytes, record, checksum, error, flushing);
+  const Stop failed = g.byWriter ? Stop::kNone : WriteRecord(g, headBytes, record.offset, checksum, error, flushing);
   AwaitFlight();
-  if (failed != nullptr) {
+  if (failed != Stop::kNone) {
     platform::SetLastError(error);
-    JournalFailed(failed);
+    JournalFailed(failed == Stop::kJournalWriting ? "writing" : "flushing");
   }
   Flight& f = j.flight;
   f.number = j.nextNumber;
@@ -495,6 +536,7 @@ void Commit() {
   f.size = record.size;
   f.checksum = checksum;
   f.flushing = flushing;  // the writer adds its own
+  f.head = std::move(headBytes);
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;
@@ -527,8 +569,13 @@ void StartGroups() {
   SetFailureHook(CommitBeforeFailure);
 }
 
-// The bytes the group holds: its writes and their undo.
-std::size_t GroupBytes() { return j.group.arena.size() + j.group.undoSize; }
+// The bytes the group holds: its writes and their undo. Where the writer is to make the undo, a
+// quarter of the bytes the writes replace stands for it, about what an undo of a conversion takes.
+std::size_t GroupBytes() { return j.group.arena.size() + (j.group.byWriter ? j.group.befores.size() / 4 : j.group.undoSize); }
+
+// Whether the writer thread is to make the undo of the group starting and write its record: where
+// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
+bool RecordByWriter() { return !platform::TestRecordByRun() && j.groupLimit <= kMinGroupBytes; }
 
 std::uint32_t VolumeOfHandle(platform::File file) {
   for (const auto& [handle, volume] : volumeOf)
@@ -686,10 +733,11 @@ const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
   return nullptr;
 }
 
-// Appends the undo of the write of size bytes at position of volume: the bytes it replaces are
-// those the batch read or a read of the block alone kept, unless a write held earlier in the group
-// lies over them; then the undo names every word, for each sector may hold either write.
-void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
+// Appends the undo of the write of size bytes at position of volume, or where the writer is to
+// make it the bytes the write replaces: those the batch read or a read of the block alone kept,
+// unless a write held earlier in the group lies over them; then the undo names every word, for
+// each sector may hold either write (true is returned).
+bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
               std::uint32_t size, std::uint32_t block) {
   Group& g = j.group;
   const std::uint32_t blocks = size / blockSize;
@@ -697,19 +745,24 @@ void HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
     overlaid = g.latest.contains(std::uint64_t{volume} << 32 | (position / blockSize + k));
   const std::uint8_t* original = overlaid ? nullptr : BatchOriginal(file, position, size);
-  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
-  if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
-  std::size_t end = g.undoSize;  // the group's undo grows only once the write's is whole
+  if (!g.byWriter) ReserveUndo(g, blocks);
+  // The group's undo grows only once the write's is whole; befores of a write that failed half
+  // way lie past those of the writes held, which are all the writer reads.
+  std::size_t end = g.undoSize;
   for (std::uint32_t k = 0; k < blocks; ++k) {
     const std::size_t at = std::size_t{k} * blockSize;
     const std::uint8_t* before = original != nullptr ? original + at
                                  : overlaid          ? nullptr
                                                      : ReadAsideFor(volume, position + at);
     if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
-    end += overlaid ? journal::EncodeWholeUndo(before, blockSize, g.undo.data() + end)
-                    : journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
+    if (g.byWriter)
+      g.befores.insert(g.befores.end(), before, before + blockSize);
+    else
+      end += overlaid ? journal::EncodeWholeUndo(before, blockSize, g.undo.data() + end)
+                      : journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
   }
   g.undoSize = end;
+  return overlaid;
 }
 
 }  // namespace
@@ -718,15 +771,16 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
                         const char* failure, std::uint32_t block) {
   const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
   const std::uint32_t volume = VolumeOfHandle(file);
-  HoldUndo(file, volume, position, bytes, size, block);
   Group& g = j.group;
+  if (g.held.empty()) g.byWriter = RecordByWriter();
+  const bool whole = HoldUndo(file, volume, position, bytes, size, block);
   if (g.held.empty()) {
     g.cap = cap;
     CapOutput();
   }
   const std::size_t offset = g.arena.size();
   g.arena.insert(g.arena.end(), bytes, bytes + size);
-  g.held.push_back({volume, size, block, position, offset, cap, failure});
+  g.held.push_back({volume, size, block, position, offset, cap, failure, whole});
   for (std::uint32_t k = 0; k < size / blockSize; ++k)
     g.latest[std::uint64_t{volume} << 32 | (position / blockSize + k)] = offset + std::size_t{k} * blockSize;
 }

@@ -313,5 +313,6 @@ std::uint32_t BatchBlocks() { return Number("BYTETURN_BATCH_BLOCKS"); }
 std::uint32_t CheckSlots() { return Number("BYTETURN_CHECK_SLOTS"); }
 std::uint32_t GroupBytes() { return Number("BYTETURN_GROUP_BYTES"); }
 std::uint32_t WriterLag() { return Number("BYTETURN_WRITER_LAG"); }
+std::uint32_t RecordByRun() { return Number("BYTETURN_RECORD_BY_RUN"); }
 
 }  // namespace platform::faults

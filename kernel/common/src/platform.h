@@ -61,6 +61,9 @@ std::uint32_t TestGroupBytes();
 // Whether a test build asks a journaled run's writer to start on a committed group only when the
 // run waits for it (so that every read meanwhile finds the disk without it); false in the program.
 bool TestWriterLags();
+// Whether a test build asks a journaled run to write every group's record in the run's own thread
+// (as where flushes cost much); false in the program.
+bool TestRecordByRun();
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);
