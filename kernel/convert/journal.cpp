@@ -486,10 +486,15 @@ void AwaitFlight() {
   ReleaseHeldOutput(j.releasedUpTo);
 }
 
+// Whether the writer thread is to make the undo of the group starting and write its record: where
+// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
+bool RecordByWriter() { return !platform::TestRecordByRun() && j.groupLimit <= kMinGroupBytes; }
+
 void ClearGroup(Group& g) {
   g.arena.clear();
   g.undoSize = 0;
   g.befores.clear();
+  if (!RecordByWriter()) g.befores.shrink_to_fit();  // the groups to come take their undo as they go
   g.byWriter = false;
   g.held.clear();
   g.latest.clear();
@@ -573,9 +578,6 @@ void StartGroups() {
 // quarter of the bytes the writes replace stands for it, about what an undo of a conversion takes.
 std::size_t GroupBytes() { return j.group.arena.size() + (j.group.byWriter ? j.group.befores.size() / 4 : j.group.undoSize); }
 
-// Whether the writer thread is to make the undo of the group starting and write its record: where
-// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
-bool RecordByWriter() { return !platform::TestRecordByRun() && j.groupLimit <= kMinGroupBytes; }
 
 std::uint32_t VolumeOfHandle(platform::File file) {
   for (const auto& [handle, volume] : volumeOf)
