@@ -18,9 +18,6 @@ namespace {
 constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
 constexpr std::size_t kMaxSlots = kBatchBytes / 4096;
 alignas(64) std::uint8_t batchBuffer[kBatchBytes];
-// A journaled run keeps the slots as read, before anything changes them: the journal takes from
-// here what the in-turn writes replace, instead of reading it from the disk again.
-alignas(64) std::uint8_t originalBuffer[kBatchBytes];
 
 // Block numbers are kept in 64 bits: the block after the last one may be 2^32.
 constexpr std::uint64_t kNothingWaits = UINT64_MAX;
@@ -34,7 +31,6 @@ struct VolumeBatch {
   std::uint64_t next = 0;                        // the block whose turn it is
   std::uint64_t slots = 0;                       // blocks per batch
   std::uint64_t writeBackFrom = 0;               // written blocks from here are not yet on their way to disk
-  std::uint64_t originalsRead = kNothingWaits;   // the journal's groups written when the window was read
   bool write[kMaxSlots] = {};                    // by slot: kept to be written
 } batch;
 
@@ -161,10 +157,10 @@ Bytes FetchBlock(std::uint32_t b) {
     if (!ReadBlockAt(batch.readFile, Position(b), batchBuffer, blockSize)) return Bytes();
     batch.windowEnd = b + std::uint64_t{1};
   }
-  if (JournalHoldsWrites()) {
-    std::copy_n(batchBuffer, (batch.windowEnd - b) * blockSize, originalBuffer);
-    batch.originalsRead = JournalGroupsWritten();
-  }
+  // The journal takes from the slots as read what the in-turn writes replace, instead of reading
+  // it from the disk again.
+  if (JournalHoldsWrites())
+    KeepBatchOriginals(batch.writeFile, Position(b), batchBuffer, static_cast<std::uint32_t>((batch.windowEnd - b) * blockSize));
   return Bytes(Slot(b), blockSize);
 }
 
@@ -204,13 +200,6 @@ void EndVolumeBatch() {
   AwaitJournalWrites();
   HoldOutput(false);
   batch.readFile = platform::kInvalidFile;
-}
-
-const std::uint8_t* BatchOriginal(platform::File file, std::uint64_t position, std::uint32_t size) {
-  if (file != batch.writeFile || batch.originalsRead != JournalGroupsWritten()) return nullptr;
-  const std::uint64_t b = batch.first + position / blockSize;
-  if (position % blockSize != 0 || b < batch.windowFirst || b + size / blockSize > batch.windowEnd) return nullptr;
-  return originalBuffer + (b - batch.windowFirst) * blockSize;
 }
 
 void NoteOutOfOrderWrite(platform::File file, std::uint64_t position, const std::uint8_t* written) {

@@ -40,10 +40,6 @@ void WritePendingBlocks();
 [[noreturn]] void FailWritingBlock(std::uint64_t b);
 // Writes what is pending and shows every message held back: the volume's blocks are done.
 void EndVolumeBatch();
-// A journaled run: the bytes of size at position of the volume's write handle as the batch read
-// them, where they are all in the window and no group of the journal was written since; else null.
-// The caller sees to it that no held write was laid over them.
-const std::uint8_t* BatchOriginal(platform::File file, std::uint64_t position, std::uint32_t size);
 // A block written out of order at position of file: the copy read ahead of the same bytes on disk,
 // if any, is stale (it is read again; a check run takes the written bytes instead). The file is
 // compared by identity, not by block number: two volumes of a set may be one file.

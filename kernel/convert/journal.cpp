@@ -30,7 +30,8 @@ struct HeldWrite {
   std::size_t offset;  // in the arena
   std::uint64_t cap;   // held messages from this number on were made after it
   const char* failure;
-  bool whole;  // written over a write held earlier in the group: its undo names every word
+  bool whole;          // written over a write held earlier in the group: its undo names every word
+  std::size_t before;  // byWriter: where in the group's befores the bytes it replaces begin
 };
 
 // The writes of a group, and their undo: made as each write is held, or, where the writer thread
@@ -40,7 +41,7 @@ struct Group {
   std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
   std::size_t undoSize = 0;
   bool byWriter = false;
-  std::vector<std::uint8_t> befores;  // byWriter: what each block written replaces, in the same order
+  std::vector<std::uint8_t> befores;  // byWriter: the bytes the writes replace, and the batches read
   std::vector<HeldWrite> held;
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
   std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
@@ -270,14 +271,14 @@ void ReserveUndo(Group& g, std::size_t blocks) {
   if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
 }
 
-// The undo of each block a group of byWriter writes, from the bytes it replaces (the k-th block
-// written replaces the k-th of befores).
+// The undo of each block a group of byWriter writes, from the bytes it replaces.
 void MakeUndo(Group& g) {
-  ReserveUndo(g, g.befores.size() / blockSize);
-  std::size_t k = 0;
+  std::size_t blocks = 0;
+  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
+  ReserveUndo(g, blocks);
   for (const HeldWrite& w : g.held)
-    for (std::uint32_t at = 0; at < w.size; at += blockSize, ++k) {
-      const std::uint8_t* before = g.befores.data() + k * blockSize;
+    for (std::uint32_t at = 0; at < w.size; at += blockSize) {
+      const std::uint8_t* before = g.befores.data() + w.before + at;
       std::uint8_t* undo = g.undo.data() + g.undoSize;
       g.undoSize += w.whole ? journal::EncodeWholeUndo(before, blockSize, undo)
                             : journal::EncodeUndo(before, g.arena.data() + w.offset + at, blockSize, undo);
@@ -523,8 +524,9 @@ void Commit() {
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
   const Group& g = j.group;
-  Placed record{0, headBytes.size() + (g.byWriter ? g.befores.size() / blockSize * journal::MaxUndoBytes(blockSize)
-                                                  : g.undoSize)};
+  std::size_t blocks = 0;
+  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
+  Placed record{0, headBytes.size() + (g.byWriter ? blocks * journal::MaxUndoBytes(blockSize) : g.undoSize)};
   record.offset = PlaceRecord(record.size);
   std::uint64_t checksum = 0;
   int error = 0;
@@ -686,7 +688,6 @@ void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
   volumeOf.emplace_back(file, volume);
 }
 
-std::uint64_t JournalGroupsWritten() { return j.nextNumber; }
 
 namespace {
 
@@ -735,27 +736,52 @@ const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
   return nullptr;
 }
 
+// The batch read last, as read: where the writer is to make the undo, among the group's befores.
+struct BatchOriginals {
+  platform::File file = platform::kInvalidFile;
+  std::uint64_t position = 0, size = 0;
+  std::uint64_t group = 0;  // kept for this group only
+  bool inBefores = false;
+  std::size_t offset = 0;  // in the befores
+  std::vector<std::uint8_t> bytes;
+} originals;
+
+// A group's undo is made by the writer or as it goes from the group's start to its end.
+Group& GatheringGroup() {
+  Group& g = j.group;
+  if (g.held.empty() && g.befores.empty()) g.byWriter = RecordByWriter();
+  return g;
+}
+
 // Appends the undo of the write of size bytes at position of volume, or where the writer is to
-// make it the bytes the write replaces: those the batch read or a read of the block alone kept,
-// unless a write held earlier in the group lies over them; then the undo names every word, for
-// each sector may hold either write (true is returned).
+// make it the bytes the write replaces (beforeAt tells where they begin among the befores): those
+// the batch read or a read of the block alone kept, unless a write held earlier in the group lies
+// over them; then the undo names every word, for each sector may hold either write (true is
+// returned).
 bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
-              std::uint32_t size, std::uint32_t block) {
+              std::uint32_t size, std::uint32_t block, std::size_t& beforeAt) {
   Group& g = j.group;
   const std::uint32_t blocks = size / blockSize;
   bool overlaid = false;
   for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
     overlaid = g.latest.contains(std::uint64_t{volume} << 32 | (position / blockSize + k));
-  const std::uint8_t* original = overlaid ? nullptr : BatchOriginal(file, position, size);
+  const BatchOriginals& o = originals;
+  const bool batched = !overlaid && o.group == j.nextNumber && file == o.file && position % blockSize == 0 &&
+                       position >= o.position && position + size <= o.position + o.size;
+  if (batched && o.inBefores) {  // the writer finds them where the batch left them
+    beforeAt = o.offset + (position - o.position);
+    return false;
+  }
+  beforeAt = g.befores.size();
   if (!g.byWriter) ReserveUndo(g, blocks);
   // The group's undo grows only once the write's is whole; befores of a write that failed half
   // way lie past those of the writes held, which are all the writer reads.
   std::size_t end = g.undoSize;
   for (std::uint32_t k = 0; k < blocks; ++k) {
     const std::size_t at = std::size_t{k} * blockSize;
-    const std::uint8_t* before = original != nullptr ? original + at
-                                 : overlaid          ? nullptr
-                                                     : ReadAsideFor(volume, position + at);
+    const std::uint8_t* before = batched    ? o.bytes.data() + (position - o.position) + at
+                                 : overlaid ? nullptr
+                                            : ReadAsideFor(volume, position + at);
     if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
     if (g.byWriter)
       g.befores.insert(g.befores.end(), before, before + blockSize);
@@ -773,18 +799,34 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
                         const char* failure, std::uint32_t block) {
   const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
   const std::uint32_t volume = VolumeOfHandle(file);
-  Group& g = j.group;
-  if (g.held.empty()) g.byWriter = RecordByWriter();
-  const bool whole = HoldUndo(file, volume, position, bytes, size, block);
+  Group& g = GatheringGroup();
+  std::size_t before = 0;
+  const bool whole = HoldUndo(file, volume, position, bytes, size, block, before);
   if (g.held.empty()) {
     g.cap = cap;
     CapOutput();
   }
   const std::size_t offset = g.arena.size();
   g.arena.insert(g.arena.end(), bytes, bytes + size);
-  g.held.push_back({volume, size, block, position, offset, cap, failure, whole});
+  g.held.push_back({volume, size, block, position, offset, cap, failure, whole, before});
   for (std::uint32_t k = 0; k < size / blockSize; ++k)
     g.latest[std::uint64_t{volume} << 32 | (position / blockSize + k)] = offset + std::size_t{k} * blockSize;
+}
+
+void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size) {
+  Group& g = GatheringGroup();
+  BatchOriginals& o = originals;
+  o.file = file;
+  o.position = position;
+  o.size = size;
+  o.group = j.nextNumber;
+  o.inBefores = g.byWriter;
+  if (g.byWriter) {
+    o.offset = g.befores.size();
+    g.befores.insert(g.befores.end(), bytes, bytes + size);
+  } else {
+    o.bytes.assign(bytes, bytes + size);
+  }
 }
 
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {

@@ -56,14 +56,15 @@ struct JournalResume {
 };
 void ContinueJournal(const JournalResume& resume);
 bool JournalHoldsWrites();
-// How many groups the run has written so far: bytes read while it stays the same are the disk's.
-std::uint64_t JournalGroupsWritten();
 
 // A write held: size bytes (whole blocks) at position of a database file. failure and block give
 // the run's message when the write fails; without a failure text it is a run of blocks written
 // in their turn, block being the first.
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block);
+// The bytes of size at position of file (the volume's write handle) as a batch read them, before
+// anything changes them: the undo of writes over them is taken from here while the group lasts.
+void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size);
 // Lays the held writes over bytes just read from position of file.
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
 
