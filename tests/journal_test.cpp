@@ -142,6 +142,8 @@ const std::string kWriterLags = "BYTETURN_WRITER_LAG=1 ";
 // The run writes each group's record itself, as where flushes cost much; else the writer thread
 // does, as where they cost little (and as with small groups).
 const std::string kRecordByRun = "BYTETURN_RECORD_BY_RUN=1 ";
+// The two take turns, group by group, as where the group limit moves across its floor.
+const std::string kRecordsInTurn = "BYTETURN_RECORD_BY_RUN=2 ";
 bool Emulated() { return !UnderTest().runner.empty(); }
 // Under the sanitizers every run takes several times as long: the sweeps take fewer cuts there.
 bool Sanitized() {
@@ -278,31 +280,33 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
     SCOPED_TRACE(name);
     Scratch s;
     const Case c = Prepare(s, p, name == "malformed node" ? MalformedNode(p) : nullptr);
-    const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=1000000");
-    ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
-    ExpectTwin(c);
-    const std::uint64_t operations = OperationsOf(whole);
-    ASSERT_GT(operations, 40u) << whole.err;
-    // Where the run writes the records, groups end elsewhere: a cut near the end is as far from it.
-    Reset(c);
-    const RunResult wholeByRun =
-        Convert(c, UnderTest().faultsExe, kSmallGroups + kRecordByRun + "BYTETURN_POWERCUT=1000000");
-    const std::uint64_t operationsByRun = OperationsOf(wholeByRun);
-    ASSERT_GT(operationsByRun, 40u) << wholeByRun.err;
-    ExpectTwin(c);
-    // Every other cut the writer starts on a group only when the run waits for it; every other
-    // two the run writes the records.
-    unsigned turn = 0;
-    for (std::uint64_t n : CutPoints(operations, rng)) {
-      const std::uint64_t seed = rng() % 1000;
-      const bool lag = turn % 2 == 0, byRun = turn++ % 4 >= 2;
-      if (byRun) n = n + 10 > operations ? operationsByRun - (operations - n) : std::min(n, operationsByRun);
-      SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed) +
-                   (lag ? ", writer lagging" : "") + (byRun ? ", records by the run" : ""));
+    // The records written by the writer thread, by the run, or by each in turn. Each way ends its
+    // groups elsewhere: a cut near the end is put as far from it.
+    const std::string ways[] = {"", kRecordByRun, kRecordsInTurn};
+    std::uint64_t operations[3];
+    for (std::size_t way = 0; way < 3; ++way) {
       Reset(c);
-      const RunResult cut = Convert(c, UnderTest().faultsExe, kSmallGroups + (lag ? kWriterLags : "") +
-                                                                   (byRun ? kRecordByRun : "") + "BYTETURN_POWERCUT=" +
-                                                                   std::to_string(n) + ":" + std::to_string(seed));
+      const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + ways[way] + "BYTETURN_POWERCUT=1000000");
+      ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+      ExpectTwin(c);
+      operations[way] = OperationsOf(whole);
+      ASSERT_GT(operations[way], 40u) << whole.err;
+    }
+    // Every other cut the writer starts on a group only when the run waits for it; every two the
+    // records are written the next way.
+    unsigned turn = 0;
+    for (std::uint64_t n : CutPoints(operations[0], rng)) {
+      const std::uint64_t seed = rng() % 1000;
+      const bool lag = turn % 2 == 0;
+      const std::size_t way = turn++ / 2 % 3;
+      if (n + 10 > operations[0]) n = operations[way] - (operations[0] - n);
+      n = std::min(n, operations[way]);
+      SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations[way]) + ", seed " +
+                   std::to_string(seed) + (lag ? ", writer lagging" : "") + ", records: " + ways[way]);
+      Reset(c);
+      const RunResult cut = Convert(c, UnderTest().faultsExe, kSmallGroups + (lag ? kWriterLags : "") + ways[way] +
+                                                                   "BYTETURN_POWERCUT=" + std::to_string(n) + ":" +
+                                                                   std::to_string(seed));
       ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
       FinishAndExpectTwin(c);
       if (HasFailure()) return;
@@ -310,9 +314,10 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
   }
 }
 
-// Every write, flush and rename of a small run, whichever thread writes the records: every point
-// with one seed (the two take turns); under the sanitizers every other point, and on the emulated
-// platforms, which run each process slowly, every tenth.
+// Every write, flush and rename of a small run, its records written by the writer thread, and by
+// the run and the writer in turn: every point with one seed (the two take turns); under the
+// sanitizers every other point, and on the emulated platforms, which run each process slowly,
+// every tenth.
 TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   gendb::Params p = Rich();
   p.lastBlock = 160;
@@ -321,7 +326,7 @@ TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   const Case c = Prepare(s, p);
   const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
   const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 2 : 1;
-  for (const std::string& byRun : {std::string(), kRecordByRun}) {
+  for (const std::string& byRun : {std::string(), kRecordsInTurn}) {
     Reset(c);
     const RunResult whole = Convert(c, UnderTest().faultsExe, groups + byRun + "BYTETURN_POWERCUT=1000000");
     ASSERT_EQ(whole.status, 0);
@@ -329,7 +334,7 @@ TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
     for (std::uint64_t n = byRun.empty() ? 1 : 1 + step / 2; n <= operations; n += step) {
       const std::uint64_t seed = 1 + n % 2;
       SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed) +
-                   (byRun.empty() ? "" : ", records by the run"));
+                   (byRun.empty() ? "" : ", records by the run and the writer in turn"));
       Reset(c);
       const RunResult cut = Convert(c, UnderTest().faultsExe,
                                     groups + byRun + "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(seed));

@@ -489,7 +489,10 @@ void AwaitFlight() {
 
 // Whether the writer thread is to make the undo of the group starting and write its record: where
 // flushes cost little (the group limit is at its floor), the run's thread is the busier one.
-bool RecordByWriter() { return !platform::TestRecordByRun() && j.groupLimit <= kMinGroupBytes; }
+bool RecordByWriter() {
+  const std::uint32_t asked = platform::TestRecordByRun();
+  return asked == 0 ? j.groupLimit <= kMinGroupBytes : asked == 2 && j.nextNumber % 2 == 0;
+}
 
 void ClearGroup(Group& g) {
   g.arena.clear();

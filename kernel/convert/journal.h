@@ -2,14 +2,15 @@
 // a power cut included, with every file then as the uninterrupted run leaves it.
 //
 // The run's writes are held in memory, in groups of up to kGroupBytes with their undo (smaller
-// where a flush costs little), and every read sees them. As a write is held, the words it changes
-// are noted as they were (its undo: from the bytes the batch read, or else from the disk). A group
-// ends at a point between two blocks; it is then committed: its undo goes to a record of the
-// journal with that point (the block whose turn is next, the maps the run knows), the record is
-// flushed, then a commit sector naming it (after the database files written by the group before
-// are flushed), and only then are the writes made, in the order the run made them. A writer
-// thread does all this for one committed group while the run gathers the next; the group's
-// messages are shown once it has landed. A group also ends before the run reads on from the disk
+// where a flush costs little), and every read sees them. The words each write changes are noted
+// as they were (its undo: from the bytes the batch read, or else from the disk), as the write is
+// held or, where a flush costs little, by the writer thread below. A group ends at a point
+// between two blocks; it is then committed: its undo goes to a record of the journal with that
+// point (the block whose turn is next, the maps the run knows), the record is flushed, then a
+// commit sector naming it (after the database files written by the group before are flushed),
+// and only then are the writes made, in the order the run made them. A writer thread does this
+// for one committed group while the run gathers the next (the run writes the record itself where
+// a flush costs much); the group's messages are shown once it has landed. A group also ends before the run reads on from the disk
 // once messages were made in it (progress lines are not kept waiting for long), and when the run
 // stops: the database then holds what the run wrote
 // before it stopped, as without a journal. The recovery puts back the words of the last record and

@@ -26,7 +26,8 @@
 // A run with a power cut planned that ends before it prints "operations N" (those counted) on
 // standard error at its end.
 // BYTETURN_GROUP_BYTES sets the bytes of writes a journaled run holds per group.
-// BYTETURN_RECORD_BY_RUN=1 has a journaled run write every group's record in its own thread.
+// BYTETURN_RECORD_BY_RUN=1 has a journaled run write every group's record in its own thread, =2
+// every other group's (the writer thread writes the others').
 // BYTETURN_BATCH_BLOCKS sets the number of blocks the conversion reads and writes per call;
 // BYTETURN_CHECK_SLOTS the number of held blocks and of chunks of marks that byteturn-check keeps
 // in memory (so that a small database sends them to its temporary files).
@@ -59,7 +60,8 @@ std::uint32_t CheckSlots();
 std::uint32_t GroupBytes();
 // BYTETURN_WRITER_LAG (0: the writer starts on a group as soon as it is committed).
 std::uint32_t WriterLag();
-// BYTETURN_RECORD_BY_RUN (0: the program's own choice of who writes a group's record).
+// BYTETURN_RECORD_BY_RUN (0: the program's own choice of who writes a group's record; 1: the run,
+// always; 2: the run and the writer thread in turn, group by group).
 std::uint32_t RecordByRun();
 // The power cut's record of what is not durable yet.
 void NoteCreated(File file, const std::string& path);

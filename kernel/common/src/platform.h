@@ -62,8 +62,9 @@ std::uint32_t TestGroupBytes();
 // run waits for it (so that every read meanwhile finds the disk without it); false in the program.
 bool TestWriterLags();
 // Whether a test build asks a journaled run to write every group's record in the run's own thread
-// (as where flushes cost much); false in the program.
-bool TestRecordByRun();
+// (1, as where flushes cost much) or every other group's (2, as where the group limit moves across
+// its floor); 0 in the program.
+std::uint32_t TestRecordByRun();
 // Sequential read from the file's current position.
 std::int64_t Read(File file, void* buffer, std::size_t size);
 bool SetFileSize(File file, std::uint64_t size);

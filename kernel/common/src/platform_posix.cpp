@@ -149,7 +149,7 @@ std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
 std::uint32_t TestCheckSlots() { return faults::CheckSlots(); }
 std::uint32_t TestGroupBytes() { return faults::GroupBytes(); }
 bool TestWriterLags() { return faults::WriterLag() != 0; }
-bool TestRecordByRun() { return faults::RecordByRun() != 0; }
+std::uint32_t TestRecordByRun() { return faults::RecordByRun(); }
 
 std::int64_t Read(File file, void* buffer, std::size_t size) {
   auto* out = static_cast<unsigned char*>(buffer);
