@@ -498,7 +498,9 @@ void ClearGroup(Group& g) {
   g.arena.clear();
   g.undoSize = 0;
   g.befores.clear();
-  if (!RecordByWriter()) g.befores.shrink_to_fit();  // the groups to come take their undo as they go
+  // At the largest groups (flushes cost much) the groups take their undo as they go: the copy that
+  // earlier groups kept is given back. Below, the limit moves often, and it is kept.
+  if (j.groupLimit >= kGroupBytes) g.befores.shrink_to_fit();
   g.byWriter = false;
   g.held.clear();
   g.latest.clear();
