@@ -265,6 +265,13 @@ Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uin
   return flushed ? Stop::kNone : Stop::kJournalFlushing;
 }
 
+// How many blocks the group's writes hold.
+std::size_t HeldBlocks(const Group& g) {
+  std::size_t blocks = 0;
+  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
+  return blocks;
+}
+
 // Makes room in the group's undo for blocks more.
 void ReserveUndo(Group& g, std::size_t blocks) {
   const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
@@ -273,9 +280,7 @@ void ReserveUndo(Group& g, std::size_t blocks) {
 
 // The undo of each block a group of byWriter writes, from the bytes it replaces.
 void MakeUndo(Group& g) {
-  std::size_t blocks = 0;
-  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
-  ReserveUndo(g, blocks);
+  ReserveUndo(g, HeldBlocks(g));
   for (const HeldWrite& w : g.held)
     for (std::uint32_t at = 0; at < w.size; at += blockSize) {
       const std::uint8_t* before = g.befores.data() + w.before + at;
@@ -529,9 +534,7 @@ void Commit() {
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
   const Group& g = j.group;
-  std::size_t blocks = 0;
-  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
-  Placed record{0, headBytes.size() + (g.byWriter ? blocks * journal::MaxUndoBytes(blockSize) : g.undoSize)};
+  Placed record{0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxUndoBytes(blockSize) : g.undoSize)};
   record.offset = PlaceRecord(record.size);
   std::uint64_t checksum = 0;
   int error = 0;
@@ -583,8 +586,10 @@ void StartGroups() {
 
 // The bytes the group holds: its writes and their undo. Where the writer is to make the undo, a
 // quarter of the bytes the writes replace stands for it, about what an undo of a conversion takes.
-std::size_t GroupBytes() { return j.group.arena.size() + (j.group.byWriter ? j.group.befores.size() / 4 : j.group.undoSize); }
-
+std::size_t GroupBytes() {
+  const Group& g = j.group;
+  return g.arena.size() + (g.byWriter ? g.befores.size() / 4 : g.undoSize);
+}
 
 std::uint32_t VolumeOfHandle(platform::File file) {
   for (const auto& [handle, volume] : volumeOf)
@@ -692,7 +697,6 @@ void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
     }
   volumeOf.emplace_back(file, volume);
 }
-
 
 namespace {
 

@@ -10,11 +10,11 @@
 // commit sector naming it (after the database files written by the group before are flushed),
 // and only then are the writes made, in the order the run made them. A writer thread does this
 // for one committed group while the run gathers the next (the run writes the record itself where
-// a flush costs much); the group's messages are shown once it has landed. A group also ends before the run reads on from the disk
-// once messages were made in it (progress lines are not kept waiting for long), and when the run
-// stops: the database then holds what the run wrote
-// before it stopped, as without a journal. The recovery puts back the words of the last record and
-// runs on from its point.
+// a flush costs much); the group's messages are shown once it has landed. A group also ends
+// before the run reads on from the disk once messages were made in it (progress lines are not
+// kept waiting for long), and when the run stops: the database then holds what the run wrote
+// before it stopped, as without a journal. The recovery puts back the words of the last record
+// and runs on from its point.
 //
 // The journal is made (and flushed, and its name made durable) at the first commit, so a run
 // that writes nothing leaves none. It lies beside the main file, its name followed by ".journal",
