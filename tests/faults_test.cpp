@@ -89,6 +89,8 @@ TEST(Faults, FileCutShort) {
     EXPECT_EQ(r.status, 1);
     EXPECT_TRUE(r.out.ends_with("\r\nError read block #500. " + EndOfFileError() + "\r\n")) << r.out;
     EXPECT_EQ(ReadText(s.Path("orva.lck")), "\tsealturn");
+    // A main file shorter than its blocks takes no mark: a read of the missing block would find it.
+    EXPECT_FALSE(Unmark(s.Path("ORVA.DAT")));
     const auto now = ReadBytes(s.Path("ORVA.DAT")), converted = ReadBytes(s.Path("twin.dat")),
                before = ReadBytes(s.Path("original.dat"));
     EXPECT_TRUE(std::equal(now.begin(), now.begin() + At(500), converted.begin()));
@@ -119,6 +121,7 @@ TEST(Faults, FileCutShort) {
   EXPECT_EQ(r.status, 1);
   EXPECT_TRUE(r.out.ends_with("\r\nError read block #" + std::to_string(first2 + cut) + ". " + EndOfFileError() + "\r\n"))
       << r.out;
+  EXPECT_TRUE(Unmark(files[0]));
   for (std::size_t v = 0; v < 2; ++v) EXPECT_EQ(ReadBytes(files[v]), ReadBytes(twins[v])) << "volume " << v;
   const auto now = ReadBytes(files[2]);
   EXPECT_TRUE(std::equal(now.begin(), now.begin() + cut * size, volumeTwin.begin()));
@@ -147,6 +150,7 @@ TEST(Faults, VolumeThatCannotBeOpenedWhenTheRunReachesIt) {
   EXPECT_EQ(r.status, 1);
   EXPECT_TRUE(r.out.ends_with("\r\nError opening volume #2 for reading. " + ErrorShown(denied) + "\r\n")) << r.out;
   EXPECT_EQ(ReadText(s.Path("db/orva.lck")), "\tsealturn");
+  EXPECT_TRUE(Unmark(s.Path("db/ORVA.DAT")));
   const auto files = gendb::DatabaseFiles(p, s.Path("db/ORVA.DAT")), originals = gendb::DatabaseFiles(p, s.Path("original/ORVA.DAT")),
              twins = gendb::DatabaseFiles(twin, s.Path("twin/ORVA.DAT"));
   for (std::size_t v = 0; v < files.size(); ++v)
@@ -238,6 +242,7 @@ TEST(Faults, OutOfOrderReadFailureAfterBatchedBlocks) {
   EXPECT_EQ(one.status, 1);
   EXPECT_NE(one.out.find(" failed to read block #" + std::to_string(big / kBlock + 1) + "."), std::string::npos) << one.out;
   EXPECT_EQ(one.out, many.out);
+  for (const char* name : {"one.dat", "many.dat"}) EXPECT_TRUE(Unmark(s.Path(name))) << name;
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
 }
 
@@ -272,6 +277,7 @@ TEST(Faults, WriteFailureHidesMessagesOfLaterBlocks) {
   EXPECT_EQ(one.out.find(skip + std::to_string(k)), std::string::npos) << one.out;
   EXPECT_EQ(many.out, one.out);
   EXPECT_EQ(lagging.out, one.out);
+  for (const char* name : {"one.dat", "many.dat", "lagging.dat"}) EXPECT_TRUE(Unmark(s.Path(name))) << name;
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("many.dat"), kBlock), "");
   EXPECT_EQ(gendb::CompareFiles(s.Path("one.dat"), s.Path("lagging.dat"), kBlock), "");
 }

@@ -577,7 +577,10 @@ TEST(Journal, DamagedOrForeignJournalsAreRefused) {
   Reset(c);
   const RunResult none = Recover(c);
   EXPECT_EQ(none.status, 1);
-  EXPECT_NE(none.err.find("there is no interrupted conversion to finish."), std::string::npos) << none.err;
+  EXPECT_NE(none.err.find("no journal of ORVA.DAT was found (it looked for ORVA.DAT.journal), and ORVA.DAT bears no "
+                          "mark of an interrupted conversion: there is nothing to finish."),
+            std::string::npos)
+      << none.err;
   EXPECT_TRUE(FilesEqual(c.files, c.pristine));
 }
 
@@ -637,6 +640,7 @@ TEST(Journal, AnInterruptedRunIsNotStartedAgain) {
 }
 
 // BYTETURN_JOURNAL names the journal's directory, or turns it off; a refused run leaves none.
+// The main file's mark leads a later command to the journal without the variable (a new shell).
 TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
   Scratch s;
   const Case c = Prepare(s, Rich());
@@ -649,15 +653,21 @@ TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
                 .status,
             99);
   EXPECT_FALSE(Exists(c.journal));
-  EXPECT_TRUE(Exists(s.Path("elsewhere/ORVA.DAT.journal")));
-  const RunResult refused = Convert(c, UnderTest().exe, elsewhere);
-  EXPECT_NE(refused.err.find("byteturn-recover"), std::string::npos) << refused.err;
-  const RunResult notFound = Recover(c);
-  EXPECT_EQ(notFound.status, 1) << "the journal is not beside the database";
-  const RunResult r = RunByteturn({"ORVA.DAT"}, c.answers, c.dir, UnderTest().recoverExe, elsewhere);
+  std::vector<std::string> journals;
+  for (const auto& entry : fs::directory_iterator(s.Path("elsewhere"))) journals.push_back(entry.path().filename().string());
+  ASSERT_EQ(journals.size(), 1u);
+  EXPECT_TRUE(journals[0].starts_with("ORVA.DAT.") && journals[0].ends_with(".journal")) << journals[0];
+  for (const std::string& environment : {elsewhere, std::string()}) {
+    const RunResult refused = Convert(c, UnderTest().exe, environment);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("An interrupted conversion left its journal " + Shown(s.Path("elsewhere/" + journals[0])) +
+                               ": finish it with byteturn-recover ORVA.DAT."),
+              std::string::npos)
+        << refused.err;
+  }
+  const RunResult r = Recover(c);  // without the variable
   EXPECT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_FALSE(Exists(s.Path("elsewhere/ORVA.DAT.journal")));
-  fs::remove(c.lock);
+  EXPECT_FALSE(Exists(s.Path("elsewhere/" + journals[0])));
   ExpectTwin(c);
 
   // Off: no journal, the run as without the journal.
@@ -697,15 +707,17 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   EXPECT_EQ(missing.status, 1) << missing.out << missing.err;
   EXPECT_NE(missing.err.find("ORVA-0001.VOL"), std::string::npos) << missing.err;
   EXPECT_EQ(missing.out.find("Are volumes in their expected locations?"), std::string::npos) << missing.out;
-  // A copy in its place is another file.
-  fs::copy_file(s.Path("away.vol"), volume);
-  const RunResult copy = Recover(c, "", "");
-  EXPECT_EQ(copy.status, 1);
-  EXPECT_NE(copy.err.find("is not the file that the interrupted run converted"), std::string::npos) << copy.err;
+  // The volume as it was before the run (a backup) in its place is refused; a copy of it as the
+  // run left it (moved to another disk, say) is the volume.
+  fs::copy_file(c.pristine[1], volume);
+  const RunResult backup = Recover(c, "", "");
+  EXPECT_EQ(backup.status, 1);
+  EXPECT_NE(backup.err.find(Shown(volume) + " is not as the interrupted run left it: block #"), std::string::npos)
+      << backup.err;
   EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.files[2]) == before.files[1]);
   EXPECT_TRUE(ReadBytes(c.journal) == before.journal);
   fs::remove(volume);
-  fs::rename(s.Path("away.vol"), volume);
+  fs::copy_file(s.Path("away.vol"), volume);
   const RunResult r = Recover(c, "", "");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   fs::remove(c.lock);

@@ -174,9 +174,10 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
   ResetMaps();
   const std::string lockPath = LockPathFor(databaseFileName);
   if (!lockPath.empty()) TakeLock(lockPath, databaseFileName);
-  // A run interrupted before: only byteturn-recover may go on with it.
-  const std::string journal = ExistingJournal(databaseFileName);
-  if (!journal.empty()) {
+  // A run interrupted before (the file bears its mark), or a journal where this run's would go:
+  // only byteturn-recover may go on with it, or tell what it is.
+  const JournalFound journal = FindJournal(databaseFileName);
+  if (journal.marked || !journal.path.empty()) {
     ReleaseLock(lockPath);
     FailTo(stderr, "%s", RecoverLine(journal, databaseFileName).c_str());
   }
@@ -207,7 +208,7 @@ int ByteturnMain(int argc, const char* const* argv) {
   const std::string lockPath = PrepareRun(argc, argv, commandLine);
   // Nothing is read from the operator any more; losing the console must not stop a half-done run.
   platform::KeepRunningWithoutConsole();
-  BeginJournal(commandLine.verbose);
+  BeginJournal(commandLine.verbose, lockPath);
   ConvertVolumes(commandLine.verbose, 1);
   FinishRun(lockPath);
 }

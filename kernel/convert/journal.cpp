@@ -24,6 +24,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The blocks a record names in its sample, at most (journal_format.h, RecordHead).
+constexpr std::size_t kSampleLimit = 256;
+
 struct HeldWrite {
   std::uint32_t volume, size, block;
   std::uint64_t position;
@@ -49,7 +52,7 @@ struct Group {
 
 // Where the writing of a group stopped, as the writer tells it: the run then fails with the
 // message the same failure gives in the run's own thread.
-enum class Stop { kNone, kJournalWriting, kJournalFlushing, kVolumeFlushing, kWriteFailed };
+enum class Stop { kNone, kJournalWriting, kJournalFlushing, kVolumeFlushing, kWriteFailed, kMarkWriting };
 struct Outcome {
   Stop stop = Stop::kNone;
   int error = 0;             // the system's code
@@ -105,6 +108,17 @@ struct Journal {
   Group group;
   Flight flight;
   std::vector<JournalFile> files;  // by volume; as many as the run has, from its start
+  std::vector<std::uint32_t> fileKey;  // by volume (FileKeys)
+  // What the next record names of the blocks written: those of the group committed last, and the
+  // sample, by block key.
+  std::vector<journal::Check> landed;
+  std::unordered_map<std::uint64_t, journal::Check> sample;
+  std::uint64_t sampleModulus = 1;
+  // The main file's mark (none where the file is shorter than its blocks), through a handle of its own.
+  bool marking = false;
+  journal::Mark mark;
+  platform::File markFile = platform::kInvalidFile;
+  bool markUnflushed = false;  // the writer wrote a group's mark since the main file's last flush
 } j;
 std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
 
@@ -152,6 +166,55 @@ std::uint64_t NewRunId() {
   return (std::uint64_t{device()} << 32 ^ device()) ^ static_cast<std::uint64_t>(now) * 0x9E3779B97F4A7C15ull;
 }
 
+std::string Hex16(std::uint64_t v) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(v));
+  return text;
+}
+
+std::string TemporaryJournalName(const std::string& path, std::uint64_t runId) {
+  return path + "." + Hex16(runId) + ".new";
+}
+
+[[noreturn]] void MarkFailed(const char* what) {
+  Fail("\r\nError %s the mark of this run in %s. %s\r\n", what, databaseFileName.c_str(), ErrorText());
+}
+
+// The mark goes to the end of the main file, and is flushed, before the run writes anything: the
+// group of the commit in effect in its sector, the other sector empty.
+void MarkMainFile() {
+  if (!j.marking) return;
+  std::uint8_t bytes[journal::kMarkBytes] = {};
+  j.mark = journal::Mark{j.header.runId, j.header.mainFileSize, j.nextNumber - 1, j.path};
+  if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) {
+    j.marking = false;  // a journal path too long to name: the journal beside it must do
+    return;
+  }
+  platform::ClearLastError();
+  j.markFile = platform::OpenReadWrite(databaseFileName);
+  if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+  if (!WriteThrough(j.markFile, j.mark.originalSize, bytes, sizeof bytes)) MarkFailed("writing");
+  platform::ClearLastError();
+  if (!platform::Sync(j.markFile)) MarkFailed("flushing");
+}
+
+// Once every file is flushed: the mark is cut off (only where the file still ends with it).
+void UnmarkMainFile() {
+  if (j.markFile == platform::kInvalidFile) return;
+  std::uint8_t bytes[journal::kMarkBytes];
+  journal::Mark found;
+  const std::int64_t size = platform::FileSize(j.markFile);
+  if (size >= static_cast<std::int64_t>(sizeof bytes) &&
+      ReadThrough(j.markFile, static_cast<std::uint64_t>(size) - sizeof bytes, bytes, sizeof bytes) &&
+      journal::DecodeMark(bytes, static_cast<std::uint64_t>(size), found) && found.runId == j.mark.runId) {
+    platform::ClearLastError();
+    if (!platform::SetFileSize(j.markFile, found.originalSize)) MarkFailed("removing");
+    if (!platform::Sync(j.markFile)) MarkFailed("removing");
+  }
+  platform::Close(j.markFile);
+  j.markFile = platform::kInvalidFile;
+}
+
 // Made under another name, flushed, then given its own and the directory flushed: a journal
 // under its name is always whole.
 void CreateJournal() {
@@ -163,18 +226,27 @@ void CreateJournal() {
   journal::EncodeCommit(none, start.data() + journal::kCommitOffset);
   journal::EncodeCommit(none, start.data() + journal::kCommitOffset + journal::kCommitBytes);
 
-  const std::string fresh = j.path + "-new";
+  // Named after the run, made only where no file has that name, and given the journal's name only
+  // where none has it: a run never takes or replaces another run's journal.
+  const std::string fresh = TemporaryJournalName(j.path, j.header.runId);
   platform::ClearLastError();
-  j.file = platform::CreateReadWrite(fresh);
+  j.file = platform::CreateNewReadWrite(fresh);
   if (j.file == platform::kInvalidFile) JournalFailed("creating");
   WriteJournalOrFail(start.data(), start.size(), 0);
   SyncJournalOrFail();
   platform::Close(j.file);
   platform::ClearLastError();
-  if (!platform::RenameFile(fresh, j.path) || !platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("creating");
+  if (!platform::RenameNoReplace(fresh, j.path)) {
+    const int error = platform::LastError();
+    platform::RemoveFile(fresh);
+    platform::SetLastError(error);
+    JournalFailed("creating");
+  }
+  if (!platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("creating");
   j.file = platform::OpenReadWrite(j.path);
   if (j.file == platform::kInvalidFile || !platform::TryLockExclusive(j.file)) JournalFailed("opening");
   j.created = true;
+  MarkMainFile();
 }
 
 // Opened by the run, never by the writer: the writer only writes and flushes.
@@ -229,6 +301,11 @@ bool SyncJournal(Outcome& outcome) {
 }
 
 bool SyncWrittenFiles(Outcome& outcome) {
+  if (j.markUnflushed) {
+    platform::ClearLastError();
+    if (!platform::Sync(j.markFile)) return Stopped(outcome, Stop::kVolumeFlushing, 0);
+    j.markUnflushed = false;
+  }
   for (std::size_t v = 0; v < j.files.size(); ++v) {
     if (!j.files[v].unflushed) continue;
     platform::ClearLastError();
@@ -352,6 +429,20 @@ bool ApplyWrites(Flight& f) {
   return true;
 }
 
+// The group's writes made: the main file's mark says so (flushed with them before the next commit).
+void StampGroup(Flight& f) {
+  if (j.markFile == platform::kInvalidFile) return;
+  std::uint8_t sector[journal::kSectorBytes];
+  journal::Mark mark = j.mark;
+  mark.group = f.number;
+  journal::EncodeMark(mark, sector);
+  if (!WriteThrough(j.markFile, mark.originalSize + journal::kSectorBytes * (mark.group % 2), sector, sizeof sector)) {
+    Stopped(f.outcome, Stop::kMarkWriting);
+    return;
+  }
+  j.markUnflushed = true;
+}
+
 void WriteFlight(Flight& f) {
   f.outcome = Outcome{};
   if (f.group.byWriter) {
@@ -372,7 +463,7 @@ void WriteFlight(Flight& f) {
       !SyncJournal(f.outcome))
     return;
   f.flushing += Clock::now() - start;
-  ApplyWrites(f);
+  if (ApplyWrites(f)) StampGroup(f);
 }
 
 [[noreturn]] void WriterLoop() {
@@ -439,6 +530,7 @@ void CapOutput() { CapHeldOutput(j.flight.busy ? j.flight.group.cap : j.group.ca
   platform::SetLastError(o.error);
   if (o.stop == Stop::kJournalWriting) JournalFailed("writing");
   if (o.stop == Stop::kJournalFlushing) JournalFailed("flushing");
+  if (o.stop == Stop::kMarkWriting) MarkFailed("writing");
   if (o.stop == Stop::kVolumeFlushing)
     Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(o.volume), ErrorText());
   const HeldWrite& w = g.held[o.write];
@@ -514,6 +606,16 @@ void ClearGroup(Group& g) {
 
 void CommitBeforeFailure();
 
+// The blocks of a group as its writes leave them (the last write of each), for the next record.
+std::vector<journal::Check> Landed(const Group& g) {
+  std::vector<journal::Check> landed;
+  landed.reserve(g.latest.size());
+  for (const auto& [key, offset] : g.latest)
+    landed.push_back({static_cast<std::uint32_t>(key >> 40), (key & ((std::uint64_t{1} << 40) - 1)) * blockSize, 0,
+                      journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes)});
+  return landed;
+}
+
 // Writes the group's record while the group before is on its way, then hands the group to the
 // writer once that one has landed. A failure here shows what the group before shows first, as
 // its writes come before it.
@@ -529,8 +631,13 @@ void Commit() {
     platform::SetLastError(error);
     FailOpeningVolume(w.volume);
   }
-  journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}};
+  journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}, {}, {}, 1};
   for (const HeldWrite& w : j.group.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
+  // What the files hold where this group does not write: the group before as written, the sample.
+  head.landed = std::move(j.landed);
+  head.sampleModulus = j.sampleModulus;
+  for (const auto& [key, check] : j.sample) head.sample.push_back(check);
+  j.landed = Landed(j.group);
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
   const Group& g = j.group;
@@ -605,57 +712,141 @@ std::string JournalPathFor(const std::string& fileName) {
   const std::string dir = place;
   if (dir == "off") return "";
   const bool separated = dir.back() == platform::kSeparator || dir.back() == '/';
-  return dir + (separated ? "" : std::string(1, platform::kSeparator)) + BaseName(fileName) + ".journal";
+  // Two databases of one name (two ORVA.DAT) get two journals: the hash of the full path tells them apart.
+  std::string full = platform::FullPathName(fileName, 32768);
+  if (full.empty()) full = fileName;
+  const std::uint64_t hash = journal::ChecksumOf(reinterpret_cast<const std::uint8_t*>(full.data()), full.size());
+  return dir + (separated ? "" : std::string(1, platform::kSeparator)) + BaseName(fileName) + "." + Hex16(hash) +
+         ".journal";
+}
+
+bool ReadMarkOf(const std::string& fileName, journal::Mark& mark) {
+  const platform::File file = platform::OpenReadOnly(fileName);
+  if (file == platform::kInvalidFile) return false;
+  std::uint8_t bytes[journal::kMarkBytes];
+  const std::int64_t size = platform::FileSize(file);
+  const bool marked = size >= static_cast<std::int64_t>(sizeof bytes) &&
+                      ReadThrough(file, static_cast<std::uint64_t>(size) - sizeof bytes, bytes, sizeof bytes) &&
+                      journal::DecodeMark(bytes, static_cast<std::uint64_t>(size), mark);
+  platform::Close(file);
+  return marked;
 }
 
 namespace {
 
-// A journal whose header names this very file as the main file of its run: found under another
-// name where the main file was renamed after the run.
-std::string JournalNamingThisFile(const std::string& fileName, const std::string& elsewhere) {
-  const platform::File main = platform::OpenReadOnly(fileName);
-  if (main == platform::kInvalidFile) return std::string();
-  const platform::FileIdentity identity = platform::IdentityOf(main);
-  platform::Close(main);
-  std::vector<std::string> prefixes{fileName.rfind(platform::kSeparator) == std::string::npos
-                                        ? std::string()
-                                        : DirectoryOf(fileName) + platform::kSeparator};
-  if (!elsewhere.empty() && elsewhere.rfind(platform::kSeparator) != std::string::npos)
-    prefixes.push_back(DirectoryOf(elsewhere) + platform::kSeparator);
+// The run id in the header of the journal at path; 0 where it has none that can be read.
+std::uint64_t RunOfJournal(const std::string& path) {
+  const platform::File file = platform::OpenReadOnly(path);
+  if (file == platform::kInvalidFile) return 0;
   std::vector<std::uint8_t> bytes(journal::kHeaderBytes);
-  for (const std::string& prefix : prefixes) {
-    for (const std::string& name : platform::DirectoryEntries(prefix.empty() ? "." : prefix)) {
-      if (!name.ends_with(".journal")) continue;
-      const platform::File file = platform::OpenReadOnly(prefix + name);
-      if (file == platform::kInvalidFile) continue;
-      const auto n = static_cast<std::uint32_t>(
-          std::clamp<std::int64_t>(platform::FileSize(file), 0, static_cast<std::int64_t>(journal::kHeaderBytes)));
-      journal::Header header;
-      std::string why;
-      const bool named = ReadThrough(file, 0, bytes.data(), n) && journal::DecodeHeader(bytes.data(), n, header, why) &&
-                         !header.volumes.empty() && header.volumes[0].identity == identity;
-      platform::Close(file);
-      if (named) return prefix + name;
-    }
-  }
-  return std::string();
+  const auto n = static_cast<std::uint32_t>(
+      std::clamp<std::int64_t>(platform::FileSize(file), 0, static_cast<std::int64_t>(journal::kHeaderBytes)));
+  journal::Header header;
+  std::string why;
+  const bool read = ReadThrough(file, 0, bytes.data(), n) && journal::DecodeHeader(bytes.data(), n, header, why);
+  platform::Close(file);
+  return read ? header.runId : 0;
 }
 
 }  // namespace
 
-std::string ExistingJournal(const std::string& fileName) {
-  if (platform::FileExists(fileName + ".journal")) return fileName + ".journal";
-  const std::string elsewhere = JournalPathFor(fileName);
-  if (!elsewhere.empty() && platform::FileExists(elsewhere)) return elsewhere;
-  return JournalNamingThisFile(fileName, elsewhere);
+// The journal of the run that marked the file is looked for under the names a journal of this
+// file takes, where the mark says it is, and then under any name in those directories (a journal
+// moved or renamed). Without a mark, a journal under this file's own names stops a run too: the
+// recovery tells what it is.
+JournalFound FindJournal(const std::string& fileName) {
+  JournalFound found;
+  found.marked = ReadMarkOf(fileName, found.mark);
+  std::vector<std::string> names{fileName + ".journal"};
+  if (const std::string elsewhere = JournalPathFor(fileName); !elsewhere.empty()) names.push_back(elsewhere);
+  if (!found.marked) {
+    for (const std::string& name : names)
+      if (platform::FileExists(name)) {
+        found.path = name;
+        break;
+      }
+    return found;
+  }
+  names.push_back(found.mark.journalPath);
+  for (const std::string& name : names)
+    if (platform::FileExists(name) && RunOfJournal(name) == found.mark.runId) {
+      found.path = name;
+      return found;
+    }
+  std::vector<std::string> dirs;
+  for (const std::string& name : names)
+    if (std::find(dirs.begin(), dirs.end(), DirectoryOf(name)) == dirs.end()) dirs.push_back(DirectoryOf(name));
+  for (const std::string& dir : dirs)
+    for (const std::string& entry : platform::DirectoryEntries(dir)) {
+      const std::string path = dir + platform::kSeparator + entry;
+      if (entry.ends_with(".journal") && RunOfJournal(path) == found.mark.runId) {
+        found.path = path;
+        return found;
+      }
+    }
+  found.path = found.mark.journalPath;  // not there: where it was
+  return found;
 }
 
-std::string RecoverLine(const std::string& journalPath, const std::string& fileName) {
-  return "An interrupted conversion left its journal " + journalPath + ": finish it with byteturn-recover " +
+std::vector<std::string> TemporaryJournalsOf(const std::string& journalPath) {
+  std::vector<std::string> left;
+  const std::string dir = DirectoryOf(journalPath), prefix = BaseName(journalPath) + ".";
+  for (const std::string& entry : platform::DirectoryEntries(dir))
+    if (entry.size() == prefix.size() + 16 + 4 && entry.starts_with(prefix) && entry.ends_with(".new"))
+      left.push_back(dir + platform::kSeparator + entry);
+  return left;
+}
+
+std::string RecoverLine(const JournalFound& found, const std::string& fileName) {
+  if (found.marked && !platform::FileExists(found.path))
+    return "An interrupted conversion left its journal " + found.path +
+           ", which is not there now: put it back there, then finish the conversion with byteturn-recover " +
+           fileName + ".\n";
+  return "An interrupted conversion left its journal " + found.path + ": finish it with byteturn-recover " +
          fileName + ".\n";
 }
 
-void BeginJournal(bool verbose) {
+std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities) {
+  std::vector<std::uint32_t> keys(identities.size());
+  for (std::uint32_t v = 0; v < identities.size(); ++v) {
+    keys[v] = v;
+    for (std::uint32_t u = 0; u < v && keys[v] == v; ++u)
+      if (identities[u] == identities[v] && !(identities[v] == platform::FileIdentity{})) keys[v] = u;
+  }
+  return keys;
+}
+
+bool Sampled(std::uint64_t key, std::uint64_t modulus) {
+  std::uint64_t h = key + 0x9E3779B97F4A7C15ull;
+  h = (h ^ h >> 30) * 0xBF58476D1CE4E5B9ull;
+  h = (h ^ h >> 27) * 0x94D049BB133111EBull;
+  h ^= h >> 31;
+  return key == 0 || (h & (modulus - 1)) == 0;
+}
+
+namespace {
+
+std::string FullPath(const std::string& path) {
+  const std::string full = platform::FullPathName(path, 32768);
+  return full.empty() ? path : full;
+}
+
+// Keys from the files' identities, and the groups begun.
+void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
+  std::vector<platform::FileIdentity> identities;
+  for (const journal::VolumeRecord& v : volumes) identities.push_back(v.identity);
+  j.fileKey = FileKeys(identities);
+}
+
+// Whether the main file can take a mark: not where it is shorter than the blocks it holds.
+bool MainFileTakesMark(std::uint64_t size) {
+  const std::uint64_t blocks = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
+  return size >= blocks * std::uint64_t{blockSize};
+}
+
+}  // namespace
+
+void BeginJournal(bool verbose, const std::string& lockPath) {
   j = Journal{};
   j.path = checkRun ? std::string() : JournalPathFor(databaseFileName);
   if (j.path.empty()) return;
@@ -663,28 +854,74 @@ void BeginJournal(bool verbose) {
   j.header.runId = NewRunId();
   j.header.verbose = verbose;
   std::memcpy(j.header.label, labelCopyAtStart, journal::kLabelCopyBytes);
-  j.header.mainFile = databaseFileName;
-  j.header.primaryDirectory = primaryDirectory;
-  j.header.directories = volumeDirectories;
+  // Full paths: a recovery started from another directory finds the same files.
+  j.header.mainFile = FullPath(databaseFileName);
+  j.header.mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
+  j.header.primaryDirectory = FullPath(primaryDirectory);
+  for (const std::string& d : volumeDirectories) j.header.directories.push_back(FullPath(d));
   for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v)
     j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
                                 VolumeIdentity(v)});
+  j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
+  const platform::File main = platform::OpenReadOnly(databaseFileName);
+  const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
+  platform::Close(main);
+  j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
+  j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize);
+  StartKeys(j.header.volumes);
   j.groupBlock = 1;
   j.groupMaps = MapState{};
   StartGroups();
 }
 
 void ContinueJournal(const JournalResume& resume) {
+  const journal::Found& found = *resume.found;
   j = Journal{};
   j.active = j.created = true;
   j.file = resume.file;
   j.path = resume.path;
-  j.header.runId = resume.runId;
-  j.nextNumber = resume.nextNumber;
-  j.placed[0] = {resume.lastOffset, resume.lastSize};
+  j.header = found.header;
+  j.nextNumber = found.commit.number + 1;
+  j.placed[0] = {found.commit.recordOffset, found.commit.recordSize};
   j.groupBlock = resume.resumeBlock;
-  j.groupMaps = resume.maps;
+  j.groupMaps = found.commit.number == 0 ? MapState{} : found.head.maps;
+  StartKeys(j.header.volumes);
+  if (found.commit.number != 0) {
+    j.sampleModulus = std::max<std::uint64_t>(found.head.sampleModulus, 1);
+    for (const journal::Check& c : found.head.sample)
+      j.sample[BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize)] = c;
+  }
+  // The file keeps the mark it bears; one that has none (the run had cut it off as it ended) is
+  // marked again.
+  j.marking = MainFileTakesMark(j.header.mainFileSize);
+  journal::Mark mark;
+  if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
+    j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, j.path};
+    j.markFile = platform::OpenReadWrite(databaseFileName);
+    if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+  } else {
+    MarkMainFile();
+  }
   StartGroups();
+}
+
+void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
+  // The put-back stands for the writes of the record in effect: the mark says they landed, as
+  // the next commit needs.
+  if (j.markFile != platform::kInvalidFile && j.mark.group + 1 < j.nextNumber) {
+    Flight resumed;
+    resumed.number = j.nextNumber - 1;
+    StampGroup(resumed);
+    platform::ClearLastError();
+    if (resumed.outcome.stop != Stop::kNone) MarkFailed("writing");
+    if (!platform::Sync(j.markFile)) MarkFailed("flushing");
+    j.markUnflushed = false;
+  }
+  j.landed = landed;
+  // What the put-back left is what the disk holds now.
+  for (const journal::Check& c : landed)
+    if (const auto it = j.sample.find(BlockKey(j.fileKey[c.volume], c.position / blockSize)); it != j.sample.end())
+      it->second.after = c.after;
 }
 
 bool JournalHoldsWrites() { return j.active; }
@@ -700,11 +937,16 @@ void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
 
 namespace {
 
+// The key of the block at position of volume (BlockKey): one file named twice has one key.
+std::uint64_t KeyOf(std::uint32_t volume, std::uint64_t position) {
+  return BlockKey(j.fileKey[volume], position / blockSize);
+}
+
 // Lays the writes of group g over bytes just read from position of volume.
-void LayOver(const Group& g, std::uint64_t volume, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+void LayOver(const Group& g, std::uint32_t volume, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (g.latest.empty()) return;
   for (std::uint64_t block = position / blockSize; block * blockSize < position + size; ++block) {
-    const auto it = g.latest.find(volume << 32 | block);
+    const auto it = g.latest.find(KeyOf(volume, block * blockSize));
     if (it == g.latest.end()) continue;
     const std::uint64_t from = std::max(position, block * blockSize), to = std::min(position + size, (block + 1) * blockSize);
     std::memcpy(buffer + (from - position), g.arena.data() + it->second + (from - block * blockSize), to - from);
@@ -725,23 +967,22 @@ const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t positi
 // The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
 // the group ends, the bytes a write of one of them replaces, unless the group wrote it since.
 struct ReadAside {
-  std::uint64_t group = 0, volume = 0, position = 0;
+  std::uint64_t group = 0, key = 0;
   std::vector<std::uint8_t> bytes;
 };
 ReadAside readAside[8];
 std::size_t nextAside = 0;
 
-void KeepReadAside(std::uint64_t volume, std::uint64_t position, const std::uint8_t* buffer) {
+void KeepReadAside(std::uint32_t volume, std::uint64_t position, const std::uint8_t* buffer) {
   ReadAside& r = readAside[nextAside++ % std::size(readAside)];
   r.group = j.nextNumber;
-  r.volume = volume;
-  r.position = position;
+  r.key = KeyOf(volume, position);
   r.bytes.assign(buffer, buffer + blockSize);
 }
 
 const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
   for (const ReadAside& r : readAside)
-    if (r.group == j.nextNumber && r.volume == volume && r.position == position) return r.bytes.data();
+    if (r.group == j.nextNumber && r.key == KeyOf(volume, position)) return r.bytes.data();
   return nullptr;
 }
 
@@ -766,19 +1007,21 @@ Group& GatheringGroup() {
 // make it the bytes the write replaces (beforeAt tells where they begin among the befores): those
 // the batch read or a read of the block alone kept, unless a write held earlier in the group lies
 // over them; then the undo names every word, for each sector may hold either write (true is
-// returned).
+// returned). beforeSums takes the checksum of each block's first sector as it was.
 bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
-              std::uint32_t size, std::uint32_t block, std::size_t& beforeAt) {
+              std::uint32_t size, std::uint32_t block, std::size_t& beforeAt, std::uint64_t* beforeSums) {
   Group& g = j.group;
   const std::uint32_t blocks = size / blockSize;
   bool overlaid = false;
   for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
-    overlaid = g.latest.contains(std::uint64_t{volume} << 32 | (position / blockSize + k));
+    overlaid = g.latest.contains(KeyOf(volume, position + std::uint64_t{k} * blockSize));
   const BatchOriginals& o = originals;
   const bool batched = !overlaid && o.group == j.nextNumber && file == o.file && position % blockSize == 0 &&
                        position >= o.position && position + size <= o.position + o.size;
   if (batched && o.inBefores) {  // the writer finds them where the batch left them
     beforeAt = o.offset + (position - o.position);
+    for (std::uint32_t k = 0; k < blocks; ++k)
+      beforeSums[k] = journal::ChecksumOf(g.befores.data() + beforeAt + std::size_t{k} * blockSize, journal::kCheckedBytes);
     return false;
   }
   beforeAt = g.befores.size();
@@ -792,6 +1035,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
                                  : overlaid ? nullptr
                                             : ReadAsideFor(volume, position + at);
     if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
+    beforeSums[k] = journal::ChecksumOf(before, journal::kCheckedBytes);
     if (g.byWriter)
       g.befores.insert(g.befores.end(), before, before + blockSize);
     else
@@ -802,6 +1046,19 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   return overlaid;
 }
 
+// A write of a sampled block: its first write gives the block as it was before the run, every
+// write what it holds now. Past kSampleLimit blocks, the modulus doubles and the sample keeps
+// the blocks whose keys still qualify (those that did at every modulus before).
+void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position, std::uint64_t beforeSum,
+                 const std::uint8_t* written) {
+  const std::uint64_t afterSum = journal::ChecksumOf(written, journal::kCheckedBytes);
+  const auto [it, first] = j.sample.try_emplace(key, journal::Check{j.fileKey[volume], position, beforeSum, afterSum});
+  if (!first) it->second.after = afterSum;
+  if (j.sample.size() <= kSampleLimit) return;
+  j.sampleModulus *= 2;
+  std::erase_if(j.sample, [](const auto& entry) { return !Sampled(entry.first, j.sampleModulus); });
+}
+
 }  // namespace
 
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
@@ -810,7 +1067,9 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
   const std::uint32_t volume = VolumeOfHandle(file);
   Group& g = GatheringGroup();
   std::size_t before = 0;
-  const bool whole = HoldUndo(file, volume, position, bytes, size, block, before);
+  static std::vector<std::uint64_t> beforeSums;
+  beforeSums.resize(size / blockSize);
+  const bool whole = HoldUndo(file, volume, position, bytes, size, block, before, beforeSums.data());
   if (g.held.empty()) {
     g.cap = cap;
     CapOutput();
@@ -818,8 +1077,11 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
   const std::size_t offset = g.arena.size();
   g.arena.insert(g.arena.end(), bytes, bytes + size);
   g.held.push_back({volume, size, block, position, offset, cap, failure, whole, before});
-  for (std::uint32_t k = 0; k < size / blockSize; ++k)
-    g.latest[std::uint64_t{volume} << 32 | (position / blockSize + k)] = offset + std::size_t{k} * blockSize;
+  for (std::uint32_t k = 0; k < size / blockSize; ++k) {
+    const std::uint64_t at = position + std::uint64_t{k} * blockSize, key = KeyOf(volume, at);
+    g.latest[key] = offset + std::size_t{k} * blockSize;
+    if (Sampled(key, j.sampleModulus)) SampleWrite(key, volume, at, beforeSums[k], bytes + std::size_t{k} * blockSize);
+  }
 }
 
 void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size) {
@@ -840,7 +1102,7 @@ void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::
 
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (blockSize == 0) return;
-  const std::uint64_t volume = VolumeOfHandle(file);
+  const std::uint32_t volume = VolumeOfHandle(file);
   if (j.flight.busy) LayOver(j.flight.group, volume, position, buffer, size);
   LayOver(j.group, volume, position, buffer, size);
   if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
@@ -878,6 +1140,7 @@ void EndJournal() {
   if (!SyncWrittenFiles(outcome)) FailAsTheWriterStopped(outcome, j.group);
   for (JournalFile& f : j.files) platform::Close(f.handle);
   j.files.clear();
+  UnmarkMainFile();
   platform::Close(j.file);
   j.file = platform::kInvalidFile;
   platform::ClearLastError();

@@ -16,14 +16,20 @@
 // before it stopped, as without a journal. The recovery puts back the words of the last record
 // and runs on from its point.
 //
-// The journal is made (and flushed, and its name made durable) at the first commit, so a run
-// that writes nothing leaves none. It lies beside the main file, its name followed by ".journal",
-// or in the directory that BYTETURN_JOURNAL names; BYTETURN_JOURNAL=off keeps none.
+// The journal is made (under a name of its own, flushed, then given its name without replacing
+// any file, and the name made durable) at the first commit, so a run that writes nothing leaves
+// none; the main file is then marked (journal_format.h, Mark) before the first write, and the
+// mark is cut off once the run is complete, before the journal is removed. The journal lies
+// beside the main file, its name followed by ".journal", or in the directory that
+// BYTETURN_JOURNAL names, under the file's name and a hash of its full path (two databases of
+// one name share such a directory); BYTETURN_JOURNAL=off keeps none.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "journal_format.h"
 #include "map_block.h"
 #include "platform.h"
 
@@ -35,27 +41,45 @@ inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
 // The bytes of a group's writes sent on their way to the disk at a time.
 inline constexpr std::size_t kWriteBackPieceBytes = std::size_t{1} << 20;
 
-// Where this run's journal lies ("" when BYTETURN_JOURNAL is "off"), and where a journal of the
-// database named fileName may lie: beside it, then in BYTETURN_JOURNAL's directory, under the
-// file's name or, where the file was renamed since, under any name whose header names this file.
-// The first that exists, or "".
+// Where this run's journal lies ("" when BYTETURN_JOURNAL is "off").
 std::string JournalPathFor(const std::string& fileName);
-std::string ExistingJournal(const std::string& fileName);
+// The journal that stops a run of the database named fileName: the one its mark names (whether it
+// is there or not), else one lying where this run's would go. "" when there is none.
+struct JournalFound {
+  std::string path;
+  bool marked = false;  // the main file bears the mark of an interrupted run
+  journal::Mark mark;
+};
+JournalFound FindJournal(const std::string& fileName);
+// The mark that the main file at fileName bears, if it bears one.
+bool ReadMarkOf(const std::string& fileName, journal::Mark& mark);
+// The journals being made under a name of their own (a run interrupted while it made it left it).
+std::vector<std::string> TemporaryJournalsOf(const std::string& journalPath);
 // The line that sends the operator to byteturn-recover.
-std::string RecoverLine(const std::string& journalPath, const std::string& fileName);
+std::string RecoverLine(const JournalFound& found, const std::string& fileName);
 
 // Starts journaling the run (a run that is not a check, with a journal path); from here on the
-// database's writes are held. verbose is kept for the recovery.
-void BeginJournal(bool verbose);
-// Continues the journal of an interrupted run, opened by the recovery.
+// database's writes are held. verbose and the run's lock are kept for the recovery.
+void BeginJournal(bool verbose, const std::string& lockPath);
+// Continues the journal of an interrupted run, opened by the recovery, from the record in effect;
+// the main file is marked (again) before anything is written. NoteResumedBlocks: the blocks the
+// recovery's put-back left (as Check with after), which the next record names as landed.
 struct JournalResume {
   platform::File file;
   std::string path;
-  std::uint64_t runId, nextNumber, lastOffset, lastSize;
+  const journal::Found* found;
   std::uint32_t resumeBlock;
-  MapState maps;
 };
 void ContinueJournal(const JournalResume& resume);
+void NoteResumedBlocks(const std::vector<journal::Check>& landed);
+// The key of a block of a database file in the journal: volumes that are one file (links) share
+// their keys. fileKeys[v] is the first volume that is the same file as volume v.
+std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities);
+inline std::uint64_t BlockKey(std::uint32_t fileKey, std::uint64_t blockOfFile) {
+  return std::uint64_t{fileKey} << 40 | blockOfFile;
+}
+// Whether a block of that key is in the sample at modulus (the label block always is).
+bool Sampled(std::uint64_t key, std::uint64_t modulus);
 bool JournalHoldsWrites();
 
 // A write held: size bytes (whole blocks) at position of a database file. failure and block give

@@ -18,6 +18,7 @@ constexpr std::uint64_t kPrime1 = 11400714785074694791ull, kPrime2 = 14029467366
 constexpr char kHeaderMagic[8] = {'B', 'T', 'J', 'O', 'U', 'R', 'N', 'L'};
 constexpr char kCommitMagic[8] = {'B', 'T', 'C', 'O', 'M', 'M', 'I', 'T'};
 constexpr char kRecordMagic[8] = {'B', 'T', 'R', 'E', 'C', 'O', 'R', 'D'};
+constexpr char kMarkMagic[8] = {'B', 'T', 'R', 'U', 'N', 'M', 'R', 'K'};
 
 std::uint64_t Rotl(std::uint64_t v, int n) { return v << n | v >> (64 - n); }
 std::uint64_t Round(std::uint64_t lane, std::uint64_t word) { return Rotl(lane + word * kPrime2, 31) * kPrime1; }
@@ -132,6 +133,7 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
   w.U32(header.verbose ? 1 : 0);
   w.Raw(header.label, kLabelCopyBytes);
   w.Text(header.mainFile);
+  w.Text(header.mainDirectory);
   w.Text(header.primaryDirectory);
   w.U16(static_cast<std::uint16_t>(header.directories.size()));
   for (const std::string& d : header.directories) w.Text(d);
@@ -142,6 +144,8 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
     w.U64(v.identity.device);
     w.U64(v.identity.index);
   }
+  w.U64(header.mainFileSize);
+  w.Text(header.lockPath);
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   return w.bytes;
 }
@@ -153,13 +157,14 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
     return false;
   }
   if (r.U32() != kVersion) {
-    why = "it is of another version";
+    why = "it was written by another version of byteturn";
     return false;
   }
   header.runId = r.U64();
   header.verbose = r.U32() != 0;
   if (const std::uint8_t* label = r.Take(kLabelCopyBytes)) std::memcpy(header.label, label, kLabelCopyBytes);
   header.mainFile = r.Text();
+  header.mainDirectory = r.Text();
   header.primaryDirectory = r.Text();
   header.directories.resize(r.ok ? r.U16() : 0);
   for (std::string& d : header.directories) d = r.Text();
@@ -170,6 +175,8 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
     v.identity.device = r.U64();
     v.identity.index = r.U64();
   }
+  header.mainFileSize = r.U64();
+  header.lockPath = r.Text();
   const std::size_t content = r.at;
   if (!r.ok || r.U64() != ChecksumOf(bytes, content) || !r.ok || header.volumes.empty()) {
     why = "its header is damaged";
@@ -203,6 +210,41 @@ bool DecodeCommit(const std::uint8_t* sector, Commit& commit) {
   return r.U64() == ChecksumOf(sector, content) && r.ok;
 }
 
+bool EncodeMark(const Mark& mark, std::uint8_t* sector) {
+  Writer w;
+  w.Raw(kMarkMagic, 8);
+  w.U32(kVersion);
+  w.U64(mark.runId);
+  w.U64(mark.originalSize);
+  w.U64(mark.group);
+  if (mark.journalPath.size() > kSectorBytes) return false;
+  w.Text(mark.journalPath);
+  w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
+  if (w.bytes.size() > kSectorBytes) return false;
+  w.bytes.resize(kSectorBytes);
+  std::memcpy(sector, w.bytes.data(), kSectorBytes);
+  return true;
+}
+
+bool DecodeMark(const std::uint8_t* bytes, std::uint64_t fileSize, Mark& mark) {
+  bool found = false;
+  for (int s = 0; s < 2; ++s) {
+    Reader r{bytes + kSectorBytes * s, kSectorBytes};
+    Mark m;
+    if (!r.Magic(kMarkMagic) || r.U32() != kVersion) continue;
+    m.runId = r.U64();
+    m.originalSize = r.U64();
+    m.group = r.U64();
+    m.journalPath = r.Text();
+    const std::size_t content = r.at;
+    if (r.U64() != ChecksumOf(bytes + kSectorBytes * s, content) || !r.ok || m.originalSize + kMarkBytes != fileSize)
+      continue;
+    if (!found || m.group > mark.group) mark = m;
+    found = true;
+  }
+  return found;
+}
+
 std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head) {
   Writer w;
   w.Raw(kRecordMagic, 8);
@@ -218,6 +260,16 @@ std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head) {
     w.U32(e.volume);
     w.U32(e.blocks);
     w.U64(e.position);
+  }
+  w.U64(head.sampleModulus);
+  for (const std::vector<Check>* checks : {&head.landed, &head.sample}) {
+    w.U32(static_cast<std::uint32_t>(checks->size()));
+    for (const Check& c : *checks) {
+      w.U32(c.volume);
+      w.U64(c.position);
+      w.U64(c.before);
+      w.U64(c.after);
+    }
   }
   return w.bytes;
 }
@@ -242,6 +294,18 @@ bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& h
     e.volume = r.U32();
     e.blocks = r.U32();
     e.position = r.U64();
+  }
+  head.sampleModulus = r.U64();
+  for (std::vector<Check>* checks : {&head.landed, &head.sample}) {
+    const std::uint32_t n = r.U32();
+    if (!r.ok || n > (size - r.at) / 28) return false;
+    checks->resize(n);
+    for (Check& c : *checks) {
+      c.volume = r.U32();
+      c.position = r.U64();
+      c.before = r.U64();
+      c.after = r.U64();
+    }
   }
   if (!r.ok || head.blockSize < 4096 || head.blockSize > 65536 || head.blockSize % 64 != 0) return false;
   undoOffset = r.at;

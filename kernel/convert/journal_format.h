@@ -1,12 +1,14 @@
 // The journal file of a conversion run. All numbers are little-endian.
 //
 //   [0, kHeaderBytes)          header: what the run was given (the label block as it was before
-//                              the run, the volume set, the identity of every file), checksummed
+//                              the run, the volume set with its directories as full paths, the
+//                              identity of every file, the main file's size and its lock), checksummed
 //   kCommitOffset + 512 * s    two commit sectors (s = 0, 1; the commit of number n is in sector
 //                              n % 2), each naming the last record that is whole on disk and the
 //                              checksum of that record, checksummed itself
 //   from kRecordsOffset        records, 4096-aligned: a group of writes, the point of the run before
-//                              them (its block, its maps) and, for each block written, the undo of
+//                              them (its block, its maps), what the files must hold where the group
+//                              does not write (below), and, for each block written, the undo of
 //                              the write: the words it changes, as they were or as the write
 //                              reordered their bytes
 //
@@ -27,7 +29,7 @@
 
 namespace bt::journal {
 
-inline constexpr std::uint32_t kVersion = 3;
+inline constexpr std::uint32_t kVersion = 4;
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
@@ -57,13 +59,16 @@ struct VolumeRecord {
   platform::FileIdentity identity;
 };
 
+// Paths are full paths, as the run resolved them: a recovery started anywhere finds the files.
 struct Header {
   std::uint64_t runId = 0;
   bool verbose = true;
   std::uint8_t label[kLabelCopyBytes] = {};  // the first bytes of the main file before the run
-  std::string mainFile, primaryDirectory;
+  std::string mainFile, mainDirectory, primaryDirectory;
   std::vector<std::string> directories;
   std::vector<VolumeRecord> volumes;  // the main file first, then volumes 1..n
+  std::uint64_t mainFileSize = 0;     // before the run; the run's mark lies there (mark.h)
+  std::string lockPath;               // the lock the run took, "" for none
 };
 std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.
@@ -81,11 +86,26 @@ struct Entry {
   std::uint32_t volume = 0, blocks = 0;
   std::uint64_t position = 0;
 };
+// A block the run wrote, by the checksum of its first sector (where every block's header lies,
+// which the conversion turns): as the run last wrote it (after) and, in the sample, as it was
+// before the run (before). A recovery finds the files as the run left them only where every block
+// that the record's own writes do not cover holds its after: a file restored from a backup, or
+// another file in its place, does not.
+struct Check {
+  std::uint32_t volume = 0;
+  std::uint64_t position = 0, before = 0, after = 0;
+};
+inline constexpr std::size_t kCheckedBytes = 512;
 struct RecordHead {
   std::uint64_t runId = 0, number = 0;
   std::uint32_t blockSize = 0, resumeBlock = 0;
   MapState maps;
   std::vector<Entry> entries;
+  // The blocks of the group before, as it wrote them (flushed before this record's commit), and a
+  // sample spread over every block the run wrote so far, the label block always among them: those
+  // whose key hashes to a multiple of sampleModulus.
+  std::vector<Check> landed, sample;
+  std::uint64_t sampleModulus = 1;
 };
 std::vector<std::uint8_t> EncodeRecordHead(const RecordHead& head);
 // Decodes the head at the start of a record of size bytes; undoOffset is where the undo of its
@@ -120,6 +140,28 @@ std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize,
 std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
 // Puts back into block the words the undo names (it fits, as UndoSize tells); true when any differed.
 bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
+
+// The mark of a run in progress: kMarkBytes appended to the main file (at the header's
+// mainFileSize) before the run writes anything, flushed, and cut off again once the run is
+// complete. It travels with the file wherever it is moved, copied or renamed, and names the
+// journal (its full path and run), so that byteturn and byteturn-check refuse a database whose
+// conversion was interrupted, and byteturn-recover finds its journal, whatever the file is called
+// now and whatever the environment. It also tells how far the files got: group g's writes end with
+// the mark of group g in sector g % 2 of it (a sector is written whole or not at all), so the
+// files flushed before commit n hold the mark of n - 1 or later, and never one past the commit
+// in effect: a journal older than the files, or files older than the journal, show. A main file
+// shorter than its blocks takes no mark: a read past its end would then find the mark instead of
+// failing.
+inline constexpr std::uint64_t kMarkBytes = 4096;
+struct Mark {
+  std::uint64_t runId = 0, originalSize = 0, group = 0;
+  std::string journalPath;
+};
+// The sector of the mark of mark.group; false when the path does not fit in it.
+bool EncodeMark(const Mark& mark, std::uint8_t* sector);
+// The mark that the last kMarkBytes of a file of fileSize bytes hold (the later group of its two
+// sectors), if they are a mark of that file.
+bool DecodeMark(const std::uint8_t* bytes, std::uint64_t fileSize, Mark& mark);
 
 // A journal as read back: its header, the commit in effect (the higher of the two numbers) and,
 // unless that is number 0, the record it names, whole.

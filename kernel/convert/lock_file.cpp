@@ -11,6 +11,10 @@ namespace bt {
 
 namespace {
 char FoldLetter(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
+constexpr char kLockText[] = "\tsealturn";
+// The lock taken, held open with a lock of the system's on it while the run lasts: byteturn-recover
+// tells a lock left by a run that ended from the lock of a run still going.
+platform::File heldLock = platform::kInvalidFile;
 }  // namespace
 
 std::string LockPathFor(const std::string& fileName) {
@@ -26,9 +30,9 @@ namespace {
 void RefuseWhenLocked(const std::string& lockPath, const std::string& fileName) {
   if (std::FILE* existing = std::fopen(lockPath.c_str(), "r")) {
     std::fclose(existing);
-    const std::string journal = ExistingJournal(fileName);
+    const JournalFound journal = FindJournal(fileName);
     FailTo(stderr, "%s is locked by Veltrano ORVA.\n%s", fileName.c_str(),
-           journal.empty() ? "" : RecoverLine(journal, fileName).c_str());
+           journal.marked || !journal.path.empty() ? RecoverLine(journal, fileName).c_str() : "");
   }
 }
 }  // namespace
@@ -44,16 +48,40 @@ void TakeLock(const std::string& lockPath, const std::string& fileName) {
     FailTo(stderr, "Error creating lockfile %s.\n", lockPath.c_str());
   }
   // Only a short count is a failure: the text may still sit in the stream's buffer.
-  static const char kText[] = "\tsealturn";
-  if (std::fwrite(kText, 1, sizeof kText - 1, lock) < sizeof kText - 1) {
+  if (std::fwrite(kLockText, 1, sizeof kLockText - 1, lock) < sizeof kLockText - 1) {
     std::fclose(lock);
     FailTo(stderr, "Error writing to lockfile %s.\n", lockPath.c_str());
   }
   std::fclose(lock);
+  heldLock = platform::OpenReadWrite(lockPath);
+  if (heldLock != platform::kInvalidFile && !platform::TryLockExclusive(heldLock)) {
+    platform::Close(heldLock);
+    heldLock = platform::kInvalidFile;
+  }
 }
 
+
+bool RemoveLeftLock(const std::string& lockPath) {
+  if (lockPath.empty()) return false;
+  const platform::File file = platform::OpenReadWrite(lockPath);
+  if (file == platform::kInvalidFile) return false;
+  char text[sizeof kLockText] = {};
+  const bool ours = platform::ReadAt(file, text, sizeof text, 0) == static_cast<std::int64_t>(sizeof kLockText - 1) &&
+                    std::string(text) == kLockText && platform::TryLockExclusive(file);
+  platform::Close(file);
+  return ours && platform::RemoveFile(lockPath);
+}
+
+// A lock this process took is removed; any other only where a run of byteturn left it.
 void ReleaseLock(const std::string& lockPath) {
-  if (!lockPath.empty() && !checkRun) platform::RemoveFile(lockPath);
+  if (lockPath.empty() || checkRun) return;
+  if (heldLock == platform::kInvalidFile) {
+    RemoveLeftLock(lockPath);
+    return;
+  }
+  platform::Close(heldLock);
+  heldLock = platform::kInvalidFile;
+  platform::RemoveFile(lockPath);
 }
 
 }  // namespace bt

@@ -272,8 +272,17 @@ void MakeNodeMalformed(const gendb::Params& p, const std::string& dir) {
   }
 }
 
+bool Unmark(const std::string& mainFile) {
+  const std::uintmax_t size = fs::file_size(mainFile);
+  if (size < 4096 || ReadBytes(mainFile, size - 4096, 8) != std::vector<std::uint8_t>{'B', 'T', 'R', 'U', 'N', 'M', 'R', 'K'})
+    return false;
+  fs::resize_file(mainFile, size - 4096);
+  return true;
+}
+
 void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,
                            std::uint32_t first, std::uint32_t blockSize) {
+  Unmark(db);
   const auto now = ReadBytes(db), converted = ReadBytes(twin), before = ReadBytes(original);
   ASSERT_EQ(now.size(), before.size());
   ASSERT_EQ(now.size(), converted.size());

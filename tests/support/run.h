@@ -107,6 +107,10 @@ inline std::function<void(const std::string&)> MalformedNode(const gendb::Params
   return [p](const std::string& dir) { MakeNodeMalformed(p, dir); };
 }
 
+// Cuts off the mark that a journaled run that stopped leaves at the end of the main file (until
+// byteturn-recover finishes the run); true when there was one.
+bool Unmark(const std::string& mainFile);
+
 // Blocks before first of the file db are those of the file twin (converted), blocks from first on
 // those of original (as they were).
 void ExpectConvertedBefore(const std::string& db, const std::string& twin, const std::string& original,

@@ -21,8 +21,10 @@ File OpenReadOnly(const std::string& path);
 // Creates a file that must not exist yet (atomically) and opens it for writing as text;
 // nullptr when it exists already or cannot be created.
 std::FILE* CreateNewTextFile(const std::string& path);
-// Creates (or truncates) a file for reading and writing: the journal, and the tools' files.
+// Creates (or truncates) a file for reading and writing: the tools' files.
 File CreateReadWrite(const std::string& path);
+// Creates a file that must not exist yet (atomically) and opens it for reading and writing.
+File CreateNewReadWrite(const std::string& path);
 void Close(File file);
 // What identifies the file behind a handle: handles opened through different paths to one file
 // (links) have the same identity.
@@ -115,6 +117,8 @@ std::vector<std::string> DirectoryEntries(const std::string& directory);
 bool RemoveFile(const std::string& path);
 // Gives file from the name to, replacing a file of that name; on Windows written through to disk.
 bool RenameFile(const std::string& from, const std::string& to);
+// The same, but fails (leaving both names as they are) when a file named to exists already.
+bool RenameNoReplace(const std::string& from, const std::string& to);
 // Makes the names created, renamed and removed in the directory durable (nothing to do on Windows,
 // whose renames are written through).
 bool SyncDirectory(const std::string& directory);

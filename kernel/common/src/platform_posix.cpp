@@ -78,6 +78,13 @@ File CreateReadWrite(const std::string& path) {
   return fd;
 }
 
+File CreateNewReadWrite(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return kInvalidFile;
+  faults::NoteCreated(fd, path);
+  return fd;
+}
+
 void Close(File file) {
   if (file == kInvalidFile) return;
   faults::NoteClosed(file);
@@ -289,6 +296,18 @@ bool RemoveFile(const std::string& path) {
 
 bool RenameFile(const std::string& from, const std::string& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) return false;
+  faults::NoteRenamed(from, to);
+  return true;
+}
+
+// renameat2 where the kernel and the file system have it; else a link made under the new name
+// (which fails where the name exists) and the old name removed.
+bool RenameNoReplace(const std::string& from, const std::string& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    if (::link(from.c_str(), to.c_str()) != 0) return false;
+    ::unlink(from.c_str());
+  }
   faults::NoteRenamed(from, to);
   return true;
 }

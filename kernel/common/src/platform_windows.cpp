@@ -81,6 +81,13 @@ File CreateReadWrite(const std::string& path) {
   return file;
 }
 
+File CreateNewReadWrite(const std::string& path) {
+  const File file = FromHandle(CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                           nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (file != kInvalidFile) faults::NoteCreated(file, path);
+  return file;
+}
+
 void Close(File file) {
   if (file == kInvalidFile) return;
   faults::NoteClosed(file);
@@ -235,6 +242,12 @@ bool RemoveFile(const std::string& path) {
 
 bool RenameFile(const std::string& from, const std::string& to) {
   if (!MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return false;
+  faults::NoteRenamed(from, to);
+  return true;
+}
+
+bool RenameNoReplace(const std::string& from, const std::string& to) {
+  if (!MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH)) return false;
   faults::NoteRenamed(from, to);
   return true;
 }
