@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <functional>
 #include <random>
 
@@ -721,5 +722,228 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   const RunResult r = Recover(c, "", "");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   fs::remove(c.lock);
+  ExpectTwin(c);
+}
+
+namespace {
+
+RunResult RecoverAt(const Case& c, const std::string& cwd, const std::string& file, const std::string& environment = "") {
+  return RunByteturn({file}, c.answers, cwd, environment.empty() ? UnderTest().recoverExe : UnderTest().recoverFaultsExe,
+                     environment);
+}
+
+std::uint64_t RecoveryOperations(const Case& c) {
+  const RunResult full = Recover(c, kSmallGroups + "BYTETURN_POWERCUT=1000000");
+  EXPECT_EQ(full.status, 0) << full.out << full.err;
+  return OperationsOf(full);
+}
+
+void Restore(const Case& c, const Snapshot& snapshot) {
+  for (std::size_t v = 0; v < c.files.size(); ++v) {
+    fs::remove(c.files[v]);
+    WriteBytes(c.files[v], 0, snapshot.files[v]);
+  }
+  fs::remove(c.journal);
+  WriteBytes(c.journal, 0, snapshot.journal);
+}
+
+}  // namespace
+
+// A backup of the database from before the run copied over the main file (same file) or in as a
+// new file: byteturn and byteturn-check refuse it while the journal is there, and the recovery
+// refuses it with nothing changed, telling it as the database before the run; done as it says,
+// byteturn converts it. Files and journal from two points of one run (a recovery cut further on):
+// either way round, refused with nothing changed.
+TEST(Journal, FilesOrAJournalPutBackFromAnotherTimeAreRefused) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  for (const bool newFile : {false, true}) {
+    SCOPED_TRACE(newFile ? "the backup copied in as a new file" : "the backup copied over the file");
+    CutHalfway(c);
+    if (newFile) fs::remove(c.files[0]);
+    CopyFiles(c.pristine, c.files);
+    const Snapshot before = Take(c);
+    for (const std::string& exe : {UnderTest().exe, UnderTest().checkExe}) {
+      fs::remove(c.lock);
+      const RunResult refused = Convert(c, exe, "");
+      EXPECT_EQ(refused.status, 1);
+      EXPECT_NE(refused.err.find("finish it with byteturn-recover ORVA.DAT."), std::string::npos) << refused.err;
+    }
+    WriteBytes(c.lock, 0, {'\t', 's', 'e', 'a', 'l', 't', 'u', 'r', 'n'});
+    const RunResult r = Recover(c);
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.err.find("byteturn-recover: ORVA.DAT is not as the interrupted run left it: block #"), std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find(", the label block among them) holds what it held before the run, as in a database restored "
+                         "from a backup taken before it: if that is what it is, remove the journal ORVA.DAT.journal and "
+                         "the lock " + Shown(c.lock) + " and run byteturn again. Nothing was changed."),
+              std::string::npos)
+        << r.err;
+    ExpectUnchanged(c, before);
+    fs::remove(c.journal);
+    fs::remove(c.lock);
+    const RunResult again = Convert(c, UnderTest().exe, "");
+    EXPECT_EQ(again.status, 0) << again.out << again.err;
+    ExpectTwin(c);
+  }
+  // One run: cut halfway (a), then its recovery cut three quarters on (b).
+  CutHalfway(c);
+  const Snapshot a = Take(c);
+  const std::uint64_t operations = RecoveryOperations(c);
+  Restore(c, a);
+  const RunResult cut = Recover(c, kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(operations * 3 / 4) + ":5");
+  ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+  const Snapshot b = Take(c);
+  const auto mixed = [](const Snapshot& files, const Snapshot& journal) { return Snapshot{files.files, journal.journal}; };
+  for (const auto& [name, snapshot, told] :
+       {std::tuple{"the files rolled back", mixed(a, b), std::string(" is not as the interrupted run left it")},
+        std::tuple{"the journal rolled back", mixed(b, a), std::string("byteturn-recover: the journal ORVA.DAT.journal is "
+                                                                       "older than ORVA.DAT: the run went on past it")}}) {
+    SCOPED_TRACE(name);
+    Restore(c, snapshot);
+    const RunResult r = Recover(c);
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.err.find(told), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Nothing was changed."), std::string::npos) << r.err;
+    ExpectUnchanged(c, snapshot);
+  }
+  Restore(c, b);
+  FinishAndExpectTwin(c);
+}
+
+// Two databases, both ORVA.DAT, journaled in one directory and cut at the same time: each has its
+// own journal there, and each recovery gives its own twin. A run of one beside the other's
+// journal goes on, and leaves that journal as it was.
+TEST(Journal, DatabasesThatShareAJournalDirectoryKeepTheirOwn) {
+  Scratch s, t;
+  gendb::Params second = Rich();
+  second.seed = 77;
+  const Case a = Prepare(s, Rich()), b = Prepare(t, second);
+  fs::create_directories(s.Path("journals"));
+  const std::string shared = "BYTETURN_JOURNAL='" + Shown(s.Path("journals")) + "' ";
+  std::uint64_t operations[2];
+  for (int k = 0; k < 2; ++k) {
+    const Case& c = k == 0 ? a : b;
+    operations[k] = OperationsOf(Convert(c, UnderTest().faultsExe, shared + kSmallGroups + "BYTETURN_POWERCUT=1000000"));
+    Reset(c);
+  }
+  auto cutA = std::async(std::launch::async, [&] {
+    return Convert(a, UnderTest().faultsExe, shared + kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(operations[0] / 2) + ":1");
+  });
+  const RunResult cutB =
+      Convert(b, UnderTest().faultsExe, shared + kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(operations[1] / 2) + ":2");
+  ASSERT_EQ(cutA.get().status, 99);
+  ASSERT_EQ(cutB.status, 99) << cutB.out << cutB.err;
+  std::vector<std::string> journals;
+  for (const auto& entry : fs::directory_iterator(s.Path("journals"))) journals.push_back(entry.path().string());
+  ASSERT_EQ(journals.size(), 2u);
+  std::sort(journals.begin(), journals.end());
+  const std::vector<std::uint8_t> journalB[2] = {ReadBytes(journals[0]), ReadBytes(journals[1])};
+  const RunResult r = Recover(a, shared);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  fs::remove(a.lock);
+  ExpectTwin(a);
+  const std::size_t left = Exists(journals[0]) ? 0 : 1;
+  ASSERT_TRUE(Exists(journals[left]) && !Exists(journals[1 - left]));
+  Reset(a);
+  const RunResult again = Convert(a, UnderTest().exe, shared);  // beside b's journal
+  EXPECT_EQ(again.status, 0) << again.out << again.err;
+  ExpectTwin(a);
+  EXPECT_TRUE(ReadBytes(journals[left]) == journalB[left]);
+  const RunResult rb = Recover(b);  // found through b's mark
+  EXPECT_EQ(rb.status, 0) << rb.out << rb.err;
+  fs::remove(b.lock);
+  ExpectTwin(b);
+}
+
+// The main file moved to another directory as a new file (as to another disk), and the commands
+// typed in a new shell without BYTETURN_JOURNAL, from another directory: byteturn and
+// byteturn-check refuse it, naming the journal; the recovery finds the journal and finishes, and
+// removes the lock the run left beside the old place. A volume set's recovery from another
+// directory finds its volumes.
+TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  fs::create_directories(s.Path("elsewhere"));
+  fs::create_directories(s.Path("moved"));
+  const std::string elsewhere = "BYTETURN_JOURNAL='" + Shown(s.Path("elsewhere")) + "' ";
+  const RunResult whole = Convert(c, UnderTest().faultsExe, elsewhere + kSmallGroups + "BYTETURN_POWERCUT=1000000");
+  Reset(c);
+  ASSERT_EQ(Convert(c, UnderTest().faultsExe,
+                    elsewhere + kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(OperationsOf(whole) / 2) + ":6")
+                .status,
+            99);
+  const std::string moved = s.Path("moved/ORVA.DAT");
+  fs::copy_file(c.files[0], moved);
+  fs::remove(c.files[0]);
+  for (const std::string& exe : {UnderTest().exe, UnderTest().checkExe}) {
+    const RunResult refused = RunByteturn({"ORVA.DAT"}, "", s.Path("moved"), exe);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("An interrupted conversion left its journal " + Shown(s.Path("elsewhere/ORVA.DAT."))),
+              std::string::npos)
+        << refused.err;
+  }
+  const RunResult r = RecoverAt(c, s.dir, "moved/ORVA.DAT");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_FALSE(Exists(c.lock)) << "the lock the run took";
+  EXPECT_TRUE(fs::is_empty(s.Path("elsewhere")));
+  fs::rename(moved, c.files[0]);
+  ExpectTwin(c);
+
+  Scratch t;
+  gendb::Params set = Rich();
+  set.lastBlock = 1000;
+  set.volumeSet.volumes = 2;
+  set.volumeSet.directories = {"more/"};
+  set.volumeSet.storedList = {"more/"};
+  set.volumeSet.placement = {1, 0};
+  const Case v = Prepare(t, set);
+  CutHalfway(v);
+  const RunResult rv = RecoverAt(v, t.dir, "db/ORVA.DAT");
+  EXPECT_EQ(rv.status, 0) << rv.out << rv.err;
+  ExpectTwin(v);
+}
+
+// A run cut before its first write leaves its lock, and maybe the journal it was making: the
+// recovery removes them and says so, and byteturn then converts the database. A recovery under a
+// new name of the main file removes the lock the run took under the old one.
+TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  // Whether the lock and the journal being made stay depends on the seed (their names were not
+  // flushed): cuts at the first writes with several seeds leave them now and then.
+  bool removed = false;
+  for (std::uint64_t n = 1; n <= 3; ++n)
+    for (int seed = 0; seed < 3; ++seed) {
+      SCOPED_TRACE("cut at " + std::to_string(n) + ", seed " + std::to_string(seed));
+      Reset(c);
+      ASSERT_EQ(Convert(c, UnderTest().faultsExe,
+                        kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(seed))
+                    .status,
+                99);
+      if (Exists(c.journal)) {
+        FinishAndExpectTwin(c);
+        continue;
+      }
+      ASSERT_TRUE(FilesEqual(c.files, c.pristine));
+      bool left = Exists(c.lock);
+      for (const auto& entry : fs::directory_iterator(c.dir)) left |= entry.path().string().ends_with(".new");
+      const RunResult r = Recover(c);
+      EXPECT_EQ(r.status, left ? 0 : 1) << r.out << r.err;
+      EXPECT_EQ(r.err.find("removed what it left: ") != std::string::npos, left) << r.err;
+      removed |= left;
+      EXPECT_FALSE(Exists(c.lock));
+      for (const auto& entry : fs::directory_iterator(c.dir)) EXPECT_FALSE(entry.path().string().ends_with(".new"));
+      const RunResult again = Convert(c, UnderTest().exe, "");
+      EXPECT_EQ(again.status, 0) << again.out << again.err;
+      ExpectTwin(c);
+    }
+  EXPECT_TRUE(removed) << "no cut left anything to remove";
+  CutHalfway(c);
+  fs::rename(c.files[0], s.Path("db/OTHER.DAT"));
+  const RunResult r = RunByteturn({"OTHER.DAT"}, c.answers, c.dir, UnderTest().recoverExe);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_FALSE(Exists(c.lock));
+  fs::rename(s.Path("db/OTHER.DAT"), c.files[0]);
   ExpectTwin(c);
 }

@@ -135,14 +135,16 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
   std::string text = file + " is not as the interrupted run left it: block #" +
                      std::to_string(BlockAt(differs->volume, differs->position, size)) +
                      " holds other bytes than the run wrote there.";
+  const std::string& lock = found.header.lockPath;
+  const std::string remove = "remove the journal " + path +
+                             (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string());
   if (asBefore == sampled)
     text += " Every block the journal sampled (" + std::to_string(sampled) +
             ", the label block among them) holds what it held before the run, as in a database restored from a "
-            "backup taken before it: if that is what it is, remove the journal " + path +
-            " and run byteturn again.";
+            "backup taken before it: if that is what it is, " + remove + " and run byteturn again.";
   else
     text += " Put back the files as the run left them; or restore the whole database from a backup taken before "
-            "the run, remove the journal " + path + " and run byteturn again.";
+            "the run, " + remove + " and run byteturn again.";
   Refuse(text + " Nothing was changed.");
 }
 
