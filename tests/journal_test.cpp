@@ -8,6 +8,7 @@
 #include <future>
 #include <functional>
 #include <random>
+#include <set>
 
 #include "journal_format.h"
 #include "run.h"
@@ -269,6 +270,103 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
   undo[codes + 1] = 0x03, undo[codes] = 0xFF;
   EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
+}
+
+// The checksum takes every byte it is given: the last ones of a length that is not a multiple of
+// 32, which wait for a lane that never fills, as much as the others, and the same whichever
+// pieces they come in. So a header, a commit sector or a last record changed in any byte, its last
+// one included, is refused.
+TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
+  namespace j = bt::journal;
+  std::mt19937_64 rng(3);
+  for (std::size_t size = 0; size <= 100; ++size) {
+    SCOPED_TRACE(std::to_string(size) + " bytes");
+    std::vector<std::uint8_t> bytes(size + 1);
+    for (auto& b : bytes) b = static_cast<std::uint8_t>(rng());
+    const std::uint64_t sum = j::ChecksumOf(bytes.data(), size);
+    std::string splits, unseen;  // where two pieces give another sum; bytes changed unseen
+    for (std::size_t split = 0; split <= size; ++split) {
+      j::Checksum pieces;
+      pieces.Add(bytes.data(), split);
+      pieces.Add(bytes.data() + split, size - split);
+      if (pieces.Value() != sum) splits += " " + std::to_string(split);
+    }
+    for (std::size_t at = 0; at < size; ++at) {
+      bool seen = true;
+      for (std::uint8_t flip : {std::uint8_t{0x01}, std::uint8_t{0x80}}) {
+        bytes[at] ^= flip;
+        seen = seen && j::ChecksumOf(bytes.data(), size) != sum;
+        bytes[at] ^= flip;
+      }
+      if (!seen) unseen += " " + std::to_string(at);
+    }
+    EXPECT_EQ(splits, "") << "in two pieces split at these";
+    EXPECT_EQ(unseen, "") << "changed, these bytes leave the sum as it was";
+    EXPECT_NE(j::ChecksumOf(bytes.data(), size + 1), sum) << "a byte more";
+  }
+
+  // A header whose content ends at every place of a 32-byte lane, its last byte changed.
+  j::Header header;
+  header.runId = 0x5EED;
+  header.volumes.push_back({0, 1, {7, 9}});
+  for (std::size_t name = 0; name < 32; ++name) {
+    header.mainFile.assign(name, 'd');
+    std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
+    j::Header back;
+    std::string why;
+    ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
+    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the main file's identity
+    EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << "main file name of " << name;
+    EXPECT_EQ(why, "its header is damaged");
+  }
+
+  // A commit sector: 48 bytes of content, the last 16 of them the record's size and checksum.
+  std::uint8_t sector[j::kCommitBytes];
+  j::EncodeCommit({0x5EED, 1, j::kRecordsOffset, 4000, 0xABCDEF}, sector);
+  j::Commit commit;
+  ASSERT_TRUE(j::DecodeCommit(sector, commit));
+  for (std::size_t at : {32u, 40u, 47u}) {
+    sector[at] ^= 1;
+    EXPECT_FALSE(j::DecodeCommit(sector, commit)) << "commit byte " << at << " changed";
+    sector[at] ^= 1;
+  }
+
+  // A journal whose last record is changed in its last byte, a byte of a word stored as it was:
+  // records of sizes that end at every fourth place of a lane.
+  header.mainFile = "ORVA.DAT";
+  const std::vector<std::uint8_t> headerBytes = j::EncodeHeader(header);
+  std::vector<std::uint8_t> before(4096), after(4096), undo(j::MaxUndoBytes(4096));
+  for (auto& b : before) b = static_cast<std::uint8_t>(rng());
+  after = before;
+  std::reverse(after.begin() + 8, after.begin() + 16);
+  std::reverse(after.begin() + 24, after.begin() + 32);
+  undo.resize(j::EncodeUndo(before.data(), after.data(), 4096, undo.data()));
+  std::set<std::size_t> ends;
+  for (std::uint32_t maps = 0; maps < 8; ++maps) {
+    j::RecordHead head{0x5EED, 1, 4096, 2, {3, std::vector<std::uint32_t>(maps, 3)}, {{0, 1, 4096}}};
+    std::vector<std::uint8_t> record = j::EncodeRecordHead(head);
+    record.insert(record.end(), undo.begin(), undo.end());
+    ends.insert(record.size() % 32);
+    std::vector<std::uint8_t> journal(j::kRecordsOffset + record.size());
+    std::copy(headerBytes.begin(), headerBytes.end(), journal.begin());
+    j::EncodeCommit({0x5EED, 0, 0, 0, 0}, journal.data() + j::kCommitOffset);
+    j::EncodeCommit({0x5EED, 1, j::kRecordsOffset, record.size(), j::ChecksumOf(record.data(), record.size())},
+                    journal.data() + j::kCommitOffset + j::kCommitBytes);
+    std::copy(record.begin(), record.end(), journal.begin() + j::kRecordsOffset);
+    const auto read = [&](std::uint64_t at, std::uint8_t* to, std::size_t n) {
+      if (at > journal.size() || n > journal.size() - at) return false;
+      std::copy_n(journal.begin() + static_cast<std::ptrdiff_t>(at), n, to);
+      return true;
+    };
+    j::Found found;
+    std::string why;
+    ASSERT_TRUE(j::ReadJournal(read, journal.size(), found, why)) << why;
+    EXPECT_EQ(found.head.resumeBlock, 2u);
+    journal.back() ^= 1;
+    EXPECT_FALSE(j::ReadJournal(read, journal.size(), found, why)) << "a record of " << record.size() << " bytes";
+    EXPECT_EQ(why, "its last record is damaged");
+  }
+  EXPECT_EQ(ends.size(), 8u) << "records end at eight places of a lane";
 }
 
 // The power goes at a write, flush or rename of a run: what was not flushed is lost, kept or torn
