@@ -50,14 +50,6 @@ Compared CheckBesideRun(const Scratch& s, const gendb::Params& p, std::vector<st
   return c;
 }
 
-// Output with the addresses that some messages show ("bbuf=0x...") blotted out: they are the
-// process's own.
-std::string WithoutAddresses(std::string out) {
-  for (std::size_t at = out.find("=0x"); at != std::string::npos; at = out.find("=0x", at + 1))
-    for (std::size_t i = at + 3; i < at + 19 && i < out.size(); ++i) out[i] = '#';
-  return out;
-}
-
 // The check printed byteturn's lines without its final one, then one verdict line beginning with
 // verdict; every file of the check is as it was, and it left no lock.
 void ExpectSameRunAndFilesKept(const Compared& c, const std::string& verdict, int status) {

@@ -39,6 +39,7 @@ struct Case {
   std::vector<std::string> files, pristine, twin;
   std::string dir, journal, lock;
   std::string keyfile;
+  std::string out;  // what the uninterrupted run prints
 };
 
 // The answers to byteturn's questions about params, whose keyfile (if any) is at keyfile.
@@ -75,7 +76,7 @@ void Reset(const Case& c) {
 }
 
 Case Prepare(const Scratch& s, const gendb::Params& p, const std::function<void(const std::string&)>& prepare = {}) {
-  Case c{p, "", {}, {}, {}, s.Path("db"), s.Path("db/ORVA.DAT.journal"), s.Path("db/orva.lck"), s.Path("k.key")};
+  Case c{p, "", {}, {}, {}, s.Path("db"), s.Path("db/ORVA.DAT.journal"), s.Path("db/orva.lck"), s.Path("k.key"), ""};
   if (!p.databaseKey.empty()) {
     const std::string version = p.keyId == "two" ? "2.0" : "1.0";
     EXPECT_EQ(gendb::WriteKeyfile(c.keyfile, version, p.keyId, "admin", "pw", p.databaseKey), "");
@@ -94,6 +95,7 @@ Case Prepare(const Scratch& s, const gendb::Params& p, const std::function<void(
   const RunResult whole = Convert(c, UnderTest().exe, "");
   EXPECT_EQ(whole.status, 0) << whole.out << whole.err;
   EXPECT_FALSE(Exists(c.journal)) << "a completed run removes its journal";
+  c.out = WithoutAddresses(whole.out);
   if (!prepare) {
     Generate(TwinOf(p), s.Path("generated/ORVA.DAT"));
     const std::uint32_t size = gendb::GeometryFor(p.sizeCode).blockSize;
@@ -113,19 +115,34 @@ void ExpectTwin(const Case& c) {
   EXPECT_FALSE(Exists(c.lock));
 }
 
+// After the line that tells where it resumes, the recovery prints the lines that the
+// uninterrupted run printed from that block on, and no others. A resume point before the first
+// block that the last record's group wrote would convert a block again: a block converted twice
+// changes, or, where its header no longer makes sense, shows as a bad block that the run did not
+// have.
+void ExpectTheRunsLinesFromTheResumePoint(const Case& c, const std::string& recovered) {
+  const std::string out = WithoutAddresses(recovered);
+  const std::size_t resuming = out.find("\r\nResuming the interrupted conversion at block #");
+  ASSERT_NE(resuming, std::string::npos) << out;
+  const std::string rest = out.substr(out.find("\r\n", resuming + 2) + 2);
+  EXPECT_TRUE(c.out.ends_with(rest)) << "the recovery printed:\n" << out << "\nthe uninterrupted run:\n" << c.out;
+}
+
 // After a run ended anywhere: the recovery (or, where the run left no journal, byteturn again)
-// gives the twin.
+// gives the twin, and prints the rest of the run's lines.
 void FinishAndExpectTwin(const Case& c) {
   if (Exists(c.journal)) {
     const RunResult r = Recover(c);
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("Done converting to "), std::string::npos) << r.out;
+    ExpectTheRunsLinesFromTheResumePoint(c, r.out);
   } else if (!FilesEqual(c.files, c.twin)) {
     // No journal: nothing was written yet, or everything was and the journal went at the end.
     ASSERT_TRUE(FilesEqual(c.files, c.pristine)) << "database files written without a journal";
     fs::remove(c.lock);
     const RunResult r = Convert(c, UnderTest().exe, "");
     EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(WithoutAddresses(r.out), c.out);
   }
   fs::remove(c.lock);  // a run cut before its end leaves its lock, which the recovery does not need
   ExpectTwin(c);

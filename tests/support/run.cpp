@@ -125,6 +125,12 @@ void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t v, bo
 
 bool Exists(const std::string& path) { return fs::exists(path); }
 
+std::string WithoutAddresses(std::string out) {
+  for (std::size_t at = out.find("=0x"); at != std::string::npos; at = out.find("=0x", at + 1))
+    for (std::size_t i = at + 3; i < at + 19 && i < out.size(); ++i) out[i] = '#';
+  return out;
+}
+
 std::string ScratchFileName(const std::string& what) {
   // Without the process token: a death test's child (a new process on Windows) must find it.
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();

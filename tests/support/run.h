@@ -68,6 +68,10 @@ void PatchU16(const std::string& path, std::uint64_t offset, std::uint16_t value
 void PatchU32(const std::string& path, std::uint64_t offset, std::uint32_t value, bool big);
 bool Exists(const std::string& path);
 
+// Output with the addresses that some messages show ("bbuf=0x...") blotted out: they are the
+// process's own.
+std::string WithoutAddresses(std::string out);
+
 // What byteturn shows for a file that ends before the bytes it needs.
 inline std::string EndOfFileError() { return ErrorShown(Codes().endOfFile); }
 
