@@ -799,6 +799,31 @@ TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
   EXPECT_TRUE(FilesEqual(c.files, c.pristine));
 }
 
+// A group's limit halves while its flushes cost little against the time the group took to
+// gather (in memory), but never below its floor of 1 MiB: a run left to choose its limit makes no
+// more writes and flushes than one whose groups are held at the floor (where flushes cost much,
+// fewer). A limit let below its floor would make the groups ever smaller, each with its record and
+// its three flushes. The scratch directory is in memory unless TMPDIR names another.
+TEST(Journal, GroupsDoNotShrinkBelowTheirFloor) {
+  Scratch s;
+  gendb::Params p;
+  p.seed = 23;
+  p.lastBlock = 1500;  // 12 MiB of 8192-byte blocks: about ten groups at the floor
+  Generate(p, s.Path("pristine.dat"));
+  fs::create_directories(s.Path("db"));
+  std::uint64_t operations[2] = {};
+  const std::string limits[] = {"", "BYTETURN_GROUP_BYTES=1048576 "};
+  for (int k = 0; k < 2; ++k) {
+    fs::copy_file(s.Path("pristine.dat"), s.Path("db/ORVA.DAT"), fs::copy_options::overwrite_existing);
+    const RunResult r =
+        RunByteturn({"-t", "ORVA.DAT"}, "", s.Path("db"), UnderTest().faultsExe, limits[k] + "BYTETURN_POWERCUT=1000000");
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    operations[k] = OperationsOf(r);
+  }
+  EXPECT_GT(operations[1], 0u);
+  EXPECT_LE(operations[0], operations[1]) << "writes, flushes and renames: the run's own limit, then the floor held";
+}
+
 // A volume set's recovery opens its volumes where the run found them, without asking; a volume
 // that is missing, or another file in its place, is named, and nothing changes.
 TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
