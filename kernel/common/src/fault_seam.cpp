@@ -79,6 +79,12 @@ bool Matches(const Entry& e, const std::string& op, const std::string& path) {
   return e.op == op && path.size() >= e.name.size() && path.compare(path.size() - e.name.size(), e.name.size(), e.name) == 0;
 }
 
+// Paths are recorded whole: a later process, started in another directory, finds the same files.
+std::string Absolute(const std::string& path) {
+  const std::string full = platform::FullPathName(path, 4096);
+  return full.empty() ? path : full;
+}
+
 std::string PathOf(File file) {
   const auto it = Paths().find(file);
   return it == Paths().end() ? std::string() : it->second;
@@ -102,7 +108,7 @@ Fault BeforeOpen(const std::string& path, bool writing) {
 
 void NoteOpened(File file, const std::string& path) {
   const Held serial(SeamLock());
-  Paths()[file] = path;
+  Paths()[file] = Absolute(path);
 }
 void NoteClosed(File file) {
   const Held serial(SeamLock());
@@ -124,7 +130,7 @@ Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_
   return Fault::kNone;
 }
 
-// The simulated power cut.
+// The simulated power cut and kill, and the page cache that processes hand on to the next.
 namespace {
 struct PendingWrite {
   std::string path;
@@ -135,36 +141,130 @@ struct PendingWrite {
 enum class NameChange { kCreated, kRenamed, kRemoved };
 struct PendingName {
   NameChange change;
-  std::string from, to;
+  std::string from, to;  // a removal: to is the name the file is held under
 };
 constexpr char kHeldSuffix[] = ".removal-held";
 
 struct PowerCut {
   std::uint64_t at = 0, seed = 0, operations = 0;
-  bool cutting = false;
-  std::vector<PendingWrite> writes;
+  bool kill = false;         // at the Nth operation the process is killed instead
+  bool flushesOnly = false;  // only flushes are counted
+  bool cutting = false;      // the seam's own file operations are not recorded
+  bool ended = false;        // the process is ending: nothing more is recorded
+  std::string ledger;        // where the pending writes and names pass to the next process
+  std::vector<PendingWrite> writes;  // the oldest first, those of earlier processes before ours
   std::vector<PendingName> names;
 };
 
-void TellOperations();
+void AtExit();
+void LoadLedger(PowerCut& cut);
 
+// Left alive at exit: the exit handler and the writer thread still use it.
 PowerCut& Cut() {
-  static PowerCut cut = [] {
-    PowerCut c;
+  static PowerCut& cut = []() -> PowerCut& {
+    PowerCut& c = *new PowerCut;
     if (const char* text = std::getenv("BYTETURN_POWERCUT")) {
       const std::vector<std::string> f = Split(text, ':');
       c.at = std::strtoull(f[0].c_str(), nullptr, 10);
       if (f.size() > 1) c.seed = std::strtoull(f[1].c_str(), nullptr, 10);
-      if (c.at != 0) std::atexit(TellOperations);
+      c.kill = f.size() > 2 && f[2] == "kill";
     }
+    if (const char* counts = std::getenv("BYTETURN_POWERCUT_COUNTS")) c.flushesOnly = std::string(counts) == "flushes";
+    if (const char* ledger = std::getenv("BYTETURN_PAGECACHE")) c.ledger = ledger;
+    if (!c.ledger.empty()) LoadLedger(c);
+    if (c.at != 0 || !c.ledger.empty()) std::atexit(AtExit);
     return c;
   }();
   return cut;
 }
 
-void TellOperations() { std::fprintf(stderr, "operations %llu\n", static_cast<unsigned long long>(Cut().operations)); }
+bool Recording() { return (Cut().at != 0 || !Cut().ledger.empty()) && !Cut().cutting && !Cut().ended; }
 
-bool Recording() { return Cut().at != 0 && !Cut().cutting; }
+// The ledger: per entry a line of words, then its strings' bytes.
+//   write POSITION SIZE PATH-BYTES OLD-BYTES\n PATH OLD
+//   name CHANGE FROM-BYTES TO-BYTES\n FROM TO          (CHANGE: 0 created, 1 renamed, 2 removed)
+[[noreturn]] void LedgerUnreadable(const std::string& path) {
+  std::fprintf(stderr, "the page cache ledger %s cannot be read\n", path.c_str());
+  std::fflush(stderr);
+  std::_Exit(97);
+}
+
+void LoadLedger(PowerCut& cut) {
+  std::FILE* file = std::fopen(cut.ledger.c_str(), "rb");
+  if (file == nullptr) return;  // none yet: nothing pending
+  std::string text;
+  char buffer[65536];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) != 0;) text.append(buffer, n);
+  std::fclose(file);
+  std::size_t at = 0;
+  const auto number = [&] {
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(text.c_str() + at, &end, 10);
+    if (end == text.c_str() + at) LedgerUnreadable(cut.ledger);
+    at = static_cast<std::size_t>(end - text.c_str());
+    return static_cast<std::uint64_t>(value);
+  };
+  const auto bytes = [&](std::uint64_t size) {
+    if (size > text.size() - at) LedgerUnreadable(cut.ledger);
+    const std::string taken = text.substr(at, static_cast<std::size_t>(size));
+    at += static_cast<std::size_t>(size);
+    return taken;
+  };
+  while (at < text.size()) {
+    const std::size_t space = text.find(' ', at);
+    if (space == std::string::npos) LedgerUnreadable(cut.ledger);
+    const std::string kind = text.substr(at, space - at);
+    at = space;
+    if (kind == "write") {
+      PendingWrite w;
+      w.position = number();
+      w.size = static_cast<std::size_t>(number());
+      const std::uint64_t pathBytes = number(), oldBytes = number();
+      if (bytes(1) != "\n") LedgerUnreadable(cut.ledger);
+      w.path = bytes(pathBytes);
+      const std::string old = bytes(oldBytes);
+      w.old.assign(old.begin(), old.end());
+      cut.writes.push_back(std::move(w));
+    } else if (kind == "name") {
+      const std::uint64_t change = number(), fromBytes = number(), toBytes = number();
+      if (change > 2 || bytes(1) != "\n") LedgerUnreadable(cut.ledger);
+      const std::string from = bytes(fromBytes);
+      cut.names.push_back({static_cast<NameChange>(change), from, bytes(toBytes)});
+    } else {
+      LedgerUnreadable(cut.ledger);
+    }
+  }
+}
+
+// Writes the ledger afresh with what is pending now; none left, no ledger. A write to a file
+// without a name (a temporary file) goes with the process.
+void SaveLedger() {
+  const PowerCut& cut = Cut();
+  if (cut.writes.empty() && cut.names.empty()) {
+    std::remove(cut.ledger.c_str());
+    return;
+  }
+  std::FILE* file = std::fopen(cut.ledger.c_str(), "wb");
+  if (file == nullptr) {
+    std::fprintf(stderr, "the page cache ledger %s cannot be written\n", cut.ledger.c_str());
+    return;
+  }
+  for (const PendingWrite& w : cut.writes) {
+    if (w.path.empty()) continue;
+    std::fprintf(file, "write %llu %llu %llu %llu\n", static_cast<unsigned long long>(w.position),
+                 static_cast<unsigned long long>(w.size), static_cast<unsigned long long>(w.path.size()),
+                 static_cast<unsigned long long>(w.old.size()));
+    std::fwrite(w.path.data(), 1, w.path.size(), file);
+    std::fwrite(w.old.data(), 1, w.old.size(), file);
+  }
+  for (const PendingName& n : cut.names) {
+    std::fprintf(file, "name %d %llu %llu\n", static_cast<int>(n.change), static_cast<unsigned long long>(n.from.size()),
+                 static_cast<unsigned long long>(n.to.size()));
+    std::fwrite(n.from.data(), 1, n.from.size(), file);
+    std::fwrite(n.to.data(), 1, n.to.size(), file);
+  }
+  std::fclose(file);
+}
 
 void Overwrite(File file, std::uint64_t from, const unsigned char* bytes, std::size_t size) {
   if (size != 0) platform::WriteAt(file, bytes, size, from);
@@ -201,31 +301,62 @@ void Revert(File file, const PendingWrite& w, std::uint64_t from, std::uint64_t 
     if (n->change == NameChange::kRenamed && undone) platform::RenameFile(n->to, n->from);
     if (n->change == NameChange::kRemoved) {
       if (undone)
-        platform::RenameFile(n->from + kHeldSuffix, n->from);
+        platform::RenameFile(n->to, n->from);
       else
-        platform::RemoveFile(n->from + kHeldSuffix);
+        platform::RemoveFile(n->to);
     }
   }
+  if (!cut.ledger.empty()) std::remove(cut.ledger.c_str());  // the page cache is gone
   std::fputs("power cut\n", stderr);
   std::fflush(stderr);
   std::_Exit(99);
 }
 
-// Counts an operation; true when the power goes at it.
-bool CutsHere() { return Recording() && ++Cut().operations == Cut().at; }
-
+// The removals held since the last directory flush are made.
 void ForgetHeldRemovals() {
   PowerCut& cut = Cut();
   cut.cutting = true;
   for (const PendingName& n : cut.names)
-    if (n.change == NameChange::kRemoved) platform::RemoveFile(n.from + kHeldSuffix);
+    if (n.change == NameChange::kRemoved) platform::RemoveFile(n.to);
   cut.cutting = false;
+}
+
+// The process ends without a power cut: what it did not flush stays in the page cache. With a
+// ledger the next process takes it over, held removals still held, for a later cut to undo or
+// make; without one nothing can lose it any more, and held removals are made, as a directory
+// flush would. The seam's lock is kept from here on: another thread's write after the ledger is
+// written would be missing from it.
+void EndWithoutCut() {
+  SeamLock().lock();
+  PowerCut& cut = Cut();
+  if (cut.ended) return;
+  if (cut.ledger.empty())
+    ForgetHeldRemovals();
+  else
+    SaveLedger();
+  cut.ended = true;
+}
+
+void AtExit() {
+  if (Cut().at != 0) std::fprintf(stderr, "operations %llu\n", static_cast<unsigned long long>(Cut().operations));
+  EndWithoutCut();
+}
+
+// Counts an operation (a flush or not); true when the power goes at it. A planned kill ends the
+// process here.
+bool CutsHere(bool flush) {
+  if (!Recording() || (Cut().flushesOnly && !flush) || ++Cut().operations != Cut().at) return false;
+  if (!Cut().kill) return true;
+  EndWithoutCut();
+  std::fputs("killed\n", stderr);
+  std::fflush(stderr);
+  std::_Exit(98);
 }
 }  // namespace
 
 Fault BeforeSync(File file) {
   const Held serial(SeamLock());
-  if (CutsHere()) CutPower();
+  if (CutsHere(true)) CutPower();
   if (Recording()) {
     const std::string path = PathOf(file);
     std::erase_if(Cut().writes, [&](const PendingWrite& w) { return w.path == path; });
@@ -236,7 +367,7 @@ Fault BeforeSync(File file) {
 void NoteCreated(File file, const std::string& path) {
   const Held serial(SeamLock());
   if (file != kInvalidFile) NoteOpened(file, path);
-  if (Recording()) Cut().names.push_back({NameChange::kCreated, path, ""});
+  if (Recording()) Cut().names.push_back({NameChange::kCreated, Absolute(path), ""});
 }
 
 void BeforeWrite(File file, std::uint64_t position, std::size_t size) {
@@ -252,34 +383,38 @@ void BeforeWrite(File file, std::uint64_t position, std::size_t size) {
 
 void AfterWrite() {
   const Held serial(SeamLock());
-  if (CutsHere()) CutPower();
+  if (CutsHere(false)) CutPower();
 }
 
 void NoteRenamed(const std::string& from, const std::string& to) {
   const Held serial(SeamLock());
   if (!Recording()) return;
-  Cut().names.push_back({NameChange::kRenamed, from, to});
+  const std::string whole = Absolute(from), wholeTo = Absolute(to);
+  Cut().names.push_back({NameChange::kRenamed, whole, wholeTo});
   for (PendingWrite& w : Cut().writes)
-    if (w.path == from) w.path = to;
-  if (CutsHere()) CutPower();
+    if (w.path == whole) w.path = wholeTo;
+  if (CutsHere(false)) CutPower();
 }
 
+// The file is renamed aside, under a name no other held file has (a file removed in an earlier
+// process may be held still).
 bool RemoveHeld(const std::string& path) {
   const Held serial(SeamLock());
   if (!Recording()) return false;
+  const std::string whole = Absolute(path);
+  std::string held = whole + kHeldSuffix;
+  for (int k = 2; platform::FileExists(held); ++k) held = whole + kHeldSuffix + std::to_string(k);
   Cut().cutting = true;
-  const bool held = platform::RenameFile(path, path + kHeldSuffix);
+  const bool moved = platform::RenameFile(path, held);
   Cut().cutting = false;
-  if (!held) return false;
-  static const bool forgetAtExit = std::atexit(ForgetHeldRemovals) == 0;
-  (void)forgetAtExit;
-  Cut().names.push_back({NameChange::kRemoved, path, ""});
+  if (!moved) return false;
+  Cut().names.push_back({NameChange::kRemoved, whole, held});
   return true;
 }
 
 void NoteDirectorySynced() {
   const Held serial(SeamLock());
-  if (CutsHere()) CutPower();
+  if (CutsHere(true)) CutPower();
   if (!Recording()) return;
   ForgetHeldRemovals();
   Cut().names.clear();

@@ -23,8 +23,24 @@
 // not), and every name created, renamed or removed since the last directory flush stays or goes
 // back, each as the seed decides; then the process ends at once (status 99, "power cut" on
 // standard error), without any cleanup.
-// A run with a power cut planned that ends before it prints "operations N" (those counted) on
-// standard error at its end.
+// BYTETURN_POWERCUT=N:seed:kill kills the process there instead: it ends at once (status 98,
+// "killed" on standard error), reverting nothing; what it did not flush stays in the page cache.
+// A run with a power cut or kill planned that ends before it prints "operations N" (those
+// counted) on standard error at its end.
+// BYTETURN_POWERCUT_COUNTS=flushes counts only flushes (of files and of directories), for N and
+// for "operations N".
+// BYTETURN_PAGECACHE=path names a ledger of the page cache, which hands what is not durable yet
+// from one process to the next, as the processes of one machine share its page cache: each
+// write not flushed (its file's whole path, its position, the bytes it replaced) and each name
+// change not made durable (a removal is held, the file renamed aside, until the directory is
+// flushed). A process loads the ledger when it first writes, flushes or changes a name, the
+// entries pending before its own; a flush of a file drops that file's entries whoever made them
+// (renames followed), a directory flush every name change. A power cut then loses, keeps or
+// tears the earlier processes' writes and keeps or undoes their name changes too, the newest
+// first, and removes the ledger; a process that ends otherwise (done, failed, killed) writes in
+// it what is still pending, its held removals still held. Without a ledger a process's unflushed
+// writes are kept when it ends without a cut, and its held removals are made. A ledger that
+// cannot be read ends the process at once (status 97).
 // BYTETURN_GROUP_BYTES sets the bytes of writes a journaled run holds per group.
 // BYTETURN_RECORD_BY_RUN=1 has a journaled run write every group's record in its own thread, =2
 // every other group's (the writer thread writes the others').
