@@ -360,7 +360,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
   undo.resize(j::EncodeUndo(before.data(), after.data(), 4096, undo.data()));
   std::set<std::size_t> ends;
   for (std::uint32_t maps = 0; maps < 8; ++maps) {
-    j::RecordHead head{0x5EED, 1, 4096, 2, {3, std::vector<std::uint32_t>(maps, 3)}, {{0, 1, 4096}}};
+    j::RecordHead head{0x5EED, 1, 4096, 2, {3, std::vector<std::uint32_t>(maps, 3)}, {{0, 1, 4096}}, {}, {}, 1};
     std::vector<std::uint8_t> record = j::EncodeRecordHead(head);
     record.insert(record.end(), undo.begin(), undo.end());
     ends.insert(record.size() % 32);

@@ -899,6 +899,8 @@ void ContinueJournal(const JournalResume& resume) {
     j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, j.path};
     j.markFile = platform::OpenReadWrite(databaseFileName);
     if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+    platform::ClearLastError();
+    if (!platform::Sync(j.markFile)) MarkFailed("flushing");  // a killed run may have left it unflushed
   } else {
     MarkMainFile();
   }

@@ -78,10 +78,11 @@ journal::Found ReadJournalOrRefuse(platform::File file, const std::string& path)
   };
   if (size < 0 || !journal::ReadJournal(read, static_cast<std::uint64_t>(size), found, why))
     Refuse("the journal " + path + " cannot be used: " + why + ". Nothing was changed.");
-  // What was read may be what a killed run left unflushed: it is made durable before the recovery
-  // writes a record beside it.
+  // What was read may be what a killed run left unflushed (its last commit, the journal's very
+  // name): it is made durable before the recovery writes a record beside it or a block.
   platform::ClearLastError();
-  if (!platform::Sync(file)) Refuse("cannot flush the journal " + path + ". " + ErrorText() + " Nothing was changed.");
+  if (!platform::Sync(file) || !platform::SyncDirectory(DirectoryOfFile(path)))
+    Refuse("cannot flush the journal " + path + ". " + ErrorText() + " Nothing was changed.");
   return found;
 }
 
