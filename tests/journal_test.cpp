@@ -39,7 +39,8 @@ struct Case {
   std::vector<std::string> files, pristine, twin;
   std::string dir, journal, lock;
   std::string keyfile;
-  std::string out;  // what the uninterrupted run prints
+  std::string out;     // what the uninterrupted run prints
+  std::string ledger;  // the fault seam's page cache, which chains of processes share
 };
 
 // The answers to byteturn's questions about params, whose keyfile (if any) is at keyfile.
@@ -68,15 +69,19 @@ RunResult Recover(const Case& c, const std::string& environment = "", const std:
                      environment.empty() ? UnderTest().recoverExe : UnderTest().recoverFaultsExe, environment);
 }
 
-// The files as generated, no lock, no journal.
+// The files as generated, no lock, no journal, no page cache ledger, no removal the seam held.
 void Reset(const Case& c) {
   CopyFiles(c.pristine, c.files);
   fs::remove(c.lock);
   fs::remove(c.journal);
+  fs::remove(c.ledger);
+  for (const fs::directory_entry& e : fs::directory_iterator(c.dir))
+    if (e.path().filename().string().find(".removal-held") != std::string::npos) fs::remove(e.path());
 }
 
 Case Prepare(const Scratch& s, const gendb::Params& p, const std::function<void(const std::string&)>& prepare = {}) {
-  Case c{p, "", {}, {}, {}, s.Path("db"), s.Path("db/ORVA.DAT.journal"), s.Path("db/orva.lck"), s.Path("k.key"), ""};
+  Case c{p, "", {}, {}, {}, s.Path("db"), s.Path("db/ORVA.DAT.journal"), s.Path("db/orva.lck"), s.Path("k.key"), "",
+         s.Path("pagecache")};
   if (!p.databaseKey.empty()) {
     const std::string version = p.keyId == "two" ? "2.0" : "1.0";
     EXPECT_EQ(gendb::WriteKeyfile(c.keyfile, version, p.keyId, "admin", "pw", p.databaseKey), "");
@@ -493,6 +498,50 @@ TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
       if (HasFailure()) return;
     }
   }
+}
+
+// A run killed at each of its flushes leaves what it did not flush in the page cache, where the
+// recovery finds it; the recovery is power-cut at each of its first operations, which loses, keeps
+// or tears the killed run's unflushed writes as well as its own; the next recovery finishes the
+// run. Both write their records in the run's thread: sized to what they hold, records lie close,
+// and the recovery's first record lands among the killed run's last ones. On the emulated
+// platforms every fifth flush, under the sanitizers every other.
+TEST(Journal, ChainsOfInterruptionsEndInAJournalTheNextRecoveryFinishes) {
+  gendb::Params p = Rich();
+  p.lastBlock = 160;
+  p.compressShare = 0.3;
+  Scratch s;
+  const Case c = Prepare(s, p);
+  const std::string chain = "BYTETURN_GROUP_BYTES=16384 " + kRecordByRun + "BYTETURN_PAGECACHE='" + Shown(c.ledger) + "' ";
+  const std::string flushes = chain + "BYTETURN_POWERCUT_COUNTS=flushes ";
+  Reset(c);
+  const RunResult whole = Convert(c, UnderTest().faultsExe, flushes + "BYTETURN_POWERCUT=1000000");
+  ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+  ExpectTwin(c);
+  EXPECT_TRUE(Exists(c.ledger)) << "the lock's removal, never made durable, is handed on";
+  const std::uint64_t runFlushes = OperationsOf(whole);
+  ASSERT_GT(runFlushes, 20u) << whole.err;
+  const std::uint64_t step = Emulated() ? 5 : Sanitized() ? 2 : 1;
+  for (std::uint64_t k = 1; k <= runFlushes; k += step)
+    for (std::uint64_t m = 1; m <= 4; ++m) {
+      const std::uint64_t seed = k * 4 + m;
+      SCOPED_TRACE("run killed at flush " + std::to_string(k) + " of " + std::to_string(runFlushes) +
+                   ", recovery cut at " + std::to_string(m) + ", seed " + std::to_string(seed));
+      Reset(c);
+      const RunResult killed =
+          Convert(c, UnderTest().faultsExe, flushes + "BYTETURN_POWERCUT=" + std::to_string(k) + ":1:kill");
+      ASSERT_EQ(killed.status, 98) << killed.out << killed.err;
+      ASSERT_NE(killed.err.find("killed\n"), std::string::npos) << killed.err;
+      if (!Exists(c.journal)) {  // killed before its journal was made, or after it was removed
+        FinishAndExpectTwin(c);
+        break;
+      }
+      const RunResult cut = Recover(c, chain + "BYTETURN_POWERCUT=" + std::to_string(m) + ":" + std::to_string(seed));
+      ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+      EXPECT_FALSE(Exists(c.ledger)) << "a power cut empties the page cache";
+      FinishAndExpectTwin(c);
+      if (HasFailure()) return;
+    }
 }
 
 // A real process killed at moments spread over its run (SIGKILL), or interrupted as by Ctrl-C
