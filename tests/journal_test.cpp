@@ -523,7 +523,7 @@ TEST(Journal, ChainsOfInterruptionsEndInAJournalTheNextRecoveryFinishes) {
   ASSERT_GT(runFlushes, 20u) << whole.err;
   const std::uint64_t step = Emulated() ? 5 : Sanitized() ? 2 : 1;
   // Killed at its first flushes (the journal made, its name made durable), the recovery is cut
-  // on: a name the killed run left unflushed must be durable before the recovery writes a block.
+  // further on: a name the killed run left unflushed must be durable before the recovery writes a block.
   for (std::uint64_t k = 1; k <= runFlushes; k += step)
     for (std::uint64_t m = 1; m <= (k <= 3 ? 10u : 4u); ++m) {
       const std::uint64_t seed = k * 4 + m;
