@@ -136,11 +136,6 @@ Handover& TheHandover() {
   return handover;
 }
 
-std::string DirectoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind(platform::kSeparator);
-  if (slash == std::string::npos) return std::string(".");
-  return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
-}
 
 std::string BaseName(const std::string& path) {
   const std::size_t slash = path.rfind(platform::kSeparator);
@@ -706,6 +701,12 @@ std::uint32_t VolumeOfHandle(platform::File file) {
 
 }  // namespace
 
+std::string DirectoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind(platform::kSeparator);
+  if (slash == std::string::npos) return std::string(".");
+  return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+}
+
 std::string JournalPathFor(const std::string& fileName) {
   const char* place = std::getenv("BYTETURN_JOURNAL");
   if (place == nullptr || *place == '\0') return fileName + ".journal";
@@ -816,6 +817,11 @@ std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& i
   return keys;
 }
 
+std::string FullPath(const std::string& path) {
+  const std::string full = platform::FullPathName(path, 32768);
+  return full.empty() ? path : full;
+}
+
 bool Sampled(std::uint64_t key, std::uint64_t modulus) {
   std::uint64_t h = key + 0x9E3779B97F4A7C15ull;
   h = (h ^ h >> 30) * 0xBF58476D1CE4E5B9ull;
@@ -826,12 +832,7 @@ bool Sampled(std::uint64_t key, std::uint64_t modulus) {
 
 namespace {
 
-std::string FullPath(const std::string& path) {
-  const std::string full = platform::FullPathName(path, 32768);
-  return full.empty() ? path : full;
-}
-
-// Keys from the files' identities, and the groups begun.
+// The journal's keys from the files' identities.
 void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
   std::vector<platform::FileIdentity> identities;
   for (const journal::VolumeRecord& v : volumes) identities.push_back(v.identity);

@@ -41,6 +41,11 @@ inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
 // The bytes of a group's writes sent on their way to the disk at a time.
 inline constexpr std::size_t kWriteBackPieceBytes = std::size_t{1} << 20;
 
+// The full path of a path (as typed where it cannot be had), and the directory of a file's path
+// ("." for a bare name), without a separator at its end.
+std::string FullPath(const std::string& path);
+std::string DirectoryOf(const std::string& path);
+
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off").
 std::string JournalPathFor(const std::string& fileName);
 // The journal that stops a run of the database named fileName: the one its mark names (whether it

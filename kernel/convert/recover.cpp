@@ -23,16 +23,6 @@ namespace {
   FailTo(stderr, "byteturn-recover: %s\n", text.c_str());
 }
 
-std::string FullPath(const std::string& path) {
-  const std::string full = platform::FullPathName(path, 32768);
-  return full.empty() ? path : full;
-}
-
-std::string DirectoryOfFile(const std::string& path) {
-  const std::size_t slash = path.rfind(platform::kSeparator);
-  return slash == std::string::npos ? std::string(".") + platform::kSeparator : path.substr(0, slash + 1);
-}
-
 // No journal where the file's names or mark lead. A run interrupted before its first write leaves
 // its lock and the journal it was making: they are removed, and said so.
 [[noreturn]] void NoJournal(const JournalFound& where) {
@@ -81,7 +71,7 @@ journal::Found ReadJournalOrRefuse(platform::File file, const std::string& path)
   // What was read may be what a killed run left unflushed (its last commit, the journal's very
   // name): it is made durable before the recovery writes a record beside it or a block.
   platform::ClearLastError();
-  if (!platform::Sync(file) || !platform::SyncDirectory(DirectoryOfFile(path)))
+  if (!platform::Sync(file) || !platform::SyncDirectory(DirectoryOf(path)))
     Refuse("cannot flush the journal " + path + ". " + ErrorText() + " Nothing was changed.");
   return found;
 }
@@ -89,7 +79,7 @@ journal::Found ReadJournalOrRefuse(platform::File file, const std::string& path)
 // A directory the run named by its full path, where the main file's directory is now.
 std::string Rebased(const std::string& dir, const journal::Header& h) {
   if (!dir.starts_with(h.mainDirectory)) return dir;
-  return FullPath(DirectoryOfFile(databaseFileName)) + dir.substr(h.mainDirectory.size());
+  return FullPath(DirectoryOf(databaseFileName) + platform::kSeparator) + dir.substr(h.mainDirectory.size());
 }
 
 std::vector<std::uint32_t> KeysOfVolumes(const journal::Header& h) {
