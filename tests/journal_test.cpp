@@ -8,6 +8,7 @@
 #include <future>
 #include <functional>
 #include <random>
+#include <thread>
 #include <set>
 
 #include "journal_format.h"
@@ -1055,15 +1056,25 @@ TEST(Journal, DatabasesThatShareAJournalDirectoryKeepTheirOwn) {
 TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
   Scratch s;
   const Case c = Prepare(s, Rich());
-  fs::create_directories(s.Path("elsewhere"));
-  fs::create_directories(s.Path("moved"));
-  const std::string elsewhere = "BYTETURN_JOURNAL='" + Shown(s.Path("elsewhere")) + "' ";
+  for (const char* dir : {"elsewhere", "moved", "copy"}) fs::create_directories(s.Path(dir));
+  const std::string elsewhere = "BYTETURN_JOURNAL='" + Shown("../elsewhere") + "' ";  // from db/
   const RunResult whole = Convert(c, UnderTest().faultsExe, elsewhere + kSmallGroups + "BYTETURN_POWERCUT=1000000");
   Reset(c);
   ASSERT_EQ(Convert(c, UnderTest().faultsExe,
                     elsewhere + kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(OperationsOf(whole) / 2) + ":6")
                 .status,
             99);
+  // A copy recovered first would take the original's journal: refused while the original is there.
+  fs::copy_file(c.files[0], s.Path("copy/ORVA.DAT"));
+  const Snapshot before = Take(c);
+  const RunResult copy = RecoverAt(c, s.dir, "copy/ORVA.DAT");
+  EXPECT_EQ(copy.status, 1) << copy.out << copy.err;
+  EXPECT_NE(copy.err.find("copy/ORVA.DAT is a copy of " + Shown(c.files[0]) + ", whose interrupted run the journal "),
+            std::string::npos)
+      << copy.err;
+  ExpectUnchanged(c, before);
+  EXPECT_TRUE(Exists(c.lock));
+  EXPECT_FALSE(fs::is_empty(s.Path("elsewhere")));
   const std::string moved = s.Path("moved/ORVA.DAT");
   fs::copy_file(c.files[0], moved);
   fs::remove(c.files[0]);
@@ -1095,9 +1106,11 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
   ExpectTwin(v);
 }
 
-// A run cut before its first write leaves its lock, and maybe the journal it was making: the
-// recovery removes them and says so, and byteturn then converts the database. A recovery under a
-// new name of the main file removes the lock the run took under the old one.
+// A run cut while it made its journal leaves it under its temporary name, and its lock: the
+// recovery removes both and says so, and byteturn then converts the database; a lock alone is
+// left to the operator, and said so. A recovery under a new name of the main file removes the
+// lock the run took under the old one. A second run on the file through another name (a link),
+// while the first goes on, is refused before it writes anything.
 TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
   Scratch s;
   const Case c = Prepare(s, Rich());
@@ -1117,19 +1130,38 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
         continue;
       }
       ASSERT_TRUE(FilesEqual(c.files, c.pristine));
-      bool left = Exists(c.lock);
-      for (const auto& entry : fs::directory_iterator(c.dir)) left |= entry.path().string().ends_with(".new");
+      bool making = false;  // the journal being made: the run wrote nothing
+      for (const auto& entry : fs::directory_iterator(c.dir)) making |= entry.path().string().ends_with(".new");
+      const bool locked = Exists(c.lock);
       const RunResult r = Recover(c);
-      EXPECT_EQ(r.status, left ? 0 : 1) << r.out << r.err;
-      EXPECT_EQ(r.err.find("removed what it left: ") != std::string::npos, left) << r.err;
-      removed |= left;
-      EXPECT_FALSE(Exists(c.lock));
+      EXPECT_EQ(r.status, making ? 0 : 1) << r.out << r.err;
+      if (making) {
+        EXPECT_NE(r.err.find("removed what it left: "), std::string::npos) << r.err;
+        EXPECT_FALSE(Exists(c.lock));
+        removed = true;
+      } else if (locked) {  // a lock alone may guard a database whose journal lies elsewhere
+        EXPECT_NE(r.err.find("The lock " + Shown(c.lock) + " stays"), std::string::npos) << r.err;
+        EXPECT_TRUE(Exists(c.lock));
+        fs::remove(c.lock);
+      }
       for (const auto& entry : fs::directory_iterator(c.dir)) EXPECT_FALSE(entry.path().string().ends_with(".new"));
       const RunResult again = Convert(c, UnderTest().exe, "");
       EXPECT_EQ(again.status, 0) << again.out << again.err;
       ExpectTwin(c);
     }
   EXPECT_TRUE(removed) << "no cut left anything to remove";
+  Reset(c);
+  fs::create_hard_link(c.files[0], s.Path("db/OTHER.DAT"));
+  auto first = std::async(std::launch::async, [&] {
+    return Convert(c, UnderTest().faultsExe, "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(300 * 4096) + ":slow'");
+  });
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const RunResult second = RunByteturn({"OTHER.DAT"}, "", c.dir, UnderTest().exe);
+  EXPECT_EQ(second.status, 1) << second.out << second.err;
+  EXPECT_EQ(second.err, "OTHER.DAT is in use by another run of byteturn.\n");
+  EXPECT_EQ(first.get().status, 0);
+  fs::remove(s.Path("db/OTHER.DAT"));
+  ExpectTwin(c);
   CutHalfway(c);
   fs::rename(c.files[0], s.Path("db/OTHER.DAT"));
   const RunResult r = RunByteturn({"OTHER.DAT"}, c.answers, c.dir, UnderTest().recoverExe);

@@ -174,6 +174,7 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
   ResetMaps();
   const std::string lockPath = LockPathFor(databaseFileName);
   if (!lockPath.empty()) TakeLock(lockPath, databaseFileName);
+  HoldDatabaseFile(databaseFileName);
   // A run interrupted before (the file bears its mark), or a journal where this run's would go:
   // only byteturn-recover may go on with it, or tell what it is.
   const JournalFound journal = FindJournal(databaseFileName);

@@ -180,7 +180,7 @@ std::string TemporaryJournalName(const std::string& path, std::uint64_t runId) {
 void MarkMainFile() {
   if (!j.marking) return;
   std::uint8_t bytes[journal::kMarkBytes] = {};
-  j.mark = journal::Mark{j.header.runId, j.header.mainFileSize, j.nextNumber - 1, j.path};
+  j.mark = journal::Mark{j.header.runId, j.header.mainFileSize, j.nextNumber - 1, FullPath(j.path)};
   if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) {
     j.marking = false;  // a journal path too long to name: the journal beside it must do
     return;
@@ -869,6 +869,8 @@ void BeginJournal(bool verbose, const std::string& lockPath) {
   platform::Close(main);
   j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
   j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize);
+  // Without a mark, nothing but a journal beside the main file tells byteturn of the run.
+  if (!j.marking) j.path = databaseFileName + ".journal";
   StartKeys(j.header.volumes);
   j.groupBlock = 1;
   j.groupMaps = MapState{};
@@ -897,7 +899,7 @@ void ContinueJournal(const JournalResume& resume) {
   j.marking = MainFileTakesMark(j.header.mainFileSize);
   journal::Mark mark;
   if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
-    j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, j.path};
+    j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, FullPath(j.path)};
     j.markFile = platform::OpenReadWrite(databaseFileName);
     if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
     platform::ClearLastError();

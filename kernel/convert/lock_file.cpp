@@ -72,6 +72,21 @@ bool RemoveLeftLock(const std::string& lockPath) {
   return ours && platform::RemoveFile(lockPath);
 }
 
+void HoldDatabaseFile(const std::string& fileName) {
+  static platform::File held = platform::kInvalidFile;
+  if (held != platform::kInvalidFile) return;
+  const platform::File file = checkRun ? platform::OpenReadOnly(fileName) : platform::OpenReadWrite(fileName);
+  if (file == platform::kInvalidFile) return;  // the run's own open tells why
+  if (!platform::TryLockExclusive(file)) {
+    platform::Close(file);
+    FailTo(stderr, "%s is in use by another run of byteturn.\n", fileName.c_str());
+  }
+  if (checkRun)
+    platform::Close(file);  // a check only looks
+  else
+    held = file;
+}
+
 // A lock this process took is removed; any other only where a run of byteturn left it.
 void ReleaseLock(const std::string& lockPath) {
   if (lockPath.empty() || checkRun) return;

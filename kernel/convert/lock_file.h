@@ -10,6 +10,10 @@ std::string LockPathFor(const std::string& fileName);
 // Takes the lock; ends the process with status 1 when it is held or cannot be written. A check
 // run only looks whether it is held.
 void TakeLock(const std::string& lockPath, const std::string& fileName);
+// Holds a lock of the system's on the main file itself while the process lasts, whatever names
+// it has (links): a second run on the same file through another name is refused with "%s is in
+// use by another run of byteturn." before it writes anything. A check run only looks.
+void HoldDatabaseFile(const std::string& fileName);
 // Removes the lock this process took, or else one a run of byteturn left.
 void ReleaseLock(const std::string& lockPath);
 // Removes a lock that a run of byteturn left (its text, and no run holding it); true when removed.

@@ -38,14 +38,19 @@ namespace {
   for (const std::string& name : names)
     for (const std::string& left : TemporaryJournalsOf(name))
       if (platform::RemoveFile(left)) removed += (removed.empty() ? "" : ", ") + left;
+  // The journal a run was making tells that it stopped before its first write: its lock goes too.
+  // A lock alone may guard a database whose journal is elsewhere: the operator decides.
   const std::string lock = LockPathFor(databaseFileName);
-  if (RemoveLeftLock(lock)) removed += (removed.empty() ? "" : ", ") + lock;
-  std::string looked = names[0] + (names.size() > 1 ? " and " + names[1] : std::string());
-  std::string text = "no journal of " + databaseFileName + " was found (it looked for " + looked + "), and " +
-                     databaseFileName + " bears no mark of an interrupted conversion: there is nothing to finish.";
+  if (!removed.empty() && RemoveLeftLock(lock)) removed += ", " + lock;
+  const std::string looked = names[0] + (names.size() > 1 ? " and " + names[1] : std::string());
+  const std::string text = "no journal of " + databaseFileName + " was found (it looked for " + looked + "), and " +
+                           databaseFileName + " bears no mark of an interrupted conversion: there is nothing to finish.";
+  if (removed.empty() && !lock.empty() && platform::FileExists(lock))
+    Refuse(text + " The lock " + lock + " stays: where the run that left it had not written yet, or had finished, "
+           "remove it; where its journal lies elsewhere, name its directory in BYTETURN_JOURNAL.");
   if (removed.empty()) Refuse(text);
-  PrintTo(stderr, "byteturn-recover: %s The run before stopped before it wrote anything, or after it had "
-          "finished; removed what it left: %s.\n", text.c_str(), removed.c_str());
+  PrintTo(stderr, "byteturn-recover: %s The run before stopped while it made its journal, before it wrote anything; "
+          "removed what it left: %s.\n", text.c_str(), removed.c_str());
   EndRun(0);
 }
 
@@ -180,6 +185,18 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
   if (FileKeys(identities) != keys)
     Refuse("the files of " + databaseFileName +
            " are not linked to each other as they were when the run was interrupted. Nothing was changed.");
+  // A copy of the main file, its original still there and marked by the same run: finishing the
+  // copy would take the original's journal.
+  if (FullPath(databaseFileName) != h.mainFile && platform::FileExists(h.mainFile)) {
+    journal::Mark original;
+    const platform::File file = platform::OpenReadOnly(h.mainFile);
+    const bool other = file != platform::kInvalidFile && !(platform::IdentityOf(file) == identities[0]);
+    platform::Close(file);
+    if (other && ReadMarkOf(h.mainFile, original) && original.runId == h.runId)
+      Refuse(databaseFileName + " is a copy of " + h.mainFile + ", whose interrupted run the journal " + journalPath +
+             " belongs to: finish that file's run (byteturn-recover " + h.mainFile + ") and copy it then, or move it "
+             "away first. Nothing was changed.");
+  }
   journal::Mark mark;
   const bool marked = ReadMarkOf(databaseFileName, mark);
   if (marked && mark.runId != h.runId)
@@ -249,6 +266,7 @@ int RecoverMain(int argc, const char* const* argv) {
   }
   databaseFileName = argv[1];
   binDirectory = BinDirectoryOfThisProgram();
+  HoldDatabaseFile(databaseFileName);
   const JournalFound where = FindJournal(databaseFileName);
   if (where.path.empty() || !platform::FileExists(where.path)) NoJournal(where);
   const std::string& path = where.path;
