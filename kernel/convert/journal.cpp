@@ -1113,6 +1113,10 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
 }
 
+bool ReadReachesMark(platform::File file, std::uint64_t position, std::uint32_t size) {
+  return j.marking && j.fileKey[VolumeOfHandle(file)] == j.fileKey[0] && position + size > j.header.mainFileSize;
+}
+
 bool JournalGroupFull() {
   return j.active && GroupBytes() >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
 }

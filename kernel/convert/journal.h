@@ -97,6 +97,10 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
 void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size);
 // Lays the held writes over bytes just read from position of file.
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
+// Whether a read of size bytes at position of file reaches past the end that the main file had
+// before the run, into its mark: a volume that is the main file (a link) may claim more blocks
+// than the file holds, and such a read must fail as it fails without the journal.
+bool ReadReachesMark(platform::File file, std::uint64_t position, std::uint32_t size);
 
 // Whether the group is to end before the next read from the disk (it holds messages back, or is
 // full), and whether it is to end at once (the blocks read together since made it full and more,

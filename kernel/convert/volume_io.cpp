@@ -172,7 +172,13 @@ bool WriteThrough(platform::File file, std::uint64_t position, const std::uint8_
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (!ReadThrough(file, position, buffer, size)) return false;
   if (checkRun) SeeWritesOfTheRun(file, position, buffer, size);
-  if (JournalHoldsWrites()) SeeJournaledWrites(file, position, buffer, size);
+  if (JournalHoldsWrites()) {
+    if (ReadReachesMark(file, position, size)) {
+      platform::RecordShortTransfer(false);  // the read the file would give without the mark
+      return false;
+    }
+    SeeJournaledWrites(file, position, buffer, size);
+  }
   return true;
 }
 
