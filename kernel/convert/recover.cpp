@@ -13,6 +13,7 @@
 #include "map_block.h"
 #include "messages.h"
 #include "state.h"
+#include "volume_info.h"
 #include "volume_io.h"
 
 namespace bt {
@@ -144,6 +145,28 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
   Refuse(text + " Nothing was changed.");
 }
 
+// Whether label (the main file's first bytes) is the label block as the run found it or left it:
+// converted, and where a further volume is the main file (a link), converted again as that
+// volume's first block. Where the last record writes that block, through any name, it may be torn
+// and is put back.
+bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, const std::vector<std::uint32_t>& keys) {
+  constexpr std::size_t n = journal::kLabelCopyBytes;
+  if (std::memcmp(label, found.header.label, n) == 0) return true;
+  if (found.commit.number != 0)
+    for (const journal::Entry& e : found.head.entries)
+      if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
+  std::uint8_t converted[n];
+  std::memcpy(converted, found.header.label, n);
+  ConvertLabelBlock(Bytes(converted, n));
+  if (std::memcmp(label, converted, n) == 0) return true;
+  for (std::uint32_t v = 1; v < keys.size(); ++v) {
+    if (keys[v] != keys[0]) continue;
+    CvVolInfo(Bytes(converted, n), static_cast<std::int32_t>(v));
+    if (std::memcmp(label, converted, n) == 0) return true;
+  }
+  return false;
+}
+
 // The files of the database must be those the interrupted run converted, wherever they are now:
 // linked to each other as they were, the main file beginning with its label block as the run found
 // it or converts it, and every block the journal names as the run left it.
@@ -151,6 +174,7 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
   const journal::Header& h = found.header;
   if (h.volumes.size() != std::size_t{furtherVolumeCount} + 1)
     Refuse("the journal does not describe the volume set of " + databaseFileName + ". Nothing was changed.");
+  const std::vector<std::uint32_t> keys = KeysOfVolumes(h);
   primaryDirectory = Rebased(h.primaryDirectory, h);
   volumeDirectories.clear();
   for (const std::string& d : h.directories) volumeDirectories.push_back(Rebased(d, h));
@@ -169,19 +193,12 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     std::uint8_t label[journal::kLabelCopyBytes] = {};
     const bool labelRead = v != 0 || ReadThrough(file, 0, label, sizeof label);
     platform::Close(file);
-    if (v != 0) continue;
-    std::uint8_t converted[journal::kLabelCopyBytes];
-    std::memcpy(converted, h.label, sizeof converted);
-    ConvertLabelBlock(Bytes(converted, sizeof converted));
-    const bool inFlight = found.commit.number != 0 && found.head.resumeBlock <= 1;  // may be torn: it is put back
-    if (!labelRead || (std::memcmp(label, h.label, sizeof label) != 0 &&
-                       std::memcmp(label, converted, sizeof label) != 0 && !inFlight))
+    if (v == 0 && !(labelRead && BeginsWithLabel(label, found, keys)))
       Refuse(path + " does not begin with the label block of the database the journal was written for. Nothing was "
                     "changed.");
   }
   // A volume that was a link to another must still be one, and only then: the writes through
   // either name went to one file.
-  const std::vector<std::uint32_t> keys = KeysOfVolumes(h);
   if (FileKeys(identities) != keys)
     Refuse("the files of " + databaseFileName +
            " are not linked to each other as they were when the run was interrupted. Nothing was changed.");
