@@ -1170,3 +1170,170 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
   fs::rename(s.Path("db/OTHER.DAT"), c.files[0]);
   ExpectTwin(c);
 }
+
+namespace {
+
+// A volume set whose further volume is the main file itself. The volume set's check takes it only
+// where the main file's first block, the label block, is also that volume's volume info block:
+// the label's bytes 4 to 83 are none of its fields, and are given the type and the fields of the
+// volume's own first block. Only one volume can be named there, so only one can be the main file.
+// Other ways to reach one file by two names are refused before anything is written: two further
+// volumes that are one file (its first block names one of them), a volume found in two listed
+// directories (the primary one listed, or a link to it or to another listed one).
+enum class Alias { kHardLink, kSymbolicLink, kMainFileNamedAsVolume };
+
+struct AliasedSet {
+  std::string dir, main;  // where the runs start, and the main file's name there
+  std::string volume;     // the name of the volume that is the main file
+  Alias alias;
+  std::vector<std::pair<std::string, std::vector<std::uint8_t>>> files;  // by name: the main file first
+
+  // The files as generated, and the volume made the main file again.
+  void Restore() const {
+    fs::remove_all(dir);
+    for (const auto& [name, bytes] : files) {
+      fs::create_directories(fs::path(dir + "/" + name).parent_path());
+      WriteBytes(dir + "/" + name, 0, bytes);
+    }
+    if (alias == Alias::kHardLink) fs::create_hard_link(dir + "/" + main, dir + "/" + volume);
+    if (alias == Alias::kSymbolicLink) fs::create_symlink(dir + "/" + main, dir + "/" + volume);
+  }
+  std::vector<std::vector<std::uint8_t>> Contents() const {
+    std::vector<std::vector<std::uint8_t>> contents;
+    for (const auto& entry : files) contents.push_back(ReadBytes(dir + "/" + entry.first));
+    return contents;
+  }
+};
+
+// Generates p into s's "db" and makes its volume v the main file.
+AliasedSet MakeAliased(const Scratch& s, const gendb::Params& p, unsigned v, Alias alias) {
+  AliasedSet a{s.Path("db"), "ORVA.DAT", "", alias, {}};
+  for (const std::string& more : p.volumeSet.directories) fs::create_directories(a.dir + "/" + more);
+  Generate(p, a.dir + "/ORVA.DAT");
+  const std::vector<std::string> paths = gendb::DatabaseFiles(p, a.dir + "/ORVA.DAT");
+  const auto name = [&](const std::string& path) { return path.substr(a.dir.size() + 1); };
+  a.volume = name(paths[v]);
+  std::vector<std::uint8_t> main = ReadBytes(paths[0]);
+  const std::vector<std::uint8_t> info = ReadBytes(paths[v], 0, 84);
+  std::copy(info.begin() + 4, info.end(), main.begin() + 4);
+  if (alias == Alias::kMainFileNamedAsVolume) a.main = a.volume;
+  a.files.emplace_back(a.main, main);
+  for (std::size_t k = 1; k < paths.size(); ++k)
+    if (k != v) a.files.emplace_back(name(paths[k]), ReadBytes(paths[k]));
+  for (const std::string& more : p.volumeSet.directories)
+    a.files.emplace_back(more + "orva.dbdir", ReadBytes(a.dir + "/" + more + "orva.dbdir"));
+  return a;
+}
+
+struct AliasedRun {
+  RunResult r;
+  std::vector<std::vector<std::uint8_t>> contents;
+};
+
+// A run of byteturn (or exe) on a's files as generated, answering Yes to the volume question. A
+// journaled run that stopped leaves its mark at the end of the main file: it is cut off.
+AliasedRun RunAliased(const AliasedSet& a, const std::string& environment, const std::string& exe = "") {
+  a.Restore();
+  AliasedRun run{RunByteturn({a.main}, "yes\n", a.dir, exe.empty() ? UnderTest().exe : exe, environment), {}};
+  Unmark(a.dir + "/" + a.main);
+  run.contents = a.Contents();
+  return run;
+}
+
+// A set of volumes + 1 parts of 300 blocks (the last one block more with longer), volume k in the
+// directory placement[k - 1] names, whose volume 1 is to be the main file. No block is free and
+// many are big strings: nodes name blocks of the main file both by their own number and by the
+// number they have in volume 1, and these are rewritten out of order through both names, by
+// conversions that differ (text or 16-bit characters, parts of a vector).
+gendb::Params AliasedSetParams(std::uint64_t seed, unsigned volumes, std::vector<unsigned> placement,
+                               bool longer = false) {
+  gendb::Params p = Rich();
+  p.seed = seed;
+  p.lastBlock = 300 * (volumes + 1) + (longer ? 1 : 0);
+  p.freeShare = 0;
+  p.mix = gendb::Mix{6, 8, 0, 1, 0, 0, 1};
+  p.volumeSet.volumes = volumes;
+  p.volumeSet.directories = {"more/"};
+  p.volumeSet.storedList = {"more/"};
+  p.volumeSet.placement = std::move(placement);
+  return p;
+}
+
+}  // namespace
+
+// A set whose further volume is the main file (a hard or symbolic link, or the main file named as
+// the volume): the journal's held writes and the reads laid over them go by file, so a run with
+// the journal leaves the bytes, the output and the status of a run without it. Where that volume
+// claims more blocks than the main file holds, the run stops at the first read past its end in
+// both, as the mark at the end of the main file is no block of it.
+TEST(Journal, AVolumeThatIsTheMainFileConvertsAsWithoutTheJournal) {
+  struct Shape {
+    std::string name;
+    gendb::Params params;
+    Alias alias;
+  };
+  const Shape shapes[] = {
+      {"hard link in another directory", AliasedSetParams(3, 2, {1, 0}), Alias::kHardLink},
+      {"symbolic link", AliasedSetParams(1, 1, {0}), Alias::kSymbolicLink},
+      {"main file named as the volume", AliasedSetParams(2, 2, {0, 1}), Alias::kMainFileNamedAsVolume},
+      {"volume longer than the main file", AliasedSetParams(1, 1, {0}, true), Alias::kHardLink},
+  };
+  for (const Shape& shape : shapes) {
+    SCOPED_TRACE(shape.name);
+    Scratch s;
+    const AliasedSet a = MakeAliased(s, shape.params, 1, shape.alias);
+    const AliasedRun journaled = RunAliased(a, "");
+    const AliasedRun off = RunAliased(a, "BYTETURN_JOURNAL=off");
+    EXPECT_NE(off.r.out.find("\r\nFound all volumes, proceeding with conversion.\r\n"), std::string::npos) << off.r.out;
+    if (shape.params.lastBlock % 300 == 0) {
+      EXPECT_EQ(off.r.status, 0) << off.r.out << off.r.err;
+    } else {
+      EXPECT_EQ(off.r.status, 1);
+      EXPECT_NE(off.r.out.find(EndOfFileError()), std::string::npos) << off.r.out;
+    }
+    EXPECT_EQ(journaled.r.status, off.r.status);
+    EXPECT_EQ(journaled.r.out, off.r.out);
+    EXPECT_EQ(journaled.r.err, off.r.err);
+    for (std::size_t k = 0; k < a.files.size(); ++k)
+      EXPECT_TRUE(journaled.contents[k] == off.contents[k]) << a.files[k].first;
+  }
+}
+
+// The power goes out at points spread over such a run, with small groups: byteturn-recover finishes
+// it, with the bytes of the run without the journal, the main file's first block included (which
+// the volume's pass converts again as its volume info block). While the link is a copy, the
+// recovery is refused and changes nothing.
+TEST(Journal, APowerCutInASetWhoseVolumeIsTheMainFileIsFinished) {
+  Scratch s;
+  const AliasedSet a = MakeAliased(s, AliasedSetParams(3, 2, {1, 0}), 1, Alias::kHardLink);
+  const AliasedRun off = RunAliased(a, "BYTETURN_JOURNAL=off");
+  ASSERT_EQ(off.r.status, 0) << off.r.out << off.r.err;
+  const AliasedRun whole = RunAliased(a, kSmallGroups + "BYTETURN_POWERCUT=1000000", UnderTest().faultsExe);
+  ASSERT_EQ(whole.r.status, 0) << whole.r.out << whole.r.err;
+  EXPECT_TRUE(whole.contents == off.contents);
+  const std::uint64_t operations = OperationsOf(whole.r), cuts = Emulated() ? 3 : 5;
+  for (std::uint64_t k = 1; k <= cuts; ++k) {
+    const std::uint64_t n = (2 * k - 1) * operations / (2 * cuts);
+    SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations));
+    a.Restore();
+    const std::string cutAt = "BYTETURN_POWERCUT=" + std::to_string(n) + ":" + std::to_string(k);
+    const RunResult cut = RunByteturn({a.main}, "yes\n", a.dir, UnderTest().faultsExe, kSmallGroups + cutAt);
+    ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+    if (k == 1) {
+      const std::string link = a.dir + "/" + a.volume;
+      fs::remove(link);
+      fs::copy_file(a.dir + "/" + a.main, link);
+      const std::vector<std::vector<std::uint8_t>> before = a.Contents();
+      const RunResult refused = RunByteturn({a.main}, "", a.dir, UnderTest().recoverExe);
+      EXPECT_EQ(refused.status, 1);
+      EXPECT_NE(refused.err.find("are not linked to each other as they were"), std::string::npos) << refused.err;
+      EXPECT_TRUE(a.Contents() == before);
+      fs::remove(link);
+      fs::create_hard_link(a.dir + "/" + a.main, link);
+    }
+    const RunResult recovered = RunByteturn({a.main}, "", a.dir, UnderTest().recoverExe);
+    EXPECT_EQ(recovered.status, 0) << recovered.out << recovered.err;
+    EXPECT_FALSE(Exists(a.dir + "/ORVA.DAT.journal"));
+    EXPECT_TRUE(a.Contents() == off.contents);
+  }
+}
