@@ -312,7 +312,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
       j::Checksum pieces;
       pieces.Add(bytes.data(), split);
       pieces.Add(bytes.data() + split, size - split);
-      if (pieces.Value() != sum) splits += " " + std::to_string(split);
+      if (pieces.Value() != sum) splits.append(" ").append(std::to_string(split));
     }
     for (std::size_t at = 0; at < size; ++at) {
       bool seen = true;
@@ -321,7 +321,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
         seen = seen && j::ChecksumOf(bytes.data(), size) != sum;
         bytes[at] ^= flip;
       }
-      if (!seen) unseen += " " + std::to_string(at);
+      if (!seen) unseen.append(" ").append(std::to_string(at));
     }
     EXPECT_EQ(splits, "") << "in two pieces split at these";
     EXPECT_EQ(unseen, "") << "changed, these bytes leave the sum as it was";
@@ -332,13 +332,14 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
   j::Header header;
   header.runId = 0x5EED;
   header.volumes.push_back({0, 1, {7, 9}});
+  header.lockPath = "L";
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
-    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the main file's identity
+    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the lock's name
     EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << "main file name of " << name;
     EXPECT_EQ(why, "its header is damaged");
   }
@@ -366,7 +367,11 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
   undo.resize(j::EncodeUndo(before.data(), after.data(), 4096, undo.data()));
   std::set<std::size_t> ends;
   for (std::uint32_t maps = 0; maps < 8; ++maps) {
-    j::RecordHead head{0x5EED, 1, 4096, 2, {3, std::vector<std::uint32_t>(maps, 3)}, {{0, 1, 4096}}, {}, {}, 1};
+    j::RecordHead head;
+    head.runId = 0x5EED, head.number = 1, head.blockSize = 4096, head.resumeBlock = 2;
+    head.maps.current = 3;
+    head.maps.listed.assign(maps, 3);
+    head.entries = {{0, 1, 4096}};
     std::vector<std::uint8_t> record = j::EncodeRecordHead(head);
     record.insert(record.end(), undo.begin(), undo.end());
     ends.insert(record.size() % 32);
