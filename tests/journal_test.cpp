@@ -1072,9 +1072,9 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
   // A copy recovered first would take the original's journal: refused while the original is there.
   fs::copy_file(c.files[0], s.Path("copy/ORVA.DAT"));
   const Snapshot before = Take(c);
-  const RunResult copy = RecoverAt(c, s.dir, "copy/ORVA.DAT");
+  const RunResult copy = RecoverAt(c, s.dir, std::string("copy") + Sep() + "ORVA.DAT");
   EXPECT_EQ(copy.status, 1) << copy.out << copy.err;
-  EXPECT_NE(copy.err.find("copy/ORVA.DAT is a copy of " + Shown(c.files[0]) + ", whose interrupted run the journal "),
+  EXPECT_NE(copy.err.find(std::string("copy") + Sep() + "ORVA.DAT is a copy of " + Shown(c.files[0]) + ", whose interrupted run the journal "),
             std::string::npos)
       << copy.err;
   ExpectUnchanged(c, before);
@@ -1090,7 +1090,7 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
               std::string::npos)
         << refused.err;
   }
-  const RunResult r = RecoverAt(c, s.dir, "moved/ORVA.DAT");
+  const RunResult r = RecoverAt(c, s.dir, std::string("moved") + Sep() + "ORVA.DAT");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_FALSE(Exists(c.lock)) << "the lock the run took";
   EXPECT_TRUE(fs::is_empty(s.Path("elsewhere")));
@@ -1106,7 +1106,7 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
   set.volumeSet.placement = {1, 0};
   const Case v = Prepare(t, set);
   CutHalfway(v);
-  const RunResult rv = RecoverAt(v, t.dir, "db/ORVA.DAT");
+  const RunResult rv = RecoverAt(v, t.dir, std::string("db") + Sep() + "ORVA.DAT");
   EXPECT_EQ(rv.status, 0) << rv.out << rv.err;
   ExpectTwin(v);
 }
@@ -1123,7 +1123,7 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
   // flushed): cuts at the first writes with several seeds leave them now and then.
   bool removed = false;
   for (std::uint64_t n = 1; n <= 3; ++n)
-    for (int seed = 0; seed < 3; ++seed) {
+    for (int seed = 0; seed < 3 && !(removed && Emulated()); ++seed) {  // emulated: until one left something
       SCOPED_TRACE("cut at " + std::to_string(n) + ", seed " + std::to_string(seed));
       Reset(c);
       ASSERT_EQ(Convert(c, UnderTest().faultsExe,
@@ -1145,7 +1145,7 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
         EXPECT_FALSE(Exists(c.lock));
         removed = true;
       } else if (locked) {  // a lock alone may guard a database whose journal lies elsewhere
-        EXPECT_NE(r.err.find("The lock " + Shown(c.lock) + " stays"), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find("The lock orva.lck stays"), std::string::npos) << r.err;
         EXPECT_TRUE(Exists(c.lock));
         fs::remove(c.lock);
       }
