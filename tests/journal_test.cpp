@@ -472,6 +472,43 @@ TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   }
 }
 
+// Once its journal is gone, nothing can finish a run: every file it wrote must be on stable
+// storage by then. A volume set of more volumes than the run keeps open, in groups of 1 MiB (a
+// group a volume: no bad offset or old mirror block makes a message that ends one early), whose
+// last volume's nodes name big strings not converted yet all over the set: its last group writes
+// blocks in earlier volumes that the run has let go of since, and only its final flush makes
+// them durable. Cut at each operation from the last one back, the files must be the twin while
+// the cut leaves no journal; the first cut that leaves the journal is finished by the recovery.
+TEST(Journal, ACutAfterTheJournalIsGoneFindsEveryFileConverted) {
+  gendb::Params p = Rich();
+  p.lastBlock = 2000;
+  p.mix.other = 12;  // the blocks that big strings are taken from: enough for the last volume's nodes
+  p.mix.badOffset = 0;
+  p.mirrorV1Share = 0;
+  p.bigRefShare = 0.3;
+  p.volumeSet.volumes = 16;
+  Scratch s;
+  const Case c = Prepare(s, p);
+  const std::string groups = "BYTETURN_GROUP_BYTES=1048576 ";
+  Reset(c);
+  const RunResult whole = Convert(c, UnderTest().faultsExe, groups + "BYTETURN_POWERCUT=1000000");
+  ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+  const std::uint64_t operations = OperationsOf(whole);
+  for (std::uint64_t n = operations; n > 0; --n) {
+    SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations));
+    Reset(c);
+    const RunResult cut = Convert(c, UnderTest().faultsExe, groups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":1");
+    ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+    if (Exists(c.journal)) {
+      FinishAndExpectTwin(c);
+      return;
+    }
+    fs::remove(c.lock);
+    ExpectTwin(c);
+    if (HasFailure()) return;
+  }
+}
+
 // The power goes again while the recovery runs: the next recovery still gives the twin.
 TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
   std::mt19937_64 rng(7);
