@@ -31,6 +31,17 @@ gendb::Params Rich() {
   return p;
 }
 
+// Two further volumes, the first in more/.
+gendb::Params SmallSet() {
+  gendb::Params set = Rich();
+  set.lastBlock = 1000;
+  set.volumeSet.volumes = 2;
+  set.volumeSet.directories = {"more/"};
+  set.volumeSet.storedList = {"more/"};
+  set.volumeSet.placement = {1, 0};
+  return set;
+}
+
 // A database in three copies: "db" (the runs), "pristine" (as generated, then changed by
 // prepare) and "twin" (what the uninterrupted run gives, which for a database as generated must be
 // the generator's converted twin, in "generated"), with the answers byteturn and byteturn-recover ask for.
@@ -926,13 +937,7 @@ TEST(Journal, GroupsDoNotShrinkBelowTheirFloor) {
 // that is missing, or another file in its place, is named, and nothing changes.
 TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   Scratch s;
-  gendb::Params set = Rich();
-  set.lastBlock = 1000;
-  set.volumeSet.volumes = 2;
-  set.volumeSet.directories = {"more/"};
-  set.volumeSet.storedList = {"more/"};
-  set.volumeSet.placement = {1, 0};
-  const Case c = Prepare(s, set);
+  const Case c = Prepare(s, SmallSet());
   CutHalfway(c);
   const std::string volume = c.files[1];  // in more/
   ASSERT_NE(volume.find("more"), std::string::npos);
@@ -1139,13 +1144,7 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
   ExpectTwin(c);
 
   Scratch t;
-  gendb::Params set = Rich();
-  set.lastBlock = 1000;
-  set.volumeSet.volumes = 2;
-  set.volumeSet.directories = {"more/"};
-  set.volumeSet.storedList = {"more/"};
-  set.volumeSet.placement = {1, 0};
-  const Case v = Prepare(t, set);
+  const Case v = Prepare(t, SmallSet());
   CutHalfway(v);
   const RunResult rv = RecoverAt(v, t.dir, std::string("db") + Sep() + "ORVA.DAT");
   EXPECT_EQ(rv.status, 0) << rv.out << rv.err;
