@@ -193,7 +193,7 @@ bool Sanitized() {
 // Cut points of a run of operations: the first and the last ones, where the journal is made and
 // removed, and others spread between them, picked by rng.
 std::vector<std::uint64_t> CutPoints(std::uint64_t operations, std::mt19937_64& rng) {
-  const std::uint64_t ends = Emulated() ? 2 : Sanitized() ? 3 : 5, between = Emulated() ? 3 : Sanitized() ? 7 : 14;
+  const std::uint64_t ends = Emulated() || Sanitized() ? 2 : 5, between = Emulated() ? 3 : Sanitized() ? 4 : 14;
   std::vector<std::uint64_t> points;
   for (std::uint64_t n = 1; n <= ends; ++n) points.push_back(n);
   for (std::uint64_t n = operations - ends + 1; n <= operations; ++n) points.push_back(n);
@@ -454,7 +454,7 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
 
 // Every write, flush and rename of a small run, its records written by the writer thread, and by
 // the run and the writer in turn: every point with one seed (the two take turns); under the
-// sanitizers every other point, and on the emulated platforms, which run each process slowly,
+// sanitizers every fourth point, and on the emulated platforms, which run each process slowly,
 // every tenth.
 TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   gendb::Params p = Rich();
@@ -463,7 +463,7 @@ TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   Scratch s;
   const Case c = Prepare(s, p);
   const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
-  const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 2 : 1;
+  const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 4 : 1;
   for (const std::string& byRun : {std::string(), kRecordsInTurn}) {
     Reset(c);
     const RunResult whole = Convert(c, UnderTest().faultsExe, groups + byRun + "BYTETURN_POWERCUT=1000000");
@@ -575,14 +575,14 @@ TEST(Journal, ChainsOfInterruptionsEndInAJournalTheNextRecoveryFinishes) {
   EXPECT_TRUE(Exists(c.ledger)) << "the lock's removal, never made durable, is handed on";
   const std::uint64_t runFlushes = OperationsOf(whole);
   ASSERT_GT(runFlushes, 20u) << whole.err;
-  // Under the sanitizers every other flush; on the emulated platforms, which run each process
-  // slowly, the first three and every tenth, and every third cut of the recovery.
-  const std::uint64_t step = Sanitized() ? 2 : 1, cutStep = Emulated() ? 3 : 1;
+  // On the emulated platforms, which run each process slowly, and under the sanitizers: the first
+  // three flushes and every tenth, and every third cut of the recovery.
+  const bool sparse = Emulated() || Sanitized();
   // Killed at its first flushes (the journal made, its name made durable), the recovery is cut
   // further on: a name the killed run left unflushed must be durable before the recovery writes a block.
-  for (std::uint64_t k = 1; k <= runFlushes; k += step) {
-    if (Emulated() && k > 3 && k % 10 != 0) continue;
-    for (std::uint64_t m = 1; m <= (k <= 3 ? 10u : 4u); m += cutStep) {
+  for (std::uint64_t k = 1; k <= runFlushes; ++k) {
+    if (sparse && k > 3 && k % 10 != 0) continue;
+    for (std::uint64_t m = 1; m <= (k <= 3 ? 10u : 4u); m += sparse ? 3 : 1) {
       const std::uint64_t seed = k * 4 + m;
       SCOPED_TRACE("run killed at flush " + std::to_string(k) + " of " + std::to_string(runFlushes) +
                    ", recovery cut at " + std::to_string(m) + ", seed " + std::to_string(seed));

@@ -24,8 +24,8 @@ namespace {
   FailTo(stderr, "byteturn-recover: %s\n", text.c_str());
 }
 
-// No journal where the file's names or mark lead. A run interrupted before its first write leaves
-// its lock and the journal it was making: they are removed, and said so.
+// No journal where the file's names or mark lead. A run interrupted while it made its journal
+// leaves it under its temporary name, and its lock: both are removed, and said so.
 [[noreturn]] void NoJournal(const JournalFound& where) {
   if (where.marked)
     Refuse(databaseFileName + " bears the mark of an interrupted conversion, whose journal " + where.path +

@@ -2,8 +2,8 @@
 // the bytes are the whole journal file. Otherwise a journal is built from them (its header, two
 // commit sectors and the record the newer one names, with the undo of its blocks, each with its
 // checksum right), then the rest of the input changes it ((position, value) pairs) and the last of
-// them may cut it short. Also, every input is decoded as the head of a record. Whatever the reader
-// accepts must hold together.
+// them may cut it short. Also, every input is decoded as the head of a record and as a main
+// file's mark. Whatever the reader accepts must hold together.
 #include <algorithm>
 #include <cstring>
 
@@ -44,6 +44,8 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
   head.blockSize = 4096u << in.Next(1) % 2;
   head.resumeBlock = in.Next(2);
   head.maps.listed.resize(in.Next(1) % 4, 7);
+  head.landed.resize(in.Next(1) % 3, {0, 4096, 1, 2});
+  head.sample.resize(in.Next(1) % 3, {1, 0, 3, 4});
   head.entries.resize(in.Next(1) % 4);
   for (auto& e : head.entries) {
     e.volume = in.Next(1) % 4;
@@ -99,6 +101,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   bt::journal::RecordHead head;
   std::size_t undoOffset = 0;
   if (bt::journal::DecodeRecordHead(data + 1, size - 1, head, undoOffset) && undoOffset > size - 1) __builtin_trap();
+  // And as the mark at the end of a main file, of the size its first sector claims.
+  std::vector<std::uint8_t> area(bt::journal::kMarkBytes);
+  std::copy_n(data + 1, std::min(size - 1, area.size()), area.begin());
+  bt::journal::Mark mark;
+  if (bt::journal::DecodeMark(area.data(), bt::LoadLE64(area.data() + 20) + bt::journal::kMarkBytes, mark) &&
+      mark.journalPath.size() > bt::journal::kSectorBytes)
+    __builtin_trap();
 
   Source in{data + 1, size - 1};
   const std::vector<std::uint8_t> file =
