@@ -31,6 +31,14 @@ gendb::Params Rich() {
   return p;
 }
 
+// A small database with compressed blocks, for the sweeps that cut a run at every point.
+gendb::Params SmallRun() {
+  gendb::Params p = Rich();
+  p.lastBlock = 160;
+  p.compressShare = 0.3;
+  return p;
+}
+
 // Two further volumes, the first in more/.
 gendb::Params SmallSet() {
   gendb::Params set = Rich();
@@ -460,11 +468,8 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
 // sanitizers every eighth point, and on the emulated platforms, which run each process slowly,
 // every tenth.
 TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
-  gendb::Params p = Rich();
-  p.lastBlock = 160;
-  p.compressShare = 0.3;
   Scratch s;
-  const Case c = Prepare(s, p);
+  const Case c = Prepare(s, SmallRun());
   const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
   const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 8 : 1;
   for (const std::string& byRun : {std::string(), kRecordsInTurn}) {
@@ -561,14 +566,10 @@ TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
 // recovery finds it; the recovery is power-cut at each of its first operations, which loses, keeps
 // or tears the killed run's unflushed writes as well as its own; the next recovery finishes the
 // run. Both write their records in the run's thread: sized to what they hold, records lie close,
-// and the recovery's first record lands among the killed run's last ones. On the emulated
-// platforms every fifth flush, under the sanitizers every other.
+// and the recovery's first record lands among the killed run's last ones.
 TEST(Journal, ChainsOfInterruptionsEndInAJournalTheNextRecoveryFinishes) {
-  gendb::Params p = Rich();
-  p.lastBlock = 160;
-  p.compressShare = 0.3;
   Scratch s;
-  const Case c = Prepare(s, p);
+  const Case c = Prepare(s, SmallRun());
   const std::string chain = "BYTETURN_GROUP_BYTES=16384 " + kRecordByRun + "BYTETURN_PAGECACHE='" + Shown(c.ledger) + "' ";
   const std::string flushes = chain + "BYTETURN_POWERCUT_COUNTS=flushes ";
   Reset(c);
