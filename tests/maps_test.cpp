@@ -2,6 +2,7 @@
 
 #include "map_block.h"
 #include "run.h"
+#include "run_blocks.h"
 #include "state.h"
 
 using namespace testsupport;
@@ -56,7 +57,7 @@ TEST(Maps, MissingListHeadIsFatal) {
   bt::SetGeometry(2);
   bt::ResetMaps();
   std::fflush(stdout);
-  EXPECT_EQ(OUTPUT_OF_FAILURE(bt::FetchGoverningMap(5000, 2)),
+  EXPECT_EQ(OUTPUT_OF_FAILURE(bt::FetchGoverningMap(bt::RunBlocks(), 5000, 2)),
             "\r\nCould not find map block 2 in map list. map=0x0000000000000000");
 }
 

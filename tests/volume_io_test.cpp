@@ -7,6 +7,7 @@
 
 #include "platform.h"
 #include "run.h"
+#include "run_blocks.h"
 #include "state.h"
 #include "block_batch.h"
 #include "map_block.h"
@@ -116,7 +117,7 @@ TEST(VolumeIo, OutOfOrderWriteThroughAnotherPathIsReadAgain) {
   std::filesystem::create_hard_link(bt::databaseFileName, s.Path("link.dat"));
   bt::ResetMaps();
   bt::EmptyHandleCache();
-  bt::FetchGoverningMap(2, 2);  // read ahead: it governs the blocks to come
+  bt::FetchGoverningMap(bt::RunBlocks(), 2, 2);  // read ahead: it governs the blocks to come
   const platform::File read = platform::OpenReadWrite(bt::databaseFileName);
   const platform::File write = platform::OpenReadWrite(bt::databaseFileName);
   const platform::File other = platform::OpenReadWrite(s.Path("link.dat"));

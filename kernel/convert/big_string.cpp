@@ -4,13 +4,11 @@
 #include <cstring>
 #include <memory>
 
-#include "block_batch.h"
 #include "block_cipher.h"
 #include "block_header.h"
 #include "messages.h"
 #include "state.h"
 #include "vector.h"
-#include "volume_io.h"
 
 namespace bt {
 
@@ -18,6 +16,14 @@ namespace {
 alignas(16) std::uint8_t bigBuffer[kMaxBlockSize];
 constexpr char kBigUniWriteFailed[] = "\r\nCvBigUni failed to write block #%u. %s";
 constexpr char kBigVecWriteFailed[] = "\r\nCvBigVec failed to write block #%u. %s";
+constexpr char kBigVecOpenFailed[] = "\r\nCvBigVec: failed to open database volume containing block #%u. %s";
+
+// Writes bigBuffer back as block b, out of its turn; a failure ends the run with its message.
+void WriteOrFail(OtherBlocks& blocks, std::uint32_t b, const char* writeFailed, const char* openFailed) {
+  const Reach written = blocks.Write(b, bigBuffer, writeFailed);
+  if (written == Reach::kNoVolume) Fail(openFailed, b, ErrorText());
+  if (written != Reach::kDone) Fail(writeFailed, b, ErrorText());
+}
 
 struct FreeDeleter {
   void operator()(void* p) const { std::free(p); }
@@ -32,18 +38,15 @@ Allocation<T> Allocate(std::int64_t bytes) {
 }
 }  // namespace
 
-int CvBigUni(std::uint32_t b, int unicode) {
+int CvBigUni(OtherBlocks& blocks, std::uint32_t b, int unicode) {
   if (b > lastBlock) {
     Print("\r\nBig Unicode Node points to block (%u) that is not in the file.", b);
     return 0;
   }
-  std::uint32_t first = 0, last = 0;
-  platform::File file = VolumeOfBlock(b, &first, &last);
-  if (file == platform::kInvalidFile)
+  const Reach read = blocks.Read(b, bigBuffer);
+  if (read == Reach::kNoVolume)
     Fail("\r\nCvBigUni: failed to open database volume containing block #%u. %s", b, ErrorText());
-  const std::uint64_t position = BlockPosition(b, first, blockSize);
-  if (!ReadBlockAt(file, position, bigBuffer, blockSize))
-    Fail("\r\nCvBigUni failed to read block #%u. %s", b, ErrorText());
+  if (read != Reach::kDone) Fail("\r\nCvBigUni failed to read block #%u. %s", b, ErrorText());
   if (databaseEncrypted && !DecryptDataBlock(bigBuffer, bigBuffer, b)) Fail("Error decrypting CvBigUni block\n");
   if ((bigBuffer[header::kType] & header::kCompressed) && DecompressBlock(bigBuffer) == 0)
     Fail("\r\nCvBigUni: Error uncopmressing block #%u\r\n", b);
@@ -64,13 +67,11 @@ int CvBigUni(std::uint32_t b, int unicode) {
   bigBuffer[header::kOrdermark] = swapFlag ? bigstring::kOrdermarkLittle : bigstring::kOrdermarkBig;
 
   if (databaseEncrypted && !EncryptDataBlock(bigBuffer, bigBuffer, b)) Fail("Error encrypting big Unicode block\n");
-  if (!WriteBlockAt(file, position, bigBuffer, blockSize, kBigUniWriteFailed, b))
-    Fail(kBigUniWriteFailed, b, ErrorText());
-  NoteOutOfOrderWrite(file, position, bigBuffer);
+  WriteOrFail(blocks, b, kBigUniWriteFailed, "\r\nCvBigUni: failed to open database volume containing block #%u. %s");
   return 1;
 }
 
-int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
+int CvBigVec(OtherBlocks& blocks, Bytes block, std::size_t start, std::size_t pntend) {
   const std::int64_t n = (static_cast<std::int64_t>(pntend) - static_cast<std::int64_t>(start) - 4) / 4;
   const std::uint32_t capacity = blockSize - header::kSize;
   Allocation<std::uint8_t> vector = Allocate<std::uint8_t>(n * blockSize);
@@ -90,8 +91,6 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
   }
   Rev32At(block, start);
 
-  std::uint32_t first = 1, last = 0;  // no volume opened yet
-  platform::File file = platform::kInvalidFile;
   for (std::int64_t i = 0; i < n; ++i) {
     const std::uint32_t b = Take32(block.data() + start + 4 + 4 * i);
     if (b > lastBlock) {
@@ -99,13 +98,9 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
       return 0;
     }
     numbers[i] = b;
-    if (b < first || b > last || file == platform::kInvalidFile) {
-      file = VolumeOfBlock(b, &first, &last);
-      if (file == platform::kInvalidFile)
-        Fail("\r\nCvBigVec: failed to open database volume containing block #%u. %s", b, ErrorText());
-    }
-    if (!ReadBlockAt(file, BlockPosition(b, first, blockSize), bigBuffer, blockSize))
-      Fail("\r\nCvBigVec failed to read block #%u. %s", b, ErrorText());
+    const Reach read = blocks.Read(b, bigBuffer);
+    if (read == Reach::kNoVolume) Fail(kBigVecOpenFailed, b, ErrorText());
+    if (read != Reach::kDone) Fail("\r\nCvBigVec failed to read block #%u. %s", b, ErrorText());
     if (databaseEncrypted && !DecryptDataBlock(bigBuffer, bigBuffer, b))
       Fail("Error decrypting CvBigVec big string block: #%u\n", b);
     if (bigBuffer[header::kType] != kTypeBigString) {
@@ -125,16 +120,9 @@ int CvBigVec(Bytes block, std::size_t start, std::size_t pntend) {
     std::memcpy(bigBuffer + header::kSize, vector.get() + capacity * i, capacity);
     Rev32At(Bytes(bigBuffer, blockSize), header::kOffset);
     ReverseHeaderFields(Bytes(bigBuffer, blockSize));
-    if (b < first || b > last || file == platform::kInvalidFile) {
-      file = VolumeOfBlock(b, &first, &last);
-      if (file == platform::kInvalidFile)
-        Fail("\r\nCvBigVec: failed to open database volume containing block #%u. %s", b, ErrorText());
-    }
     if (databaseEncrypted && !EncryptDataBlock(bigBuffer, bigBuffer, b))
       Fail("Error encrypting big string vector block #%u\n", b);
-    if (!WriteBlockAt(file, BlockPosition(b, first, blockSize), bigBuffer, blockSize, kBigVecWriteFailed, b))
-      Fail(kBigVecWriteFailed, b, ErrorText());
-    NoteOutOfOrderWrite(file, BlockPosition(b, first, blockSize), bigBuffer);
+    WriteOrFail(blocks, b, kBigVecWriteFailed, kBigVecOpenFailed);
   }
   return 1;
 }

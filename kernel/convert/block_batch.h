@@ -36,8 +36,6 @@ void KeepBlock(std::uint32_t b, bool write);
 // Writes every converted block before the next one to the disk, in order; ends the run on a
 // write failure, naming the block.
 void WritePendingBlocks();
-// Ends the run at a write of block b that failed (the journal writes in-turn blocks late).
-[[noreturn]] void FailWritingBlock(std::uint64_t b);
 // Writes what is pending and shows every message held back: the volume's blocks are done.
 void EndVolumeBatch();
 // A block written out of order at position of file: the copy read ahead of the same bytes on disk,

@@ -25,13 +25,13 @@ bool ConvertHeaderOffset(Bytes block, std::uint32_t b, std::size_t* dataEnd) {
   return true;
 }
 
-bool ConvertOrdinaryBlock(Bytes block, std::uint32_t b, std::uint8_t code) {
+bool ConvertOrdinaryBlock(OtherBlocks& blocks, Bytes block, std::uint32_t b, std::uint8_t code) {
   std::size_t dataEnd = 0;
   if (!ConvertHeaderOffset(block, b, &dataEnd)) return false;
   ReverseHeaderFields(block);
   switch (code) {
     case kTypeData:
-    case kTypeGdir: CvDataBlock(block, b, dataEnd); break;
+    case kTypeGdir: CvDataBlock(blocks, block, b, dataEnd); break;
     case kTypePointer:
     case kTypePointer6:
     case kTypePointer66:

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "byteorder.h"
+#include "other_blocks.h"
 
 namespace bt {
 
@@ -38,6 +39,6 @@ bool ConvertHeaderOffset(Bytes block, std::uint32_t b, std::size_t* dataEnd);
 
 // Converts an ordinary block's header and then its body by type code. False when the block is to
 // be passed over (bad offset).
-bool ConvertOrdinaryBlock(Bytes block, std::uint32_t b, std::uint8_t code);
+bool ConvertOrdinaryBlock(OtherBlocks& blocks, Bytes block, std::uint32_t b, std::uint8_t code);
 
 }  // namespace bt

@@ -27,18 +27,18 @@ enum DataType : std::uint8_t {
 constexpr std::uint32_t kType2Record = 0x80000000u;
 
 // A big reference: one carried u32, then the block numbers of big string blocks.
-void ConvertBigReference(Bytes block, std::uint32_t b, int node, std::size_t p, std::size_t pntend, int unicode) {
+void ConvertBigReference(OtherBlocks& blocks, Bytes block, std::uint32_t b, int node, std::size_t p, std::size_t pntend, int unicode) {
   if (p + 1 >= pntend) return;
   Rev32At(block, p + 1);
   for (std::size_t x = p + 5; x < pntend && Fits(block, x, 4); x += 4) {
     std::uint32_t bigBlock = Take32(block.data() + x);
-    if (!CvBigUni(bigBlock, unicode))
+    if (!CvBigUni(blocks, bigBlock, unicode))
       Print("\r\nCvBigUni() failed in block %u, datablock %u, node %d. Ignored to convert.", bigBlock, b, node);
   }
 }
 
 // Converts a typed value; false when its data type is invalid and the walk must stop.
-bool ConvertValue(Bytes block, std::uint32_t b, int node, std::size_t p, std::size_t pntend) {
+bool ConvertValue(OtherBlocks& blocks, Bytes block, std::uint32_t b, int node, std::size_t p, std::size_t pntend) {
   switch (block[p]) {
     case GNode1DataInteger: RevEach(block, p + 1, pntend + 3, 4); break;  // the last group may pass pntend
     case GNode1DataSmallDouble: Rev64At(block, p + 2); break;
@@ -46,11 +46,11 @@ bool ConvertValue(Bytes block, std::uint32_t b, int node, std::size_t p, std::si
     case GNode1DataNone:
     case GNode1DataCompactStr: break;
     case GNode1DataCompactBigStr:
-    case GNode1DataBigString: ConvertBigReference(block, b, node, p, pntend, 0); break;
-    case GNode1DataBigUnicode: ConvertBigReference(block, b, node, p, pntend, 1); break;
+    case GNode1DataBigString: ConvertBigReference(blocks, block, b, node, p, pntend, 0); break;
+    case GNode1DataBigUnicode: ConvertBigReference(blocks, block, b, node, p, pntend, 1); break;
     case GNode1DataFloat: Rev64At(block, p + 1); break;
     case GNode1DataVector: CvVector(block, p + 1); break;
-    case GNode1DataVectorBig: CvBigVec(block, p + 1, pntend); break;
+    case GNode1DataVectorBig: CvBigVec(blocks, block, p + 1, pntend); break;
     default:
       Print("\r\nInvalid data type (%d) in block #%u.\r\n", block[p], b);
       return false;
@@ -60,7 +60,7 @@ bool ConvertValue(Bytes block, std::uint32_t b, int node, std::size_t p, std::si
 
 }  // namespace
 
-void CvDataBlock(Bytes block, std::uint32_t b, std::size_t dataEnd) {
+void CvDataBlock(OtherBlocks& blocks, Bytes block, std::uint32_t b, std::size_t dataEnd) {
   const unsigned long long bbuf = PointerValue(block.data());
   const bool gdir = block[header::kType] == kTypeGdir;
   const bool big = swapFlag != 0;
@@ -102,7 +102,7 @@ void CvDataBlock(Bytes block, std::uint32_t b, std::size_t dataEnd) {
               b, bbuf + pntend, bbuf, bbuf + dataEnd);
         return;
       }
-      if (!ConvertValue(block, b, node, p, pntend)) return;
+      if (!ConvertValue(blocks, block, b, node, p, pntend)) return;
     }
     p4 = pntend;
   }

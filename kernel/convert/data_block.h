@@ -4,10 +4,11 @@
 #include <cstdint>
 
 #include "byteorder.h"
+#include "other_blocks.h"
 
 namespace bt {
 
 // Converts the nodes of the data area [28, dataEnd) of a data or GDIR block in place.
-void CvDataBlock(Bytes block, std::uint32_t b, std::size_t dataEnd);
+void CvDataBlock(OtherBlocks& blocks, Bytes block, std::uint32_t b, std::size_t dataEnd);
 
 }  // namespace bt

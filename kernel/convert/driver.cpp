@@ -15,7 +15,9 @@
 #include "messages.h"
 #include "mirror_info.h"
 #include "platform.h"
+#include "run_blocks.h"
 #include "state.h"
+#include "store.h"
 #include "volume_info.h"
 #include "volume_io.h"
 #include "volume_set.h"
@@ -46,6 +48,17 @@ void ReadLabelCopy(std::uint8_t* labelCopy) {
 struct Volume {
   std::uint32_t index, first, last;
 };
+
+// The files of the volume being converted, closed when its blocks are done or the run ends.
+struct VolumeFiles {
+  platform::File read = platform::kInvalidFile, write = platform::kInvalidFile;
+} volumeFiles;
+
+void CloseVolumeFiles() {
+  platform::Close(volumeFiles.read);
+  platform::Close(volumeFiles.write);
+  volumeFiles = VolumeFiles{};
+}
 
 // Block b as it is on disk; ends the run with message (block number, system error) when it
 // cannot be read.
@@ -91,7 +104,7 @@ Step ConvertBlock(const Volume& v, std::uint32_t b) {
   const std::uint32_t m = GoverningMap(b);
   if (!IsCurrentMap(m)) {
     WritePendingBlocks();  // the map is read ahead, or missing from the list
-    FetchGoverningMap(b, m);
+    FetchGoverningMap(RunBlocks(), b, m);
   }
   if (IsFreeBlock(b)) return Step::kSkip;
   Bytes block = FetchBlockOrFail(b, "\r\nError read block #%u. %s\r\n");
@@ -107,7 +120,7 @@ Step ConvertBlock(const Volume& v, std::uint32_t b) {
     CvMirInfo(block);
     return Step::kWrite;
   }
-  return ConvertOrdinaryBlock(block, b, type) ? Step::kWrite : Step::kSkip;
+  return ConvertOrdinaryBlock(RunBlocks(), block, b, type) ? Step::kWrite : Step::kSkip;
 }
 
 void PrintProgress(std::uint32_t b, bool verbose) {
@@ -124,14 +137,15 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
     v.first = volumeFirstBlock[index];
     v.last = index == furtherVolumeCount ? lastBlock : volumeFirstBlock[index + 1] - 1;
   }
-  platform::File readFile = OpenVolumeFile(index);
+  const platform::File readFile = volumeFiles.read = OpenVolumeFile(index);
   if (readFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(index), ErrorText());
   platform::AdviseSequentialRead(readFile);
-  platform::File writeFile = OpenVolumeFile(index);
+  const platform::File writeFile = volumeFiles.write = OpenVolumeFile(index);
   if (writeFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(index), ErrorText());
 
+  Store& store = TheStore();
   BeginVolumeBatch(v.first, v.last, b, readFile, writeFile);
   std::uint64_t handled = 0;
   for (; b <= v.last; ++b, ++handled) {
@@ -140,25 +154,34 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
     PrintProgress(b, verbose);
     KeepBlock(b, step == Step::kWrite);
     ++(step == Step::kWrite ? runProgress.written : runProgress.passedOver);
-    if (JournalGroupFull()) {
+    if (store.WantsToSettle()) {
       WritePendingBlocks();
-      CommitJournalGroup(b + 1, std::uint64_t{b} + 1);
+      store.Settle(b + 1, std::uint64_t{b} + 1);
     }
     if (b == UINT32_MAX) break;
   }
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
   EndVolumeBatch();
   SyncVolumeOrFail(writeFile, index);  // on stable storage before the run says it is done
-  platform::Close(readFile);
-  platform::Close(writeFile);
+  CloseVolumeFiles();
 }
 
 }  // namespace
 
 std::string BinDirectoryOfThisProgram() { return BinDirectoryOf(platform::ExecutablePath(kBinDirectoryLimit)); }
 
+namespace {
+// What a refusal for the lock tells the operator: byteturn-recover, where an interrupted run left
+// its journal.
+std::string RecoverAdvice(const std::string& fileName) {
+  const JournalFound journal = FindJournal(fileName);
+  return journal.marked || !journal.path.empty() ? RecoverLine(journal, fileName) : std::string();
+}
+}  // namespace
+
 std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLine) {
   platform::PrepareConsole();
+  SetLockedAdvice(RecoverAdvice);
   if (!ParseCommandLine(argc, argv, commandLine)) PrintUsageAndEnd();
   databaseFileName = commandLine.fileName;
   binDirectory = BinDirectoryOfThisProgram();
@@ -173,13 +196,12 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
   EmptyHandleCache();
   ResetMaps();
   const std::string lockPath = LockPathFor(databaseFileName);
-  if (!lockPath.empty()) TakeLock(lockPath, databaseFileName);
-  HoldDatabaseFile(databaseFileName);
+  TheStore().Lock(lockPath, databaseFileName);
   // A run interrupted before (the file bears its mark), or a journal where this run's would go:
   // only byteturn-recover may go on with it, or tell what it is.
   const JournalFound journal = FindJournal(databaseFileName);
   if (journal.marked || !journal.path.empty()) {
-    ReleaseLock(lockPath);
+    TheStore().Unlock(lockPath);
     FailTo(stderr, "%s", RecoverLine(journal, databaseFileName).c_str());
   }
   return lockPath;
@@ -194,24 +216,19 @@ void ConvertVolumes(bool verbose, std::uint32_t from) {
     ConvertVolume(volume, b, verbose);
   }
   SyncHandleCache();
-  EndJournal();
+  TheStore().Finish();
 }
 
 void FinishRun(const std::string& lockPath) {
   Print("\r\nDone converting to %s", swapFlag ? "little-endian\r\n" : "big-endian\r\n");
   CloseHandleCache();
-  ReleaseLock(lockPath);
+  TheStore().Unlock(lockPath);
   EndRun(0);
 }
 
-int ByteturnMain(int argc, const char* const* argv) {
-  CommandLine commandLine;
-  const std::string lockPath = PrepareRun(argc, argv, commandLine);
-  // Nothing is read from the operator any more; losing the console must not stop a half-done run.
-  platform::KeepRunningWithoutConsole();
-  BeginJournal(commandLine.verbose, lockPath);
-  ConvertVolumes(commandLine.verbose, 1);
-  FinishRun(lockPath);
+void CloseRunFiles() {
+  CloseVolumeFiles();
+  CloseHandleCache();
 }
 
 }  // namespace bt

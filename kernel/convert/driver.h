@@ -4,10 +4,9 @@
 #include <string>
 
 #include "command_line.h"
+#include "messages.h"
 
 namespace bt {
-
-int ByteturnMain(int argc, const char* const* argv);
 
 // The run's steps, for the companion commands that share them. PrepareRun: the command line, the
 // label check and report, the volume set, the lock (its path is returned, "" for none), and the
@@ -20,5 +19,21 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
 std::string BinDirectoryOfThisProgram();
 void ConvertVolumes(bool verbose, std::uint32_t from);
 [[noreturn]] void FinishRun(const std::string& lockPath);
+// Closes every database file the run opened: the failure path of each command does so.
+void CloseRunFiles();
+
+// A command's front door: runs body, which ends the run with EndRun (a failure included); every
+// file the run opened is closed and the status returned.
+template <typename Body>
+int RunCommand(Body body) {
+  try {
+    body();
+  } catch (const RunEnded& end) {
+    CloseRunFiles();
+    return end.status;
+  }
+  CloseRunFiles();
+  return 0;
+}
 
 }  // namespace bt

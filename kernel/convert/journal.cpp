@@ -849,7 +849,7 @@ bool MainFileTakesMark(std::uint64_t size) {
 
 void BeginJournal(bool verbose, const std::string& lockPath) {
   j = Journal{};
-  j.path = checkRun ? std::string() : JournalPathFor(databaseFileName);
+  j.path = JournalPathFor(databaseFileName);
   if (j.path.empty()) return;
   j.active = true;
   j.header.runId = NewRunId();

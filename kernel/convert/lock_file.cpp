@@ -2,10 +2,8 @@
 
 #include <cstdio>
 
-#include "journal.h"
 #include "messages.h"
 #include "platform.h"
-#include "state.h"
 
 namespace bt {
 
@@ -15,6 +13,7 @@ constexpr char kLockText[] = "\tsealturn";
 // The lock taken, held open with a lock of the system's on it while the run lasts: byteturn-recover
 // tells a lock left by a run that ended from the lock of a run still going.
 platform::File heldLock = platform::kInvalidFile;
+std::string (*lockedAdvice)(const std::string&) = nullptr;
 }  // namespace
 
 std::string LockPathFor(const std::string& fileName) {
@@ -26,22 +25,21 @@ std::string LockPathFor(const std::string& fileName) {
   return fileName.substr(0, fileName.size() - n) + "orva.lck";
 }
 
-namespace {
+void SetLockedAdvice(std::string (*advice)(const std::string& fileName)) { lockedAdvice = advice; }
+
 void RefuseWhenLocked(const std::string& lockPath, const std::string& fileName) {
+  if (lockPath.empty()) return;
   if (std::FILE* existing = std::fopen(lockPath.c_str(), "r")) {
     std::fclose(existing);
-    const JournalFound journal = FindJournal(fileName);
-    FailTo(stderr, "%s is locked by Veltrano ORVA.\n%s", fileName.c_str(),
-           journal.marked || !journal.path.empty() ? RecoverLine(journal, fileName).c_str() : "");
+    const std::string advice = lockedAdvice == nullptr ? std::string() : lockedAdvice(fileName);
+    FailTo(stderr, "%s is locked by Veltrano ORVA.\n%s", fileName.c_str(), advice.c_str());
   }
 }
-}  // namespace
 
 // The lock is created exclusively, so that of two runs started together only one gets it; the
 // other finds the lock when it looks again and is told so, as it would be a moment later.
 void TakeLock(const std::string& lockPath, const std::string& fileName) {
   RefuseWhenLocked(lockPath, fileName);
-  if (checkRun) return;  // a check writes nothing, a lock neither
   std::FILE* lock = platform::CreateNewTextFile(lockPath);
   if (lock == nullptr) {
     RefuseWhenLocked(lockPath, fileName);
@@ -72,24 +70,32 @@ bool RemoveLeftLock(const std::string& lockPath) {
   return ours && platform::RemoveFile(lockPath);
 }
 
-void HoldDatabaseFile(const std::string& fileName) {
-  static platform::File held = platform::kInvalidFile;
-  if (held != platform::kInvalidFile) return;
-  const platform::File file = checkRun ? platform::OpenReadOnly(fileName) : platform::OpenReadWrite(fileName);
-  if (file == platform::kInvalidFile) return;  // the run's own open tells why
+namespace {
+// Opens the main file and takes the system's lock on it; invalid when it cannot be opened (the
+// run's own open tells why).
+platform::File LockedDatabaseFile(const std::string& fileName, platform::File file) {
+  if (file == platform::kInvalidFile) return file;
   if (!platform::TryLockExclusive(file)) {
     platform::Close(file);
     FailTo(stderr, "%s is in use by another run of byteturn.\n", fileName.c_str());
   }
-  if (checkRun)
-    platform::Close(file);  // a check only looks
-  else
-    held = file;
+  return file;
+}
+}  // namespace
+
+void HoldDatabaseFile(const std::string& fileName) {
+  static platform::File held = platform::kInvalidFile;
+  if (held != platform::kInvalidFile) return;
+  held = LockedDatabaseFile(fileName, platform::OpenReadWrite(fileName));
+}
+
+void RefuseWhenInUse(const std::string& fileName) {
+  platform::Close(LockedDatabaseFile(fileName, platform::OpenReadOnly(fileName)));
 }
 
 // A lock this process took is removed; any other only where a run of byteturn left it.
 void ReleaseLock(const std::string& lockPath) {
-  if (lockPath.empty() || checkRun) return;
+  if (lockPath.empty()) return;
   if (heldLock == platform::kInvalidFile) {
     RemoveLeftLock(lockPath);
     return;

@@ -7,13 +7,17 @@ namespace bt {
 
 // Lock path for a database file name, "" when the name takes no lock.
 std::string LockPathFor(const std::string& fileName);
-// Takes the lock; ends the process with status 1 when it is held or cannot be written. A check
-// run only looks whether it is held.
+// Takes the lock; ends the run with status 1 when it is held or cannot be written.
 void TakeLock(const std::string& lockPath, const std::string& fileName);
+// Ends the run when the lock is there (a store that writes nothing only looks). The refusal names
+// what the operator may do, as the advice function set here tells for the file (none: nothing).
+void RefuseWhenLocked(const std::string& lockPath, const std::string& fileName);
+void SetLockedAdvice(std::string (*advice)(const std::string& fileName));
 // Holds a lock of the system's on the main file itself while the process lasts, whatever names
 // it has (links): a second run on the same file through another name is refused with "%s is in
-// use by another run of byteturn." before it writes anything. A check run only looks.
+// use by another run of byteturn." before it writes anything. RefuseWhenInUse only looks.
 void HoldDatabaseFile(const std::string& fileName);
+void RefuseWhenInUse(const std::string& fileName);
 // Removes the lock this process took, or else one a run of byteturn left.
 void ReleaseLock(const std::string& lockPath);
 // Removes a lock that a run of byteturn left (its text, and no run holding it); true when removed.

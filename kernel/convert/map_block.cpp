@@ -7,7 +7,6 @@
 #include "compression.h"
 #include "messages.h"
 #include "state.h"
-#include "volume_io.h"
 
 namespace bt {
 
@@ -87,14 +86,12 @@ void ConvertMapBlock(Bytes block, std::uint32_t b) {
 
 namespace {
 // Reads map block m as it is on disk, decrypted, decompressed, reversed when swap is 1.
-void ReadMapInto(std::uint8_t* destination, std::uint32_t m, int swap) {
+void ReadMapInto(OtherBlocks& blocks, std::uint8_t* destination, std::uint32_t m, int swap) {
   if (m > lastBlock) Fail("\r\nReadCurMap block points to block (%u) that is not in the fileset.", m);
-  std::uint32_t first = 0, last = 0;
-  platform::File file = VolumeOfBlock(m, &first, &last);
-  if (file == platform::kInvalidFile)
+  const Reach read = blocks.Read(m, destination);
+  if (read == Reach::kNoVolume)
     Fail("\r\nReadCurMap: failed to open database volume containing block #%u. %s", m, ErrorText());
-  if (!ReadBlockAt(file, BlockPosition(m, first, blockSize), destination, blockSize))
-    Fail("\r\nReadCurMap failed to read block #%u. %s", m, ErrorText());
+  if (read != Reach::kDone) Fail("\r\nReadCurMap failed to read block #%u. %s", m, ErrorText());
   if (databaseEncrypted && !DecryptDataBlock(destination, destination, m))
     Fail("Error decrypting big ReadCurMap block\n");
   if ((destination[4] & 0x80) && DecompressBlock(destination) == 0)
@@ -105,10 +102,10 @@ void ReadMapInto(std::uint8_t* destination, std::uint32_t m, int swap) {
 }
 }  // namespace
 
-void FetchGoverningMap(std::uint32_t b, std::uint32_t m) {
+void FetchGoverningMap(OtherBlocks& blocks, std::uint32_t b, std::uint32_t m) {
   if (m == currentMapNumber) return;
   if (b <= m) {
-    ReadCurMap(m, swapFlag);
+    ReadCurMap(blocks, m, swapFlag);
   } else {
     if (listHead == nullptr || listHead->blockNumber != m)
       Fail("\r\nCould not find map block %u in map list. map=0x" BT_PTR, m, PointerValue(listHead));
@@ -121,7 +118,7 @@ void FetchGoverningMap(std::uint32_t b, std::uint32_t m) {
   currentMapNumber = m;
 }
 
-void ReadCurMap(std::uint32_t m, int swap) { ReadMapInto(currentMap, m, swap); }
+void ReadCurMap(OtherBlocks& blocks, std::uint32_t m, int swap) { ReadMapInto(blocks, currentMap, m, swap); }
 
 MapState SaveMapState() {
   MapState state{currentMapNumber, {}};
@@ -129,15 +126,15 @@ MapState SaveMapState() {
   return state;
 }
 
-void RestoreMapState(const MapState& state, std::uint32_t resumeBlock) {
+void RestoreMapState(OtherBlocks& blocks, const MapState& state, std::uint32_t resumeBlock) {
   ResetMaps();
   const auto order = [&](std::uint32_t m) { return m < resumeBlock ? 1 - swapFlag : swapFlag; };
   alignas(16) static std::uint8_t map[kMaxBlockSize];
   for (std::uint32_t m : state.listed) {
-    ReadMapInto(map, m, order(m));
+    ReadMapInto(blocks, map, m, order(m));
     AppendToMapList(m, map);
   }
-  if (state.current != 0) ReadCurMap(state.current, order(state.current));
+  if (state.current != 0) ReadCurMap(blocks, state.current, order(state.current));
   currentMapNumber = state.current;
 }
 

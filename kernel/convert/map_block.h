@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "byteorder.h"
+#include "other_blocks.h"
 
 namespace bt {
 
@@ -28,9 +29,9 @@ void ReverseMapFields(Bytes block);
 // Converts map area block b in the block buffer and lists a copy of a true map.
 void ConvertMapBlock(Bytes block, std::uint32_t b);
 // Reads map block m into the current map, in this machine's order.
-void ReadCurMap(std::uint32_t m, int swap);
+void ReadCurMap(OtherBlocks& blocks, std::uint32_t m, int swap);
 // Makes map m the current map: read ahead, or taken from the head of the map list.
-void FetchGoverningMap(std::uint32_t b, std::uint32_t m);
+void FetchGoverningMap(OtherBlocks& blocks, std::uint32_t b, std::uint32_t m);
 // True when map m is the current map (its free bits are known).
 bool IsCurrentMap(std::uint32_t m);
 // True when the current map marks block b as free.
@@ -46,6 +47,6 @@ struct MapState {
   std::vector<std::uint32_t> listed;
 };
 MapState SaveMapState();
-void RestoreMapState(const MapState& state, std::uint32_t resumeBlock);
+void RestoreMapState(OtherBlocks& blocks, const MapState& state, std::uint32_t resumeBlock);
 
 }  // namespace bt

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "state.h"
+#include "platform.h"
 
 namespace bt {
 
@@ -134,15 +134,29 @@ void MuteOutput() { pass.muted = true; }
 std::uint64_t OutputMade() { return pass.made; }
 const std::string& LastFailure() { return lastFailure; }
 
+const char* ErrorText() {
+  static char text[320];
+  const int code = platform::LastError();
+  const std::string system = platform::SystemErrorText(code);
+  if (system.empty())
+    std::snprintf(text, sizeof text, "Error %d=(unknown error)", code);
+  else
+    std::snprintf(text, sizeof text, "Error %d=(%.200s)", code, system.c_str());
+  return text;
+}
+
+void FailWritingBlock(std::uint64_t b) {
+  RunFailureHook();
+  ReleaseHeldOutput(b);
+  DiscardHeldOutput();
+  if (b == 1) Fail("\r\nWrite of label block failed. %s\r\n", ErrorText());
+  Fail("\r\nError writing block %u. %s\r\n", static_cast<std::uint32_t>(b), ErrorText());
+}
+
 void EndRun(int status) {
   std::fflush(stdout);
   std::fflush(stderr);
-#ifdef BYTETURN_FUZZ
   throw RunEnded{status};
-#else
-  if (checkRun) throw RunEnded{status};
-  std::exit(status);
-#endif
 }
 
 void Fail(const char* format, ...) {

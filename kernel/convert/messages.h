@@ -1,5 +1,5 @@
 // Console output. Messages are written byte for byte as given (CR LF stays CR LF); a fatal
-// failure prints what is held back, then its one message, and ends the process with status 1.
+// failure prints what is held back, then its one message, and ends the run with status 1.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,9 @@ void Print(const char* format, ...) BT_PRINTF(1, 2);
 void PrintTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
 [[noreturn]] void Fail(const char* format, ...) BT_PRINTF(1, 2);
 [[noreturn]] void FailTo(std::FILE* stream, const char* format, ...) BT_PRINTF(2, 3);
-// Ends the process with status. A fuzzing build (BYTETURN_FUZZ) and a check run throw RunEnded
-// instead, so that the fuzz targets go on after a refusal and the check gives its verdict.
+// Ends the run with status: the output is flushed and RunEnded thrown, which each command's front
+// door catches (it closes what the run opened and returns the status); the check gives its
+// verdict, a fuzz target goes on with its next input.
 [[noreturn]] void EndRun(int status);
 struct RunEnded {
   int status;
@@ -54,6 +55,12 @@ void MuteOutput();
 std::uint64_t OutputMade();
 // The text of the last failure, as it was printed.
 const std::string& LastFailure();
+
+// Ends the run at a write of block b that failed (1: the label block): what the blocks before it
+// printed is shown, what later ones printed is not, as when the blocks are written one at a time.
+[[noreturn]] void FailWritingBlock(std::uint64_t b);
+// "Error %d=(%s)" for the last system error; take it right after the failing call.
+const char* ErrorText();
 
 // A pointer as the messages show it after "0x": 16 upper-case hexadecimal digits.
 inline unsigned long long PointerValue(const void* p) {

@@ -1,4 +1,5 @@
 #include "recover.h"
+#include "run_blocks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include "driver.h"
 #include "journal.h"
 #include "journal_format.h"
+#include "journaled_store.h"
 #include "label_block.h"
 #include "lock_file.h"
 #include "map_block.h"
@@ -275,7 +277,8 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
 
 }  // namespace
 
-int RecoverMain(int argc, const char* const* argv) {
+namespace {
+void Recover(int argc, const char* const* argv) {
   platform::PrepareConsole();
   if (argc != 2 || argv[1][0] == '\0') {
     PrintTo(stderr, "usage: byteturn-recover FILE\n");
@@ -304,11 +307,17 @@ int RecoverMain(int argc, const char* const* argv) {
   platform::KeepRunningWithoutConsole();
   EmptyHandleCache();
   ContinueJournal({file, path, &found, resume});
+  UseStore(JournaledStore());
   if (found.commit.number != 0) NoteResumedBlocks(PutBackOrFail(found));
-  RestoreMapState(found.commit.number == 0 ? MapState{} : found.head.maps, resume);
+  RestoreMapState(RunBlocks(), found.commit.number == 0 ? MapState{} : found.head.maps, resume);
   ConvertVolumes(found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
   FinishRun(found.header.lockPath.empty() ? LockPathFor(databaseFileName) : found.header.lockPath);
+}
+}  // namespace
+
+int RecoverMain(int argc, const char* const* argv) {
+  return RunCommand([&] { Recover(argc, argv); });
 }
 
 }  // namespace bt

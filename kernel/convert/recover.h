@@ -7,6 +7,6 @@
 
 namespace bt {
 
-[[noreturn]] int RecoverMain(int argc, const char* const* argv);
+int RecoverMain(int argc, const char* const* argv);
 
 }  // namespace bt

@@ -1,3 +1,3 @@
 #include "recover.h"
 
-int main(int argc, char** argv) { bt::RecoverMain(argc, argv); }
+int main(int argc, char** argv) { return bt::RecoverMain(argc, argv); }

@@ -29,7 +29,6 @@ std::string binDirectory;
 
 alignas(16) std::uint8_t blockBuffer[kMaxBlockSize];
 
-bool checkRun = false;
 RunProgress runProgress;
 
 std::string primaryDirectory;

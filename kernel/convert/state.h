@@ -39,8 +39,6 @@ extern crypto::AesKeySchedule encryptionKeySchedule;
 extern crypto::AesKeySchedule decryptionKeySchedule;
 extern bool databaseKeyLoaded;
 
-// byteturn-check: the run reads and converts every block as byteturn would, and writes nothing.
-extern bool checkRun;
 // What the block loop has done so far: the block whose turn it is, and of the blocks before it
 // those written back and those passed over (free, big string, bad).
 struct RunProgress {

@@ -4,11 +4,9 @@
 #include <utility>
 #include <vector>
 
-#include "block_batch.h"
-#include "check_run.h"
-#include "journal.h"
 #include "messages.h"
 #include "state.h"
+#include "store.h"
 #include "volume_set.h"
 
 namespace bt {
@@ -22,7 +20,6 @@ CacheSlot handleCache[kHandleCacheSlots];
 int nextSlot = 0;
 // The identity of every database file handle, found at its open (a handle number may be reused).
 std::vector<std::pair<platform::File, platform::FileIdentity>> openIdentities;
-char errorText[320];
 }  // namespace
 
 std::string VolumePath(std::uint32_t volume) {
@@ -35,7 +32,7 @@ std::string VolumePath(std::uint32_t volume) {
 }
 
 platform::File OpenDatabaseFile(const std::string& path) {
-  const platform::File file = checkRun ? platform::OpenReadOnly(path) : platform::OpenReadWrite(path);
+  const platform::File file = TheStore().Open(path);
   if (file == platform::kInvalidFile) return file;
   const platform::FileIdentity identity = platform::IdentityOf(file);
   for (auto& [handle, known] : openIdentities)
@@ -69,7 +66,7 @@ platform::File OpenVolumeFile(std::uint32_t volume) {
   std::string path = VolumePath(volume);
   if (path.empty()) return platform::kInvalidFile;
   const platform::File file = OpenDatabaseFile(path);
-  if (file != platform::kInvalidFile) NoteVolumeOfFile(file, volume);
+  if (file != platform::kInvalidFile) TheStore().NoteVolume(file, volume);
   return file;
 }
 
@@ -99,8 +96,6 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
 }
 
 platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
-  // An access out of order sees the disk as the block-at-a-time run would have left it.
-  WritePendingBlocks();
   int volume = static_cast<int>(VolumeIndexOfBlock(b, first, last));
   for (const CacheSlot& slot : handleCache)
     if (slot.volume == volume && slot.file != platform::kInvalidFile) return slot.file;
@@ -130,9 +125,7 @@ void EmptyHandleCache() {
 }
 
 void SyncVolumeOrFail(platform::File file, std::uint32_t volume) {
-  if (checkRun) return;  // nothing was written
-  platform::ClearLastError();
-  if (!platform::Sync(file)) Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(volume), ErrorText());
+  if (!TheStore().Flush(file)) Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(volume), ErrorText());
 }
 
 // Blocks rewritten out of order (big strings) went through these handles.
@@ -170,36 +163,12 @@ bool WriteThrough(platform::File file, std::uint64_t position, const std::uint8_
 }
 
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
-  if (!ReadThrough(file, position, buffer, size)) return false;
-  if (checkRun) SeeWritesOfTheRun(file, position, buffer, size);
-  if (JournalHoldsWrites()) {
-    if (ReadReachesMark(file, position, size)) {
-      platform::RecordShortTransfer(false);  // the read the file would give without the mark
-      return false;
-    }
-    SeeJournaledWrites(file, position, buffer, size);
-  }
-  return true;
+  return TheStore().Read(file, position, buffer, size);
 }
 
 bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
                   const char* failure, std::uint32_t block) {
-  if (checkRun) return HoldWrite(file, position, buffer, size);
-  if (JournalHoldsWrites()) {
-    HoldJournaledWrite(file, position, buffer, size, failure, block);
-    return true;
-  }
-  return WriteThrough(file, position, buffer, size);
-}
-
-const char* ErrorText() {
-  int code = platform::LastError();
-  std::string text = platform::SystemErrorText(code);
-  if (text.empty())
-    std::snprintf(errorText, sizeof errorText, "Error %d=(unknown error)", code);
-  else
-    std::snprintf(errorText, sizeof errorText, "Error %d=(%.200s)", code, text.c_str());
-  return errorText;
+  return TheStore().Write(file, position, buffer, size, failure, block);
 }
 
 }  // namespace bt

@@ -12,8 +12,8 @@ namespace bt {
 inline constexpr int kHandleCacheSlots = 10;
 
 std::string VolumePath(std::uint32_t volume);
-// Opens a database, volume or marker file for reading and writing (only for reading in a check
-// run), and notes the identity of the file behind the handle.
+// Opens a database, volume or marker file as the store in use does, and notes the identity of the
+// file behind the handle.
 platform::File OpenDatabaseFile(const std::string& path);
 // The identity of a file opened by OpenDatabaseFile (asked of the system for any other handle).
 platform::FileIdentity IdentityOfDatabaseFile(platform::File file);
@@ -39,18 +39,14 @@ int HandleCacheSlotVolume(int slot);
 inline std::uint64_t BlockPosition(std::uint32_t b, std::uint32_t first, std::uint32_t size) {
   return std::uint64_t{b - first} * size;
 }
-// Reads or writes exactly size bytes at position; false on failure or a short transfer. In a check
-// run a write is held instead (check_run.h), and a read sees what the run has written.
+// Reads or writes exactly size bytes at position through the store in use (store.h); false on
+// failure or a short transfer. A read sees what the run has written; failure is the run's message
+// for a write that fails later, with the block number.
 bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
-// A journaled run holds the write (journal.h); failure is then the run's message for it, with
-// the block number, when it fails later (none: blocks written in their turn, block the first).
 bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
                   const char* failure = nullptr, std::uint32_t block = 0);
-// The same, on the disk at once, whatever the run: the journal's own transfers.
+// The same, on the disk at once, whatever the store: the stores' own transfers.
 bool ReadThrough(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size);
 bool WriteThrough(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size);
-
-// "Error %d=(%s)" for the last system error; take it right after the failing call.
-const char* ErrorText();
 
 }  // namespace bt

@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (kTypes[selector] == bt::kTypeMirrorInfo)
         bt::CvMirInfo(span);
       else
-        bt::ConvertOrdinaryBlock(span, 77, kTypes[selector] & 0x7F);
+        bt::ConvertOrdinaryBlock(fuzz::NoOtherBlocks(), span, 77, kTypes[selector] & 0x7F);
     } else if (selector < 0x80) {
       bt::ConvertMapBlock(span, 2 + selector % 16);
     } else if (selector < 0xC0) {

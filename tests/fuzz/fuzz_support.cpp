@@ -20,6 +20,16 @@ void ResetRun(std::uint32_t code, int swap) {
   bt::EmptyHandleCache();
 }
 
+namespace {
+class None final : public bt::OtherBlocks {
+ public:
+  bt::Reach Read(std::uint32_t, std::uint8_t*) override { return bt::Reach::kNoVolume; }
+  bt::Reach Write(std::uint32_t, const std::uint8_t*, const char*) override { return bt::Reach::kNoVolume; }
+} none;
+}  // namespace
+
+bt::OtherBlocks& NoOtherBlocks() { return none; }
+
 std::vector<std::uint8_t> BlockOf(const std::uint8_t* data, std::size_t size, std::size_t skip) {
   std::vector<std::uint8_t> block(bt::blockSize, 0);
   if (size > skip) std::memcpy(block.data(), data + skip, std::min<std::size_t>(size - skip, block.size()));

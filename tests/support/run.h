@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "gendb.h"
+#include "messages.h"
 
 namespace testsupport {
 
@@ -76,14 +77,19 @@ std::string WithoutAddresses(std::string out);
 inline std::string EndOfFileError() { return ErrorShown(Codes().endOfFile); }
 
 // Runs body in a child process that must end with status 1 (a fatal failure of the program's
-// own code), and returns what it printed on standard output.
+// own code, which ends the run by throwing RunEnded), and returns what it printed on standard
+// output.
 #define OUTPUT_OF_FAILURE(body)                                                  \
   [&] {                                                                          \
     const std::string file_ = testsupport::ScratchFileName("failure-output");    \
     EXPECT_EXIT(                                                                 \
         {                                                                        \
           if (std::freopen(file_.c_str(), "wb", stdout) == nullptr) std::abort(); \
-          body;                                                                  \
+          try {                                                                  \
+            body;                                                                \
+          } catch (const bt::RunEnded& end_) {                                   \
+            std::exit(end_.status);                                              \
+          }                                                                      \
         },                                                                       \
         ::testing::ExitedWithCode(1), "");                                       \
     return testsupport::ReadText(file_);                                         \

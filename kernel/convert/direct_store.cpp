@@ -1,0 +1,61 @@
+#include "direct_store.h"
+
+#include "lock_file.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace {
+
+// Every so many bytes written in turn the disk is set to work on them, so that the flush at the
+// end of the volume waits for little more than the last of them. Two batches: the benchmark's
+// runs took a quarter less time than with 8 MiB, whose larger pieces keep the writer waiting on
+// the disk.
+constexpr std::uint64_t kWriteBackBytes = std::uint64_t{2} << 20;
+
+class Direct final : public Store {
+ public:
+  platform::File Open(const std::string& path) override { return platform::OpenReadWrite(path); }
+  void Lock(const std::string& lockPath, const std::string& fileName) override {
+    if (!lockPath.empty()) TakeLock(lockPath, fileName);
+    HoldDatabaseFile(fileName);
+  }
+  void Unlock(const std::string& lockPath) override { ReleaseLock(lockPath); }
+  bool Read(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) override {
+    return ReadThrough(file, position, buffer, size);
+  }
+  bool Write(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size, const char*,
+             std::uint32_t) override {
+    return WriteThrough(file, position, bytes, size);
+  }
+  void BeginInTurn(platform::File file, std::uint64_t position) override {
+    inTurnFile_ = file;
+    writeBackFrom_ = position;
+  }
+  bool WriteInTurn(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
+                   std::uint32_t) override {
+    if (!WriteThrough(file, position, bytes, size)) return false;
+    const std::uint64_t end = position + size;
+    if (file == inTurnFile_ && end - writeBackFrom_ >= kWriteBackBytes) {
+      platform::StartWriteBack(file, writeBackFrom_, end - writeBackFrom_);
+      writeBackFrom_ = end;
+    }
+    return true;
+  }
+  bool Flush(platform::File file) override {
+    platform::ClearLastError();
+    return platform::Sync(file);
+  }
+
+ private:
+  platform::File inTurnFile_ = platform::kInvalidFile;
+  std::uint64_t writeBackFrom_ = 0;
+};
+
+Direct direct;
+
+}  // namespace
+
+Store& DirectStore() { return direct; }
+
+}  // namespace bt
