@@ -8,7 +8,7 @@
 #include "mirror_info.h"
 #include "pointer_block.h"
 #include "run.h"
-#include "run_blocks.h"
+#include "pass.h"
 #include "state.h"
 #include "vector.h"
 #include "volume_io.h"
@@ -71,7 +71,9 @@ struct Block {
   }
   std::string Data(std::size_t dataEnd, std::uint32_t b = 77) {
     ::testing::internal::CaptureStdout();
-    bt::CvDataBlock(bt::RunBlocks(), bt::Bytes(bytes), b, dataEnd);
+    bt::HandleCache handles;
+    bt::FilesOfThePass blocks(handles);
+    bt::CvDataBlock(blocks, bt::Bytes(bytes), b, dataEnd);
     return ::testing::internal::GetCapturedStdout();
   }
   std::string Pointer(std::size_t dataEnd) {
@@ -355,27 +357,26 @@ TEST(Bodies, BigStringBlocksOnDisk) {
   file[4096 * 3 + 4] = 24;   // block 4: big string in big-endian order already converted?
   file[4096 * 3 + 24] = 0xBB;
   WriteBytes(bt::databaseFileName, 0, file);
-  bt::EmptyHandleCache();
+  bt::Pass pass;
 
   ::testing::internal::CaptureStdout();
-  EXPECT_EQ(bt::CvBigUni(bt::RunBlocks(), 2, 1), 0);
-  EXPECT_EQ(bt::CvBigUni(bt::RunBlocks(), 3, 0), 0);
-  EXPECT_EQ(bt::CvBigUni(bt::RunBlocks(), 4, 1), 1);  // ordermark says: done already
+  EXPECT_EQ(bt::CvBigUni(pass.blocks, 2, 1), 0);
+  EXPECT_EQ(bt::CvBigUni(pass.blocks, 3, 0), 0);
+  EXPECT_EQ(bt::CvBigUni(pass.blocks, 4, 1), 1);  // ordermark says: done already
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\r\nBad big string block, block #3, bad offset 2130706432\r\n");
   EXPECT_EQ(ReadBytes(bt::databaseFileName), file);
 
   std::vector<std::uint8_t> node(40, 0);
   node[11] = 2;  // first block number: 2, a data block
   ::testing::internal::CaptureStdout();
-  EXPECT_EQ(bt::CvBigVec(bt::RunBlocks(), bt::Bytes(node), 4, 12), 0);
-  EXPECT_EQ(bt::CvBigVec(bt::RunBlocks(), bt::Bytes(node), 4, 8), 1);  // n = 0: nothing read or written
+  EXPECT_EQ(bt::CvBigVec(pass.blocks, bt::Bytes(node), 4, 12), 0);
+  EXPECT_EQ(bt::CvBigVec(pass.blocks, bt::Bytes(node), 4, 8), 1);  // n = 0: nothing read or written
   node[19] = 9;
-  EXPECT_EQ(bt::CvBigVec(bt::RunBlocks(), bt::Bytes(node), 12, 20), 0);
+  EXPECT_EQ(bt::CvBigVec(pass.blocks, bt::Bytes(node), 12, 20), 0);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "\r\nCvBigVec: Block 2 does not have the expected big string block type (8)."
             "\r\nCvBigVec: Node points to block (9) that is not in the file.");
   EXPECT_EQ(ReadBytes(bt::databaseFileName), file);
-  bt::CloseHandleCache();
 }
 
 }  // namespace

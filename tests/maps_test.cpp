@@ -2,7 +2,7 @@
 
 #include "map_block.h"
 #include "run.h"
-#include "run_blocks.h"
+#include "pass.h"
 #include "state.h"
 
 using namespace testsupport;
@@ -55,9 +55,9 @@ TEST(Maps, MissingListHeadIsFatal) {
   // The message goes to standard output; a death test only sees stderr, so run it in a child
   // whose stdout is redirected to stderr.
   bt::SetGeometry(2);
-  bt::ResetMaps();
+  bt::Pass pass;
   std::fflush(stdout);
-  EXPECT_EQ(OUTPUT_OF_FAILURE(bt::FetchGoverningMap(bt::RunBlocks(), 5000, 2)),
+  EXPECT_EQ(OUTPUT_OF_FAILURE(bt::FetchGoverningMap(pass.maps, pass.blocks, 5000, 2)),
             "\r\nCould not find map block 2 in map list. map=0x0000000000000000");
 }
 

@@ -7,7 +7,7 @@
 
 #include "platform.h"
 #include "run.h"
-#include "run_blocks.h"
+#include "pass.h"
 #include "state.h"
 #include "block_batch.h"
 #include "map_block.h"
@@ -57,35 +57,34 @@ TEST(VolumeIo, VolumeOfBlockFindsRangesAtTheirEdges) {
 TEST(VolumeIo, HandleCacheRefillsRoundRobin) {
   Scratch s;
   SetUpTwelveVolumes(s);
-  bt::EmptyHandleCache();
+  bt::HandleCache cache;
   std::uint32_t first = 0, last = 0;
-  platform::File f0 = bt::VolumeOfBlock(5, &first, &last);
+  platform::File f0 = cache.Of(5, &first, &last);
   ASSERT_NE(f0, platform::kInvalidFile);
-  EXPECT_EQ(bt::VolumeOfBlock(7, &first, &last), f0);  // reused, not opened again
-  for (std::uint32_t v = 1; v <= 9; ++v) EXPECT_NE(bt::VolumeOfBlock(10 * v + 1, &first, &last), platform::kInvalidFile);
-  for (int slot = 0; slot < bt::kHandleCacheSlots; ++slot) EXPECT_EQ(bt::HandleCacheSlotVolume(slot), slot);
+  EXPECT_EQ(cache.Of(7, &first, &last), f0);  // reused, not opened again
+  for (std::uint32_t v = 1; v <= 9; ++v) EXPECT_NE(cache.Of(10 * v + 1, &first, &last), platform::kInvalidFile);
+  for (int slot = 0; slot < bt::kHandleCacheSlots; ++slot) EXPECT_EQ(cache.SlotVolume(slot), slot);
   // The eleventh volume replaces the oldest slot; touching volume 1 again does not protect it.
-  bt::VolumeOfBlock(11, &first, &last);
-  bt::VolumeOfBlock(101, &first, &last);
-  EXPECT_EQ(bt::HandleCacheSlotVolume(0), 10);
-  bt::VolumeOfBlock(111, &first, &last);
-  EXPECT_EQ(bt::HandleCacheSlotVolume(1), 11);
-  EXPECT_EQ(bt::HandleCacheSlotVolume(2), 2);
-  bt::CloseHandleCache();
-  for (int slot = 0; slot < bt::kHandleCacheSlots; ++slot) EXPECT_EQ(bt::HandleCacheSlotVolume(slot), -1);
+  cache.Of(11, &first, &last);
+  cache.Of(101, &first, &last);
+  EXPECT_EQ(cache.SlotVolume(0), 10);
+  cache.Of(111, &first, &last);
+  EXPECT_EQ(cache.SlotVolume(1), 11);
+  EXPECT_EQ(cache.SlotVolume(2), 2);
+  cache.CloseAll();
+  for (int slot = 0; slot < bt::kHandleCacheSlots; ++slot) EXPECT_EQ(cache.SlotVolume(slot), -1);
 }
 
 TEST(VolumeIo, MissingVolumeGivesInvalidHandleAndAdvances) {
   Scratch s;
   SetUpTwelveVolumes(s);
   std::filesystem::remove(s.Path("ORVA-0003.VOL"));
-  bt::EmptyHandleCache();
+  bt::HandleCache cache;
   std::uint32_t first = 0, last = 0;
-  EXPECT_EQ(bt::VolumeOfBlock(31, &first, &last), platform::kInvalidFile);
-  EXPECT_EQ(bt::HandleCacheSlotVolume(0), -1);
-  EXPECT_NE(bt::VolumeOfBlock(41, &first, &last), platform::kInvalidFile);
-  EXPECT_EQ(bt::HandleCacheSlotVolume(1), 4);
-  bt::CloseHandleCache();
+  EXPECT_EQ(cache.Of(31, &first, &last), platform::kInvalidFile);
+  EXPECT_EQ(cache.SlotVolume(0), -1);
+  EXPECT_NE(cache.Of(41, &first, &last), platform::kInvalidFile);
+  EXPECT_EQ(cache.SlotVolume(1), 4);
 }
 
 TEST(VolumeIo, ErrorText) {
@@ -115,13 +114,12 @@ TEST(VolumeIo, OutOfOrderWriteThroughAnotherPathIsReadAgain) {
   bytes[4096 + bt::map::kMapMark] = bt::map::kMapMarkValue;
   WriteBytes(bt::databaseFileName, 0, bytes);
   std::filesystem::create_hard_link(bt::databaseFileName, s.Path("link.dat"));
-  bt::ResetMaps();
-  bt::EmptyHandleCache();
-  bt::FetchGoverningMap(bt::RunBlocks(), 2, 2);  // read ahead: it governs the blocks to come
+  bt::Pass pass;
+  bt::FetchGoverningMap(pass.maps, pass.blocks, 2, 2);  // read ahead: it governs the blocks to come
   const platform::File read = platform::OpenReadWrite(bt::databaseFileName);
   const platform::File write = platform::OpenReadWrite(bt::databaseFileName);
   const platform::File other = platform::OpenReadWrite(s.Path("link.dat"));
-  bt::BeginVolumeBatch(1, 64, 1, read, write);
+  bt::BeginVolumeBatch(pass.maps, 1, 64, 1, read, write);
   for (std::uint32_t b = 1; b <= 20; ++b) {
     ASSERT_FALSE(bt::FetchBlock(b).empty());
     bt::KeepBlock(b, false);
@@ -136,7 +134,6 @@ TEST(VolumeIo, OutOfOrderWriteThroughAnotherPathIsReadAgain) {
     bt::KeepBlock(b, false);
   }
   bt::EndVolumeBatch();
-  bt::CloseHandleCache();
   for (const platform::File f : {read, write, other}) platform::Close(f);
 }
 

@@ -29,6 +29,7 @@ struct VolumeBatch {
   std::uint64_t firstWaiting = kNothingWaits;    // the first of them that is to be written
   std::uint64_t next = 0;                        // the block whose turn it is
   std::uint64_t slots = 0;                       // blocks per batch
+  const Maps* maps = nullptr;                    // of the pass: which blocks are free
   bool write[kMaxSlots] = {};                    // by slot: kept to be written
 } batch;
 
@@ -48,7 +49,7 @@ std::uint64_t ReadExtent(std::uint64_t b, bool throughFree) {
   for (; n < batch.slots && b + n <= batch.last; ++n) {
     const std::uint32_t c = static_cast<std::uint32_t>(b + n);
     if (c == volumeInfoBlockNumber || InMapArea(c)) continue;  // read whatever the map says
-    if (!IsCurrentMap(GoverningMap(c)) || (!throughFree && IsFreeBlock(c))) break;
+    if (!IsCurrentMap(*batch.maps, GoverningMap(c)) || (!throughFree && IsFreeBlock(*batch.maps, c))) break;
   }
   return n;
 }
@@ -113,9 +114,10 @@ bool ReadRun(std::uint64_t b, std::uint64_t n) {
 
 }  // namespace
 
-void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, std::uint32_t from, platform::File readFile,
-                      platform::File writeFile) {
+void BeginVolumeBatch(const Maps& maps, std::uint32_t first, std::uint32_t last, std::uint32_t from,
+                      platform::File readFile, platform::File writeFile) {
   batch = VolumeBatch{};
+  batch.maps = &maps;
   batch.first = first;
   batch.last = last;
   batch.readFile = readFile;

@@ -17,15 +17,16 @@
 #include <cstdint>
 
 #include "byteorder.h"
+#include "map_block.h"
 #include "platform.h"
 
 namespace bt {
 
 // Starts the volume whose blocks first..last are read through readFile and written through
-// writeFile; its messages are held back from here on.
+// writeFile, the pass's maps telling which are free; its messages are held back from here on.
 // The run may begin at a later block from (a recovered run).
-void BeginVolumeBatch(std::uint32_t first, std::uint32_t last, std::uint32_t from, platform::File readFile,
-                      platform::File writeFile);
+void BeginVolumeBatch(const Maps& maps, std::uint32_t first, std::uint32_t last, std::uint32_t from,
+                      platform::File readFile, platform::File writeFile);
 // Block b (the next one in order) as it is on disk, read ahead with the blocks that follow it
 // when it is not there already; an empty span when it cannot be read (the system error is
 // recorded, and every converted block before b is on disk).

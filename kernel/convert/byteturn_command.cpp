@@ -13,10 +13,11 @@ int ByteturnMain(int argc, const char* const* argv) {
     const std::string lockPath = PrepareRun(argc, argv, commandLine);
     // Nothing is read from the operator any more; losing the console must not stop a half-done run.
     platform::KeepRunningWithoutConsole();
-    BeginJournal(commandLine.verbose, lockPath);  // none where BYTETURN_JOURNAL is "off"
+    Pass pass;
+    BeginJournal(commandLine.verbose, lockPath, pass.maps);  // none where BYTETURN_JOURNAL is "off"
     UseStore(JournalHoldsWrites() ? JournaledStore() : DirectStore());
-    ConvertVolumes(commandLine.verbose, 1);
-    FinishRun(lockPath);
+    ConvertVolumes(pass, commandLine.verbose, 1);
+    FinishRun(pass, lockPath);
   });
 }
 

@@ -4,10 +4,9 @@
 #include <cstdio>
 #include <string>
 
-#include "compression.h"
 #include "driver.h"
 #include "held_store.h"
-#include "map_block.h"
+#include "pass.h"
 #include "messages.h"
 #include "state.h"
 #include "store.h"
@@ -23,13 +22,7 @@ void BeginPass(std::uint64_t alreadyShown) {
   DiscardHeldOutput();
   HoldOutput(false);
   CountOutput(alreadyShown);
-  CloseHandleCache();
-  EmptyHandleCache();
-  ResetMaps();
   BeginHeldPass();
-  // A library that failed to load is reported again, as in the pass before.
-  for (compression::CompressionMethod& method : compression::compressionMethodTable)
-    method.stateFlags &= ~compression::kLoadFailed;
 }
 
 // The failure's text on one line: each run of line ends becomes a space, none is left before a
@@ -49,7 +42,7 @@ std::string OneLine(const std::string& text) {
 
 enum class Outcome { kNotStarted, kReport, kStopped, kCompleted, kCannotTell };
 
-int Verdict(Outcome outcome, const std::string& lockPath, const std::string& why = "") {
+int Verdict(Outcome outcome, const RunProgress& progress, const std::string& lockPath, const std::string& why = "") {
   std::string text;
   const std::string failure = OneLine(LastFailure());
   switch (outcome) {
@@ -61,15 +54,15 @@ int Verdict(Outcome outcome, const std::string& lockPath, const std::string& why
              "); nothing would be written.";
       break;
     case Outcome::kStopped:
-      text = "byteturn would stop at block #" + std::to_string(runProgress.turn) + " (" + failure + "), with " +
-             std::to_string(runProgress.written) + " blocks before it written back and the rest left as they are" +
+      text = "byteturn would stop at block #" + std::to_string(progress.turn) + " (" + failure + "), with " +
+             std::to_string(progress.written) + " blocks before it written back and the rest left as they are" +
              (lockPath.empty() ? "." : "; the lock would stay in place.");
       break;
     case Outcome::kCompleted: {
       const std::uint64_t rewritten = HeldPassOutcome().rewritten;
-      const std::uint64_t left = runProgress.passedOver > rewritten ? runProgress.passedOver - rewritten : 0;
+      const std::uint64_t left = progress.passedOver > rewritten ? progress.passedOver - rewritten : 0;
       text = std::string("byteturn would complete the conversion to ") + (swapFlag ? "little-endian" : "big-endian") +
-             ": " + std::to_string(runProgress.written + rewritten) + " blocks converted (" +
+             ": " + std::to_string(progress.written + rewritten) + " blocks converted (" +
              std::to_string(rewritten) + " of them big string blocks, through the nodes that name them), " +
              std::to_string(left) + " left as they are. Nothing was written: a write or flush failure cannot be "
              "foreseen.";
@@ -95,26 +88,29 @@ int CheckMain(int argc, const char* const* argv) {
   try {
     lockPath = PrepareRun(argc, argv, commandLine);
   } catch (const RunEnded& end) {
-    return Verdict(end.status == 0 ? Outcome::kReport : Outcome::kNotStarted, lockPath);
+    return Verdict(end.status == 0 ? Outcome::kReport : Outcome::kNotStarted, RunProgress{}, lockPath);
   }
   std::uint64_t alreadyShown = 0;
   for (int pass = 1;; ++pass) {
     BeginPass(alreadyShown);
+    RunProgress progress;
     int status = 0;
     try {
-      ConvertVolumes(commandLine.verbose, 1);
-    } catch (const RunEnded& end) {
-      status = end.status;
+      Pass run;
+      try {
+        ConvertVolumes(run, commandLine.verbose, 1);
+      } catch (const RunEnded& end) {
+        status = end.status;
+      }
+      progress = run.progress;
     } catch (const CannotTell& failure) {
-      CloseRunFiles();
       HoldOutput(false);
-      return Verdict(Outcome::kCannotTell, lockPath, failure.why);
+      return Verdict(Outcome::kCannotTell, RunProgress{}, lockPath, failure.why);
     }
-    CloseRunFiles();
     HoldOutput(false);
     EndHeldPass(pass >= 2);
     const HeldPass outcome = HeldPassOutcome();
-    if (!outcome.astray) return Verdict(status == 0 ? Outcome::kCompleted : Outcome::kStopped, lockPath);
+    if (!outcome.astray) return Verdict(status == 0 ? Outcome::kCompleted : Outcome::kStopped, progress, lockPath);
     alreadyShown = outcome.shownBeforeAstray;
   }
 }

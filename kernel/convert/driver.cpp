@@ -14,8 +14,8 @@
 #include "map_block.h"
 #include "messages.h"
 #include "mirror_info.h"
+#include "pass.h"
 #include "platform.h"
-#include "run_blocks.h"
 #include "state.h"
 #include "store.h"
 #include "volume_info.h"
@@ -49,16 +49,6 @@ struct Volume {
   std::uint32_t index, first, last;
 };
 
-// The files of the volume being converted, closed when its blocks are done or the run ends.
-struct VolumeFiles {
-  platform::File read = platform::kInvalidFile, write = platform::kInvalidFile;
-} volumeFiles;
-
-void CloseVolumeFiles() {
-  platform::Close(volumeFiles.read);
-  platform::Close(volumeFiles.write);
-  volumeFiles = VolumeFiles{};
-}
 
 // Block b as it is on disk; ends the run with message (block number, system error) when it
 // cannot be read.
@@ -81,7 +71,7 @@ void DecompressOrFail(Bytes block, std::uint32_t b, const char* message) {
 
 // Converts block b in its slot (reading, decrypting and decompressing it first); tells whether
 // it is to be written back.
-Step ConvertBlock(const Volume& v, std::uint32_t b) {
+Step ConvertBlock(Pass& pass, const Volume& v, std::uint32_t b) {
   if (b == 1) {
     ConvertLabelBlock(FetchBlockOrFail(1, "\r\nError read label block #%u. %s\r\n"));
     return Step::kWrite;
@@ -97,16 +87,16 @@ Step ConvertBlock(const Volume& v, std::uint32_t b) {
     DecryptAfterRead(block, b, "Error decrypting map block\n");
     if (block[header::kType] & header::kCompressed)
       DecompressOrFail(block, b, "\r\nError uncompressing map block (block #%u)\r\n");
-    ConvertMapBlock(block, b);
+    ConvertMapBlock(pass.maps, block, b);
     return Step::kWrite;
   }
 
   const std::uint32_t m = GoverningMap(b);
-  if (!IsCurrentMap(m)) {
+  if (!IsCurrentMap(pass.maps, m)) {
     WritePendingBlocks();  // the map is read ahead, or missing from the list
-    FetchGoverningMap(RunBlocks(), b, m);
+    FetchGoverningMap(pass.maps, pass.blocks, b, m);
   }
-  if (IsFreeBlock(b)) return Step::kSkip;
+  if (IsFreeBlock(pass.maps, b)) return Step::kSkip;
   Bytes block = FetchBlockOrFail(b, "\r\nError read block #%u. %s\r\n");
   DecryptAfterRead(block, b, "Error decrypting data block\n");
 
@@ -120,7 +110,7 @@ Step ConvertBlock(const Volume& v, std::uint32_t b) {
     CvMirInfo(block);
     return Step::kWrite;
   }
-  return ConvertOrdinaryBlock(RunBlocks(), block, b, type) ? Step::kWrite : Step::kSkip;
+  return ConvertOrdinaryBlock(pass.blocks, block, b, type) ? Step::kWrite : Step::kSkip;
 }
 
 void PrintProgress(std::uint32_t b, bool verbose) {
@@ -129,7 +119,7 @@ void PrintProgress(std::uint32_t b, bool verbose) {
   Print("\r%u blocks (%.0d%%)     ", b, static_cast<int>(percent));  // shown once the blocks before it are written
 }
 
-void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
+void ConvertVolume(Pass& pass, std::uint32_t index, std::uint32_t& b, bool verbose) {
   Volume v{index, 1, 0};
   if (index == 0) {
     v.last = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
@@ -137,23 +127,23 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
     v.first = volumeFirstBlock[index];
     v.last = index == furtherVolumeCount ? lastBlock : volumeFirstBlock[index + 1] - 1;
   }
-  const platform::File readFile = volumeFiles.read = OpenVolumeFile(index);
+  const platform::File readFile = pass.read = OpenVolumeFile(index);
   if (readFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(index), ErrorText());
   platform::AdviseSequentialRead(readFile);
-  const platform::File writeFile = volumeFiles.write = OpenVolumeFile(index);
+  const platform::File writeFile = pass.write = OpenVolumeFile(index);
   if (writeFile == platform::kInvalidFile)
     Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(index), ErrorText());
 
   Store& store = TheStore();
-  BeginVolumeBatch(v.first, v.last, b, readFile, writeFile);
+  BeginVolumeBatch(pass.maps, v.first, v.last, b, readFile, writeFile);
   std::uint64_t handled = 0;
   for (; b <= v.last; ++b, ++handled) {
-    runProgress.turn = b;
-    const Step step = ConvertBlock(v, b);
+    pass.progress.turn = b;
+    const Step step = ConvertBlock(pass, v, b);
     PrintProgress(b, verbose);
     KeepBlock(b, step == Step::kWrite);
-    ++(step == Step::kWrite ? runProgress.written : runProgress.passedOver);
+    ++(step == Step::kWrite ? pass.progress.written : pass.progress.passedOver);
     if (store.WantsToSettle()) {
       WritePendingBlocks();
       store.Settle(b + 1, std::uint64_t{b} + 1);
@@ -163,7 +153,9 @@ void ConvertVolume(std::uint32_t index, std::uint32_t& b, bool verbose) {
   if (handled == 0) Fail("\r\nError reading %s block #%u.\r\n", b == 1 ? "label" : "volume info", b);
   EndVolumeBatch();
   SyncVolumeOrFail(writeFile, index);  // on stable storage before the run says it is done
-  CloseVolumeFiles();
+  platform::Close(pass.read);
+  platform::Close(pass.write);
+  pass.read = pass.write = platform::kInvalidFile;
 }
 
 }  // namespace
@@ -193,8 +185,6 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
          kMaxVolumes);
   if (furtherVolumeCount != 0) DiscoverVolumeSet();
 
-  EmptyHandleCache();
-  ResetMaps();
   const std::string lockPath = LockPathFor(databaseFileName);
   TheStore().Lock(lockPath, databaseFileName);
   // A run interrupted before (the file bears its mark), or a journal where this run's would go:
@@ -207,28 +197,23 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
   return lockPath;
 }
 
-void ConvertVolumes(bool verbose, std::uint32_t from) {
-  runProgress = RunProgress{true, from, 0, 0};
+void ConvertVolumes(Pass& pass, bool verbose, std::uint32_t from) {
+  pass.progress = RunProgress{from, 0, 0};
   std::uint32_t b = from;
   for (std::uint32_t volume = 0; volume <= furtherVolumeCount; ++volume) {
     const std::uint32_t last = volume == furtherVolumeCount ? lastBlock : volumeFirstBlock[volume + 1] - 1;
     if (from > 1 && last < from) continue;  // converted before the run was interrupted
-    ConvertVolume(volume, b, verbose);
+    ConvertVolume(pass, volume, b, verbose);
   }
-  SyncHandleCache();
+  pass.handles.SyncAll();
   TheStore().Finish();
 }
 
-void FinishRun(const std::string& lockPath) {
+void FinishRun(Pass& pass, const std::string& lockPath) {
   Print("\r\nDone converting to %s", swapFlag ? "little-endian\r\n" : "big-endian\r\n");
-  CloseHandleCache();
+  pass.handles.CloseAll();
   TheStore().Unlock(lockPath);
   EndRun(0);
-}
-
-void CloseRunFiles() {
-  CloseVolumeFiles();
-  CloseHandleCache();
 }
 
 }  // namespace bt

@@ -5,6 +5,7 @@
 
 #include "command_line.h"
 #include "messages.h"
+#include "pass.h"
 
 namespace bt {
 
@@ -17,22 +18,18 @@ namespace bt {
 std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLine);
 // Where the compression libraries are looked for: the directory of the running program.
 std::string BinDirectoryOfThisProgram();
-void ConvertVolumes(bool verbose, std::uint32_t from);
-[[noreturn]] void FinishRun(const std::string& lockPath);
-// Closes every database file the run opened: the failure path of each command does so.
-void CloseRunFiles();
+void ConvertVolumes(Pass& pass, bool verbose, std::uint32_t from);
+[[noreturn]] void FinishRun(Pass& pass, const std::string& lockPath);
 
-// A command's front door: runs body, which ends the run with EndRun (a failure included); every
-// file the run opened is closed and the status returned.
+// A command's front door: runs body, which ends the run with EndRun (a failure included), and
+// returns the status. What the run opened is closed as its values go.
 template <typename Body>
 int RunCommand(Body body) {
   try {
     body();
   } catch (const RunEnded& end) {
-    CloseRunFiles();
     return end.status;
   }
-  CloseRunFiles();
   return 0;
 }
 

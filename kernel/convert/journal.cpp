@@ -21,6 +21,8 @@
 namespace bt {
 
 namespace {
+// The maps of the pass being journaled.
+const Maps* passMaps = nullptr;
 
 using Clock = std::chrono::steady_clock;
 
@@ -847,8 +849,9 @@ bool MainFileTakesMark(std::uint64_t size) {
 
 }  // namespace
 
-void BeginJournal(bool verbose, const std::string& lockPath) {
+void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   j = Journal{};
+  passMaps = &maps;
   j.path = JournalPathFor(databaseFileName);
   if (j.path.empty()) return;
   j.active = true;
@@ -880,6 +883,7 @@ void BeginJournal(bool verbose, const std::string& lockPath) {
 void ContinueJournal(const JournalResume& resume) {
   const journal::Found& found = *resume.found;
   j = Journal{};
+  passMaps = resume.maps;
   j.active = j.created = true;
   j.file = resume.file;
   j.path = resume.path;
@@ -1132,7 +1136,7 @@ void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
   // Messages made while the group was gathered are not kept waiting for the next commit.
   if (j.flight.busy && MessagesMade() > j.flight.group.cap) AwaitFlight();
   j.groupBlock = resumeBlock;
-  j.groupMaps = SaveMapState();
+  j.groupMaps = SaveMapState(*passMaps);
 }
 
 void AwaitJournalWrites() {

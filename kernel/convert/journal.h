@@ -63,9 +63,9 @@ std::vector<std::string> TemporaryJournalsOf(const std::string& journalPath);
 // The line that sends the operator to byteturn-recover.
 std::string RecoverLine(const JournalFound& found, const std::string& fileName);
 
-// Starts journaling the run (a run that is not a check, with a journal path); from here on the
-// database's writes are held. verbose and the run's lock are kept for the recovery.
-void BeginJournal(bool verbose, const std::string& lockPath);
+// Starts journaling the run (with a journal path); from here on the database's writes are held.
+// verbose and the run's lock are kept for the recovery; each record names the maps the pass knows.
+void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps);
 // Continues the journal of an interrupted run, opened by the recovery, from the record in effect;
 // the main file is marked (again) before anything is written. NoteResumedBlocks: the blocks the
 // recovery's put-back left (as Check with after), which the next record names as landed.
@@ -74,6 +74,7 @@ struct JournalResume {
   std::string path;
   const journal::Found* found;
   std::uint32_t resumeBlock;
+  const Maps* maps;
 };
 void ContinueJournal(const JournalResume& resume);
 void NoteResumedBlocks(const std::vector<journal::Check>& landed);

@@ -58,7 +58,7 @@ void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
   primaryVolumeLastBlock = DbLoad32(labelCopy + kPrimaryVolumeLastBlock);
   volumeSetFieldA = DbLoad32(labelCopy + kVolumeSetFieldA);
   volumeSetFieldB = DbLoad32(labelCopy + kVolumeSetFieldB);
-  mapCount = static_cast<std::int32_t>(DbLoad32(labelCopy + kMapCount));
+  const auto mapCount = static_cast<std::int32_t>(DbLoad32(labelCopy + kMapCount));
   lastBlock = DbLoad32(labelCopy + kLastBlock);
 
   Print("\r\nThis database has %d map%s.\r\nThe last block is %u.\r\n", mapCount, mapCount > 1 ? "s" : "",

@@ -10,30 +10,34 @@
 
 namespace bt {
 
-namespace {
-struct MapListEntry {
-  MapListEntry* next;
+struct Maps::Listed {
+  Listed* next;
   std::uint32_t blockNumber;
   std::uint8_t* copy;  // block size bytes, in the same allocation
 };
-MapListEntry* listHead = nullptr;
-MapListEntry* listTail = nullptr;
-alignas(16) std::uint8_t currentMap[kMaxBlockSize];
-std::uint32_t currentMapNumber = 0;
 
-void AppendToMapList(std::uint32_t b, const std::uint8_t* block) {
-  void* memory = std::malloc(sizeof(MapListEntry) + blockSize);
+Maps::~Maps() {
+  while (listHead != nullptr) {
+    Listed* next = listHead->next;
+    std::free(listHead);
+    listHead = next;
+  }
+}
+
+namespace {
+void AppendToMapList(Maps& maps, std::uint32_t b, const std::uint8_t* block) {
+  void* memory = std::malloc(sizeof(Maps::Listed) + blockSize);
   if (memory == nullptr) Fail("\r\nCould not allocate maplist, out of memory");
-  auto* entry = static_cast<MapListEntry*>(memory);
+  auto* entry = static_cast<Maps::Listed*>(memory);
   entry->next = nullptr;
   entry->blockNumber = b;
-  entry->copy = static_cast<std::uint8_t*>(memory) + sizeof(MapListEntry);
+  entry->copy = static_cast<std::uint8_t*>(memory) + sizeof(Maps::Listed);
   std::memcpy(entry->copy, block, blockSize);
-  if (listTail != nullptr)
-    listTail->next = entry;
+  if (maps.listTail != nullptr)
+    maps.listTail->next = entry;
   else
-    listHead = entry;
-  listTail = entry;
+    maps.listHead = entry;
+  maps.listTail = entry;
 }
 }  // namespace
 
@@ -76,11 +80,11 @@ void ReverseMapFields(Bytes block) {
   RevEach32(block, map::kWordsStart, block.size());
 }
 
-void ConvertMapBlock(Bytes block, std::uint32_t b) {
-  const bool listed = IsTrueMapBlock(b) && b != currentMapNumber;
-  if (listed && swapFlag == 0) AppendToMapList(b, block.data());
+void ConvertMapBlock(Maps& maps, Bytes block, std::uint32_t b) {
+  const bool listed = IsTrueMapBlock(b) && b != maps.currentNumber;
+  if (listed && swapFlag == 0) AppendToMapList(maps, b, block.data());
   ReverseMapFields(block);
-  if (listed && swapFlag == 1) AppendToMapList(b, block.data());
+  if (listed && swapFlag == 1) AppendToMapList(maps, b, block.data());
 }
 
 
@@ -102,59 +106,50 @@ void ReadMapInto(OtherBlocks& blocks, std::uint8_t* destination, std::uint32_t m
 }
 }  // namespace
 
-void FetchGoverningMap(OtherBlocks& blocks, std::uint32_t b, std::uint32_t m) {
-  if (m == currentMapNumber) return;
+void FetchGoverningMap(Maps& maps, OtherBlocks& blocks, std::uint32_t b, std::uint32_t m) {
+  if (m == maps.currentNumber) return;
   if (b <= m) {
-    ReadCurMap(blocks, m, swapFlag);
+    ReadCurMap(maps, blocks, m, swapFlag);
   } else {
-    if (listHead == nullptr || listHead->blockNumber != m)
-      Fail("\r\nCould not find map block %u in map list. map=0x" BT_PTR, m, PointerValue(listHead));
-    MapListEntry* entry = listHead;
-    listHead = entry->next;
-    if (listHead == nullptr) listTail = nullptr;
-    std::memcpy(currentMap, entry->copy, blockSize);
+    if (maps.listHead == nullptr || maps.listHead->blockNumber != m)
+      Fail("\r\nCould not find map block %u in map list. map=0x" BT_PTR, m, PointerValue(maps.listHead));
+    Maps::Listed* entry = maps.listHead;
+    maps.listHead = entry->next;
+    if (maps.listHead == nullptr) maps.listTail = nullptr;
+    std::memcpy(maps.current, entry->copy, blockSize);
     std::free(entry);
   }
-  currentMapNumber = m;
+  maps.currentNumber = m;
 }
 
-void ReadCurMap(OtherBlocks& blocks, std::uint32_t m, int swap) { ReadMapInto(blocks, currentMap, m, swap); }
+void ReadCurMap(Maps& maps, OtherBlocks& blocks, std::uint32_t m, int swap) {
+  ReadMapInto(blocks, maps.current, m, swap);
+}
 
-MapState SaveMapState() {
-  MapState state{currentMapNumber, {}};
-  for (const MapListEntry* e = listHead; e != nullptr; e = e->next) state.listed.push_back(e->blockNumber);
+MapState SaveMapState(const Maps& maps) {
+  MapState state{maps.currentNumber, {}};
+  for (const Maps::Listed* e = maps.listHead; e != nullptr; e = e->next) state.listed.push_back(e->blockNumber);
   return state;
 }
 
-void RestoreMapState(OtherBlocks& blocks, const MapState& state, std::uint32_t resumeBlock) {
-  ResetMaps();
+void RestoreMapState(Maps& maps, OtherBlocks& blocks, const MapState& state, std::uint32_t resumeBlock) {
   const auto order = [&](std::uint32_t m) { return m < resumeBlock ? 1 - swapFlag : swapFlag; };
   alignas(16) static std::uint8_t map[kMaxBlockSize];
   for (std::uint32_t m : state.listed) {
     ReadMapInto(blocks, map, m, order(m));
-    AppendToMapList(m, map);
+    AppendToMapList(maps, m, map);
   }
-  if (state.current != 0) ReadCurMap(blocks, state.current, order(state.current));
-  currentMapNumber = state.current;
+  if (state.current != 0) ReadCurMap(maps, blocks, state.current, order(state.current));
+  maps.currentNumber = state.current;
 }
 
-bool IsCurrentMap(std::uint32_t m) { return m == currentMapNumber; }
+bool IsCurrentMap(const Maps& maps, std::uint32_t m) { return m == maps.currentNumber; }
 
-bool IsFreeBlock(std::uint32_t b) {
-  if (LoadLE32(currentMap + map::kBitmapFlag) == 0) return false;
+bool IsFreeBlock(const Maps& maps, std::uint32_t b) {
+  if (LoadLE32(maps.current + map::kBitmapFlag) == 0) return false;
   const std::uint32_t i = (b - 1) % blocksPerMap;
-  const std::uint32_t word = LoadLE32(currentMap + map::BitmapStart() + 4 * (i / 32));
+  const std::uint32_t word = LoadLE32(maps.current + map::BitmapStart() + 4 * (i / 32));
   return (word >> (i % 32)) & 1;
-}
-
-void ResetMaps() {
-  while (listHead != nullptr) {
-    MapListEntry* next = listHead->next;
-    std::free(listHead);
-    listHead = next;
-  }
-  listTail = nullptr;
-  currentMapNumber = 0;
 }
 
 }  // namespace bt

@@ -7,6 +7,7 @@
 
 #include "byteorder.h"
 #include "other_blocks.h"
+#include "state.h"
 
 namespace bt {
 
@@ -26,18 +27,31 @@ std::uint32_t GoverningMap(std::uint32_t b);
 
 // Reverses a map block's fields in place (also used for the other blocks of a map area).
 void ReverseMapFields(Bytes block);
-// Converts map area block b in the block buffer and lists a copy of a true map.
-void ConvertMapBlock(Bytes block, std::uint32_t b);
-// Reads map block m into the current map, in this machine's order.
-void ReadCurMap(OtherBlocks& blocks, std::uint32_t m, int swap);
-// Makes map m the current map: read ahead, or taken from the head of the map list.
-void FetchGoverningMap(OtherBlocks& blocks, std::uint32_t b, std::uint32_t m);
-// True when map m is the current map (its free bits are known).
-bool IsCurrentMap(std::uint32_t m);
-// True when the current map marks block b as free.
-bool IsFreeBlock(std::uint32_t b);
+// The maps a pass knows: the current map (in this machine's order; its free bits tell which
+// blocks to pass over) and the true maps converted in their turn before the blocks they govern,
+// listed with a copy as read until those blocks come. A new pass starts from a new value.
+struct Maps {
+  struct Listed;
+  Maps() = default;
+  Maps(const Maps&) = delete;
+  Maps& operator=(const Maps&) = delete;
+  ~Maps();
+  Listed* listHead = nullptr;
+  Listed* listTail = nullptr;
+  std::uint32_t currentNumber = 0;
+  alignas(16) std::uint8_t current[kMaxBlockSize] = {};
+};
 
-void ResetMaps();
+// Converts map area block b in place and lists a copy of a true map.
+void ConvertMapBlock(Maps& maps, Bytes block, std::uint32_t b);
+// Reads map block m, reached through blocks, into the current map, in this machine's order.
+void ReadCurMap(Maps& maps, OtherBlocks& blocks, std::uint32_t m, int swap);
+// Makes map m the current map: read ahead, or taken from the head of the map list.
+void FetchGoverningMap(Maps& maps, OtherBlocks& blocks, std::uint32_t b, std::uint32_t m);
+// True when map m is the current map (its free bits are known).
+bool IsCurrentMap(const Maps& maps, std::uint32_t m);
+// True when the current map marks block b as free.
+bool IsFreeBlock(const Maps& maps, std::uint32_t b);
 
 // The maps a run knows at a point between two blocks: the current map and the maps listed. A run
 // resumed at a block takes them again from the disk as it then is: a map before that block is
@@ -46,7 +60,8 @@ struct MapState {
   std::uint32_t current = 0;
   std::vector<std::uint32_t> listed;
 };
-MapState SaveMapState();
-void RestoreMapState(OtherBlocks& blocks, const MapState& state, std::uint32_t resumeBlock);
+MapState SaveMapState(const Maps& maps);
+// Into maps as a pass starts them.
+void RestoreMapState(Maps& maps, OtherBlocks& blocks, const MapState& state, std::uint32_t resumeBlock);
 
 }  // namespace bt

@@ -1,5 +1,5 @@
 #include "recover.h"
-#include "run_blocks.h"
+#include "pass.h"
 
 #include <algorithm>
 #include <cstring>
@@ -305,14 +305,14 @@ void Recover(int argc, const char* const* argv) {
   Print("\r\nResuming the interrupted conversion at block #%u.\r\n", resume);
   std::fflush(stdout);
   platform::KeepRunningWithoutConsole();
-  EmptyHandleCache();
-  ContinueJournal({file, path, &found, resume});
+  Pass pass;
+  ContinueJournal({file, path, &found, resume, &pass.maps});
   UseStore(JournaledStore());
   if (found.commit.number != 0) NoteResumedBlocks(PutBackOrFail(found));
-  RestoreMapState(RunBlocks(), found.commit.number == 0 ? MapState{} : found.head.maps, resume);
-  ConvertVolumes(found.header.verbose, resume);
+  RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
+  ConvertVolumes(pass, found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
-  FinishRun(found.header.lockPath.empty() ? LockPathFor(databaseFileName) : found.header.lockPath);
+  FinishRun(pass, found.header.lockPath.empty() ? LockPathFor(databaseFileName) : found.header.lockPath);
 }
 }  // namespace
 

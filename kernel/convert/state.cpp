@@ -6,7 +6,6 @@ namespace bt {
 
 int swapFlag = 0;
 std::uint32_t blockSize = 0;
-std::uint32_t blockSizeCode = 0;
 std::uint32_t blocksPerMap = 0;
 std::uint32_t contiguousMaps = 0;
 std::uint32_t maxSatBlks = 0;
@@ -16,7 +15,6 @@ std::uint32_t volumeInfoBlockNumber = 0;
 std::uint32_t furtherVolumeCount = 0;
 std::uint32_t volumeSetFieldA = 0;
 std::uint32_t volumeSetFieldB = 0;
-std::int32_t mapCount = 0;
 bool databaseEncrypted = false;
 
 crypto::AesKeySchedule encryptionKeySchedule{};
@@ -27,9 +25,6 @@ std::uint8_t labelCopyAtStart[kLabelCopySize];
 std::string databaseFileName;
 std::string binDirectory;
 
-alignas(16) std::uint8_t blockBuffer[kMaxBlockSize];
-
-RunProgress runProgress;
 
 std::string primaryDirectory;
 std::vector<std::string> volumeDirectories;
@@ -45,7 +40,6 @@ int DecompressBlock(std::uint8_t* block) {
 }
 
 void SetGeometry(std::uint32_t code) {
-  blockSizeCode = code;
   blockSize = kGeometry[code].size;
   blocksPerMap = kGeometry[code].perMap;
   contiguousMaps = kGeometry[code].contiguous;

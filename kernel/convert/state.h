@@ -1,5 +1,7 @@
-// Process-wide state of a conversion run: what the label block says, the block buffer, the
-// volume set, the command line's outcome. Set once in the order of the run, then read.
+// The database's description, process-wide: what the label block says (order, geometry, last
+// block, encryption and key), the volume set, the file names. Set once as a run starts, in the
+// order of its checks, then only read: every converter reads it. What a pass of the block loop
+// builds up as it goes is in its own value (pass.h).
 #pragma once
 
 #include <cstdint>
@@ -21,7 +23,6 @@ inline constexpr std::size_t kMaxDirLength = 227;
 // 1 when the database on disk is big-endian: every field must be reversed to be read here.
 extern int swapFlag;
 extern std::uint32_t blockSize;
-extern std::uint32_t blockSizeCode;
 extern std::uint32_t blocksPerMap;     // BPM
 extern std::uint32_t contiguousMaps;   // CM, a power of two
 extern std::uint32_t maxSatBlks;       // SAT
@@ -31,7 +32,6 @@ extern std::uint32_t volumeInfoBlockNumber;
 extern std::uint32_t furtherVolumeCount;
 extern std::uint32_t volumeSetFieldA;
 extern std::uint32_t volumeSetFieldB;
-extern std::int32_t mapCount;
 extern bool databaseEncrypted;
 
 // The database key's AES schedules, built once by the keyfile dialogue.
@@ -39,24 +39,12 @@ extern crypto::AesKeySchedule encryptionKeySchedule;
 extern crypto::AesKeySchedule decryptionKeySchedule;
 extern bool databaseKeyLoaded;
 
-// What the block loop has done so far: the block whose turn it is, and of the blocks before it
-// those written back and those passed over (free, big string, bad).
-struct RunProgress {
-  bool started = false;
-  std::uint32_t turn = 0;
-  std::uint64_t written = 0, passedOver = 0;
-};
-extern RunProgress runProgress;
 
 // The first bytes of the main file as the run found them (the label block).
 extern std::uint8_t labelCopyAtStart[kLabelCopySize];
 
 extern std::string databaseFileName;
 extern std::string binDirectory;
-
-// The block being converted; every converter works in it in place.
-alignas(16) extern std::uint8_t blockBuffer[kMaxBlockSize];
-inline Bytes BlockSpan() { return Bytes(blockBuffer, blockSize); }
 
 // Volume set: the primary directory, the additional directories in effect, and for every
 // further volume v its first block and its directory (0 = primary, k = additional k-1).

@@ -12,12 +12,6 @@
 namespace bt {
 
 namespace {
-struct CacheSlot {
-  int volume = -1;
-  platform::File file = platform::kInvalidFile;
-};
-CacheSlot handleCache[kHandleCacheSlots];
-int nextSlot = 0;
 // The identity of every database file handle, found at its open (a handle number may be reused).
 std::vector<std::pair<platform::File, platform::FileIdentity>> openIdentities;
 }  // namespace
@@ -95,33 +89,28 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
   return hi;
 }
 
-platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
+platform::File HandleCache::Of(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
   int volume = static_cast<int>(VolumeIndexOfBlock(b, first, last));
-  for (const CacheSlot& slot : handleCache)
+  for (const Slot& slot : slots_)
     if (slot.volume == volume && slot.file != platform::kInvalidFile) return slot.file;
 
-  CacheSlot& target = handleCache[nextSlot];
+  Slot& target = slots_[next_];
   platform::Close(target.file);
-  target = CacheSlot{};
+  target = Slot{};
   platform::File file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
   // Short of file handles: give up cached files one by one before giving up.
-  for (int i = (nextSlot + 1) % kHandleCacheSlots; file == platform::kInvalidFile && i != nextSlot;
+  for (int i = (next_ + 1) % kHandleCacheSlots; file == platform::kInvalidFile && i != next_;
        i = (i + 1) % kHandleCacheSlots) {
-    if (handleCache[i].file == platform::kInvalidFile) continue;
-    platform::Close(handleCache[i].file);
-    handleCache[i] = CacheSlot{};
+    if (slots_[i].file == platform::kInvalidFile) continue;
+    platform::Close(slots_[i].file);
+    slots_[i] = Slot{};
     file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
   }
-  nextSlot = (nextSlot + 1) % kHandleCacheSlots;
+  next_ = (next_ + 1) % kHandleCacheSlots;
   if (file == platform::kInvalidFile) return file;
   target.volume = volume;
   target.file = file;
   return file;
-}
-
-void EmptyHandleCache() {
-  for (CacheSlot& slot : handleCache) slot = CacheSlot{};
-  nextSlot = 0;
 }
 
 void SyncVolumeOrFail(platform::File file, std::uint32_t volume) {
@@ -129,19 +118,17 @@ void SyncVolumeOrFail(platform::File file, std::uint32_t volume) {
 }
 
 // Blocks rewritten out of order (big strings) went through these handles.
-void SyncHandleCache() {
-  for (const CacheSlot& slot : handleCache)
+void HandleCache::SyncAll() {
+  for (const Slot& slot : slots_)
     if (slot.file != platform::kInvalidFile) SyncVolumeOrFail(slot.file, static_cast<std::uint32_t>(slot.volume));
 }
 
-void CloseHandleCache() {
-  for (CacheSlot& slot : handleCache) {
+void HandleCache::CloseAll() {
+  for (Slot& slot : slots_) {
     platform::Close(slot.file);
-    slot = CacheSlot{};
+    slot = Slot{};
   }
 }
-
-int HandleCacheSlotVolume(int slot) { return handleCache[slot].volume; }
 
 namespace {
 // A short count with no system error still fails, with the cause recorded for the message.

@@ -24,16 +24,32 @@ platform::FileIdentity VolumeIdentity(std::uint32_t volume);
 
 // Index of the volume holding block b, with its first and last block numbers.
 std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
-// Cached handle of the volume holding block b (invalid when it cannot be opened).
-platform::File VolumeOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
-void EmptyHandleCache();
-// Flushes every cached file to stable storage; ends the run on the first that fails.
-void SyncHandleCache();
-void CloseHandleCache();
+// The volume files a pass opens for its reads and writes out of turn, up to kHandleCacheSlots of
+// them, each replacing the oldest; they are closed with the cache.
+class HandleCache {
+ public:
+  HandleCache() = default;
+  HandleCache(const HandleCache&) = delete;
+  HandleCache& operator=(const HandleCache&) = delete;
+  ~HandleCache() { CloseAll(); }
+  // The handle of the volume holding block b (invalid when it cannot be opened).
+  platform::File Of(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
+  // Flushes every file to stable storage; ends the run on the first that fails.
+  void SyncAll();
+  void CloseAll();
+  // The volume index held by a slot, -1 when empty (for inspection).
+  int SlotVolume(int slot) const { return slots_[slot].volume; }
+
+ private:
+  struct Slot {
+    int volume = -1;
+    platform::File file = platform::kInvalidFile;
+  };
+  Slot slots_[kHandleCacheSlots];
+  int next_ = 0;
+};
 // Flushes the file of volume to stable storage; ends the run when it fails.
 void SyncVolumeOrFail(platform::File file, std::uint32_t volume);
-// Slot contents, for inspection: the volume index held by a slot, -1 when empty.
-int HandleCacheSlotVolume(int slot);
 
 // Byte position of block b in a volume whose first block is first.
 inline std::uint64_t BlockPosition(std::uint32_t b, std::uint32_t first, std::uint32_t size) {

@@ -28,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       else
         bt::ConvertOrdinaryBlock(fuzz::NoOtherBlocks(), span, 77, kTypes[selector] & 0x7F);
     } else if (selector < 0x80) {
-      bt::ConvertMapBlock(span, 2 + selector % 16);
+      bt::Maps maps;
+      bt::ConvertMapBlock(maps, span, 2 + selector % 16);
     } else if (selector < 0xC0) {
       bt::ConvertLabelBlock(span);
     } else {

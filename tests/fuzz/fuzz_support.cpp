@@ -16,8 +16,6 @@ void ResetRun(std::uint32_t code, int swap) {
   bt::databaseKeyLoaded = false;
   bt::volumeDirectories.clear();
   bt::binDirectory = "/nonexistent/";  // libraries from the system's search path
-  bt::ResetMaps();
-  bt::EmptyHandleCache();
 }
 
 namespace {

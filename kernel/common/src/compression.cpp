@@ -178,6 +178,10 @@ int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t message
   return 0;
 }
 
+void ForgetLoadFailures() {
+  for (CompressionMethod& method : compressionMethodTable) method.stateFlags &= ~kLoadFailed;
+}
+
 bool MethodNeedsLoading(std::uint8_t method) {
   return method >= 1 && method <= 5 && (compressionMethodTable[method - 1].stateFlags & kLoaded) == 0;
 }

@@ -43,6 +43,9 @@ struct LibraryTable {
 // 0 = loaded (or already), -1 = the library file could not be loaded, -2 = a symbol is missing.
 int LoadCompressionLibrary(LibraryTable& table, bool report, std::size_t messageSize, char* message);
 
+// Forgets which libraries failed to load, so that the next failure is reported again.
+void ForgetLoadFailures();
+
 // True when decompressing a block stored with method would first load its library (which may
 // fail): the method is one of the five and not loaded yet.
 bool MethodNeedsLoading(std::uint8_t method);

@@ -19,6 +19,9 @@ namespace {
 constexpr std::size_t kMarkerBytes = 909;
 constexpr std::size_t kDirectoryLine = 910;
 constexpr std::uint8_t kVolumeInfoType = 18;
+// The volume info block being read: the primary volume's, then each further volume's in turn.
+alignas(16) std::uint8_t infoBlock[kMaxBlockSize];
+Bytes InfoBlock() { return Bytes(infoBlock, blockSize); }
 
 void ReadPrimaryVolumeInfo() {
   if (volumeInfoBlockNumber == 0 || volumeInfoBlockNumber > primaryVolumeLastBlock)
@@ -26,7 +29,7 @@ void ReadPrimaryVolumeInfo() {
   platform::File file = OpenDatabaseFile(databaseFileName);
   if (file == platform::kInvalidFile)
     Fail("\r\nFailed to open primary volume to read volume info block. %s\r\n", ErrorText());
-  if (!ReadBlockAt(file, BlockPosition(volumeInfoBlockNumber, 1, blockSize), blockBuffer, blockSize))
+  if (!ReadBlockAt(file, BlockPosition(volumeInfoBlockNumber, 1, blockSize), infoBlock, blockSize))
     Fail("\r\nFailed to read volume info block #%u in primary volume. %s\r\n", volumeInfoBlockNumber, ErrorText());
   platform::Close(file);
 }
@@ -174,11 +177,11 @@ std::uint32_t FindVolume(std::uint32_t v, std::uint32_t expectedStart, std::uint
       Fail("\r\nMultiple files named %s were found among the volume directories.\r\n", name);
     }
     NoteVolumeIdentity(v, file);
-    if (!ReadBlockAt(file, 0, blockBuffer, blockSize))
+    if (!ReadBlockAt(file, 0, infoBlock, blockSize))
       Fail("\r\nError reading volume info block in %s. %s\r\n", path.c_str(), ErrorText());
     platform::Close(file);
 
-    Bytes block = BlockSpan();
+    Bytes block = InfoBlock();
     if (swapFlag) CvVolInfo(block, static_cast<std::int32_t>(v));
     const std::uint8_t* p = block.data();
     if (p[4] != kVolumeInfoType || LoadLE32(p + volinfo::kVolumeNumber) != v)
@@ -227,7 +230,7 @@ void DiscoverVolumeSet() {
   ReadPrimaryVolumeInfo();
   FindPrimaryDirectory();
   std::uint32_t checkpoint = 0;
-  ReadVolumeDirectoryList(BlockSpan(), &checkpoint);
+  ReadVolumeDirectoryList(InfoBlock(), &checkpoint);
   PrintExpectedLocations();
   if (!AskVolumesInPlace()) EnterDirectories();
   std::vector<bool> confirmed;
