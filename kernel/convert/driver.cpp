@@ -10,6 +10,7 @@
 #include "compression.h"
 #include "journal.h"
 #include "label_block.h"
+#include "label_check.h"
 #include "lock_file.h"
 #include "map_block.h"
 #include "messages.h"

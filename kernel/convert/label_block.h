@@ -1,10 +1,9 @@
-// The label block (block 1): its layout, the check and report before a run, and its conversion.
+// The label block (block 1): its layout and its conversion (label_check.h checks it before a run).
 #pragma once
 
 #include <cstdint>
 
 #include "byteorder.h"
-#include "command_line.h"
 
 namespace bt {
 
@@ -29,11 +28,6 @@ inline constexpr std::size_t kKeyId = 1922;
 inline constexpr std::uint16_t kEncryptedFlag = 0x800;
 inline constexpr std::uint32_t kMaxKeyIdLength = 64;
 }  // namespace label
-
-// Decides the swap flag, refuses what cannot or need not be converted, prints the report, loads
-// the database key of an encrypted database and publishes the label values. Ends the process on
-// a refusal (status 1) and after a report (status 0).
-void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& commandLine);
 
 // Reverses every multi-byte field of the label block in place.
 void ConvertLabelBlock(Bytes block);

@@ -11,6 +11,7 @@
 #include "journal_format.h"
 #include "journaled_store.h"
 #include "label_block.h"
+#include "label_check.h"
 #include "lock_file.h"
 #include "map_block.h"
 #include "messages.h"

@@ -5,6 +5,7 @@
 #include "command_line.h"
 #include "fuzz_target.h"
 #include "label_block.h"
+#include "label_check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
