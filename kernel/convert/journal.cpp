@@ -119,11 +119,9 @@ struct Journal {
   journal::Mark mark;
   platform::File markFile = platform::kInvalidFile;
   bool markUnflushed = false;  // the writer wrote a group's mark since the main file's last flush
-} j;
-std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
+};
 
-// The writer thread and the run hand a flight to each other under this lock. Never destroyed:
-// the writer waits on it until the process ends.
+// The writer thread and the run hand a flight to each other under this lock.
 struct Handover {
   std::mutex lock;
   std::condition_variable wake;
@@ -131,10 +129,43 @@ struct Handover {
   bool watching = false;    // the run waits to show messages as the flight's writes are made
   std::size_t applied = 0;  // the flight's writes made so far
 };
-Handover& TheHandover() {
-  static Handover& handover = *new Handover;
-  return handover;
+
+// The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
+// the group ends, the bytes a write of one of them replaces, unless the group wrote it since.
+struct ReadAside {
+  std::uint64_t group = 0, key = 0;
+  std::vector<std::uint8_t> bytes;
+};
+
+// The batch read last, as read: where the writer is to make the undo, among the group's befores.
+struct BatchOriginals {
+  platform::File file = platform::kInvalidFile;
+  std::uint64_t position = 0, size = 0;
+  std::uint64_t group = 0;  // kept for this group only
+  bool inBefores = false;
+  std::size_t offset = 0;  // in the befores
+  std::vector<std::uint8_t> bytes;
+};
+
+// All the journal keeps. The run's journal starts afresh with each run; the rest lasts as long as
+// the process: the handles it knows and what it read stay valid across runs, and the writer waits
+// on the handover until the process ends, so the whole is never destroyed.
+struct JournalState {
+  Journal journal;
+  Handover handover;
+  std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
+  ReadAside readAside[8];
+  std::size_t nextAside = 0;
+  BatchOriginals originals;
+  std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
+  std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
+};
+JournalState& TheJournalState() {
+  static JournalState& state = *new JournalState;
+  return state;
 }
+JournalState& state = TheJournalState();
+Journal& j = state.journal;
 
 
 std::string BaseName(const std::string& path) {
@@ -385,7 +416,7 @@ bool WriteFailed(Flight& f, std::size_t i) {
 // The run, where it waits for the flight, shows the messages made before each write once the
 // writes before it are made.
 void TellApplied(std::size_t writes) {
-  Handover& h = TheHandover();
+  Handover& h = state.handover;
   bool tell = false;
   {
     std::lock_guard<std::mutex> hold(h.lock);
@@ -462,7 +493,7 @@ void WriteFlight(Flight& f) {
 }
 
 [[noreturn]] void WriterLoop() {
-  Handover& h = TheHandover();
+  Handover& h = state.handover;
   for (;;) {
     {
       std::unique_lock<std::mutex> hold(h.lock);
@@ -496,7 +527,7 @@ bool WriterRunning() {
 // The writer starts on the flight (where the tests ask it to lag, only once the run waits for it).
 // Without a writer thread, the run writes the flight itself, here.
 void StartWriter() {
-  Handover& h = TheHandover();
+  Handover& h = state.handover;
   j.flight.lagging = false;
   if (!WriterRunning()) WriteFlight(j.flight);
   {
@@ -556,7 +587,7 @@ void AdaptGroupLimit(Clock::duration flushing, Clock::duration working) {
 void AwaitFlight() {
   if (!j.flight.busy) return;
   if (j.flight.lagging) StartWriter();
-  Handover& h = TheHandover();
+  Handover& h = state.handover;
   const std::vector<HeldWrite>& held = j.flight.group.held;
   const bool watching = MessagesMade() > j.flight.group.cap;  // messages wait for its writes
   for (std::size_t shown = 0;;) {
@@ -694,7 +725,7 @@ std::size_t GroupBytes() {
 }
 
 std::uint32_t VolumeOfHandle(platform::File file) {
-  for (const auto& [handle, volume] : volumeOf)
+  for (const auto& [handle, volume] : state.volumeOf)
     if (handle == file) return volume;
   return 0;
 }
@@ -932,12 +963,12 @@ void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
 bool JournalHoldsWrites() { return j.active; }
 
 void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
-  for (auto& [handle, v] : volumeOf)
+  for (auto& [handle, v] : state.volumeOf)
     if (handle == file) {
       v = volume;
       return;
     }
-  volumeOf.emplace_back(file, volume);
+  state.volumeOf.emplace_back(file, volume);
 }
 
 namespace {
@@ -961,7 +992,7 @@ void LayOver(const Group& g, std::uint32_t volume, std::uint64_t position, std::
 // The bytes block b's write replaces, as the disk holds them once the group on its way is
 // written: constant within a group, whose writes are all held.
 const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t position, std::uint32_t b) {
-  static std::vector<std::uint8_t> replaced(kMaxBlockSize);
+  std::vector<std::uint8_t>& replaced = state.replaced;
   if (!OpenVolumeHandle(volume)) FailOpeningVolume(volume);
   if (!ReadThrough(j.files[volume].handle, position, replaced.data(), blockSize))
     Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
@@ -969,37 +1000,18 @@ const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t positi
   return replaced.data();
 }
 
-// The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
-// the group ends, the bytes a write of one of them replaces, unless the group wrote it since.
-struct ReadAside {
-  std::uint64_t group = 0, key = 0;
-  std::vector<std::uint8_t> bytes;
-};
-ReadAside readAside[8];
-std::size_t nextAside = 0;
-
 void KeepReadAside(std::uint32_t volume, std::uint64_t position, const std::uint8_t* buffer) {
-  ReadAside& r = readAside[nextAside++ % std::size(readAside)];
+  ReadAside& r = state.readAside[state.nextAside++ % std::size(state.readAside)];
   r.group = j.nextNumber;
   r.key = KeyOf(volume, position);
   r.bytes.assign(buffer, buffer + blockSize);
 }
 
 const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
-  for (const ReadAside& r : readAside)
+  for (const ReadAside& r : state.readAside)
     if (r.group == j.nextNumber && r.key == KeyOf(volume, position)) return r.bytes.data();
   return nullptr;
 }
-
-// The batch read last, as read: where the writer is to make the undo, among the group's befores.
-struct BatchOriginals {
-  platform::File file = platform::kInvalidFile;
-  std::uint64_t position = 0, size = 0;
-  std::uint64_t group = 0;  // kept for this group only
-  bool inBefores = false;
-  std::size_t offset = 0;  // in the befores
-  std::vector<std::uint8_t> bytes;
-} originals;
 
 // A group's undo is made by the writer or as it goes from the group's start to its end.
 Group& GatheringGroup() {
@@ -1020,7 +1032,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   bool overlaid = false;
   for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
     overlaid = g.latest.contains(KeyOf(volume, position + std::uint64_t{k} * blockSize));
-  const BatchOriginals& o = originals;
+  const BatchOriginals& o = state.originals;
   const bool batched = !overlaid && o.group == j.nextNumber && file == o.file && position % blockSize == 0 &&
                        position >= o.position && position + size <= o.position + o.size;
   if (batched && o.inBefores) {  // the writer finds them where the batch left them
@@ -1072,7 +1084,7 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
   const std::uint32_t volume = VolumeOfHandle(file);
   Group& g = GatheringGroup();
   std::size_t before = 0;
-  static std::vector<std::uint64_t> beforeSums;
+  std::vector<std::uint64_t>& beforeSums = state.beforeSums;
   beforeSums.resize(size / blockSize);
   const bool whole = HoldUndo(file, volume, position, bytes, size, block, before, beforeSums.data());
   if (g.held.empty()) {
@@ -1091,7 +1103,7 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
 
 void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size) {
   Group& g = GatheringGroup();
-  BatchOriginals& o = originals;
+  BatchOriginals& o = state.originals;
   o.file = file;
   o.position = position;
   o.size = size;
