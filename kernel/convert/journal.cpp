@@ -1,313 +1,40 @@
 #include "journal.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <random>
+#include <string>
 #include <system_error>
 #include <thread>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "block_batch.h"
-#include "journal_format.h"
+#include "journal_commit.h"
+#include "journal_files.h"
+#include "journal_state.h"
+#include "journal_undo.h"
+#include "journal_writer.h"
 #include "messages.h"
 #include "state.h"
 #include "volume_io.h"
 
-namespace bt {
+namespace bt::journaling {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// The blocks a record names in its sample, at most (journal_format.h, RecordHead).
-constexpr std::size_t kSampleLimit = 256;
-
-struct HeldWrite {
-  std::uint32_t volume, size, block;
-  std::uint64_t position;
-  std::size_t offset;  // in the arena
-  std::uint64_t cap;   // held messages from this number on were made after it
-  const char* failure;
-  bool whole;          // written over a write held earlier in the group: its undo names every word
-  std::size_t before;  // byWriter: where in the group's befores the bytes it replaces begin
-};
-
-// The writes of a group, and their undo: made as each write is held, or, where the writer thread
-// writes the group's record (byWriter), made by it from the bytes each block's write replaces.
-struct Group {
-  std::vector<std::uint8_t> arena;
-  std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
-  std::size_t undoSize = 0;
-  bool byWriter = false;
-  std::vector<std::uint8_t> befores;  // byWriter: the bytes the writes replace, and the batches read
-  std::vector<HeldWrite> held;
-  std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
-  std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
-};
-
-// Where the writing of a group stopped, as the writer tells it: the run then fails with the
-// message the same failure gives in the run's own thread.
-enum class Stop { kNone, kJournalWriting, kJournalFlushing, kVolumeFlushing, kWriteFailed, kMarkWriting };
-struct Outcome {
-  Stop stop = Stop::kNone;
-  int error = 0;             // the system's code
-  std::uint32_t volume = 0;  // kVolumeFlushing
-  std::size_t write = 0;     // kWriteFailed: which of the group's writes,
-  std::uint32_t block = 0;   // and the block to name
-};
-
-// A group committed: the writer thread flushes the writes of the group before, writes the commit
-// sector, flushes, and makes the group's writes, while the run gathers the next group. Where flushes
-// cost much, the run has written and flushed the group's record meanwhile; where they cost little,
-// the writer makes the undo and writes the record first, which leaves the run more of its time.
-// One group is on its way at a time.
-struct Flight {
-  Group group;
-  std::vector<std::uint8_t> head;  // the record's head, where the writer writes the record
-  std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
-  bool busy = false;     // handed to the writer and not landed yet (the run's own view)
-  bool lagging = false;  // not started yet (the tests' lag)
-  Clock::duration working{}, flushing{};
-  Outcome outcome;
-};
-
-// A database file as the journal writes it: through a handle of its own, which no cache closes.
-struct JournalFile {
-  platform::File handle = platform::kInvalidFile;
-  bool unflushed = false;                        // written since its last flush
-  std::uint64_t writtenFrom = 0, writtenTo = 0;  // written and not yet sent on their way to the disk
-  std::uint64_t writtenBytes = 0;                // how much of that range was written
-};
-
-// Where a record lies in the journal.
-struct Placed {
-  std::uint64_t offset = 0, size = 0;
-};
-
-struct Journal {
-  bool active = false, created = false;
-  std::string path;
-  platform::File file = platform::kInvalidFile;
-  journal::Header header;
-  std::uint64_t nextNumber = 1;
-  // The records of the last two groups committed, the latest first: while the older one's commit
-  // may still be the last on disk, neither is overwritten.
-  Placed placed[2];
-  // The group being gathered: its point of the run, and its writes.
-  std::uint32_t groupBlock = 1;
-  MapState groupMaps;
-  std::size_t groupLimit = kMinGroupBytes;  // grows where flushes cost (AdaptGroupLimit)
-  Clock::time_point groupStart = Clock::now();
-  std::uint64_t messagesAtCommit = 0;  // messages made before the last commit
-  std::uint64_t releasedUpTo = 0;      // the messages marked up to here wait for nothing but the flight
-  Group group;
-  Flight flight;
-  std::vector<JournalFile> files;  // by volume; as many as the run has, from its start
-  std::vector<std::uint32_t> fileKey;  // by volume (FileKeys)
-  // What the next record names of the blocks written: those of the group committed last, and the
-  // sample, by block key.
-  std::vector<journal::Check> landed;
-  std::unordered_map<std::uint64_t, journal::Check> sample;
-  std::uint64_t sampleModulus = 1;
-  // The main file's mark (none where the file is shorter than its blocks), through a handle of its own.
-  bool marking = false;
-  journal::Mark mark;
-  platform::File markFile = platform::kInvalidFile;
-  bool markUnflushed = false;  // the writer wrote a group's mark since the main file's last flush
-};
-
-// The writer thread and the run hand a flight to each other under this lock.
-struct Handover {
-  std::mutex lock;
-  std::condition_variable wake;
-  bool handed = false, done = false;
-  bool watching = false;    // the run waits to show messages as the flight's writes are made
-  std::size_t applied = 0;  // the flight's writes made so far
-};
-
-// The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
-// the group ends, the bytes a write of one of them replaces, unless the group wrote it since.
-struct ReadAside {
-  std::uint64_t group = 0, key = 0;
-  std::vector<std::uint8_t> bytes;
-};
-
-// The batch read last, as read: where the writer is to make the undo, among the group's befores.
-struct BatchOriginals {
-  platform::File file = platform::kInvalidFile;
-  std::uint64_t position = 0, size = 0;
-  std::uint64_t group = 0;  // kept for this group only
-  bool inBefores = false;
-  std::size_t offset = 0;  // in the befores
-  std::vector<std::uint8_t> bytes;
-};
-
-// All the journal keeps. The run's journal starts afresh with each run; the rest lasts as long as
-// the process: the handles it knows and what it read stay valid across runs, and the writer waits
-// on the handover until the process ends, so the whole is never destroyed.
-struct JournalState {
-  Journal journal;
-  Handover handover;
-  std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
-  ReadAside readAside[8];
-  std::size_t nextAside = 0;
-  BatchOriginals originals;
-  std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
-  std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
-};
-JournalState& TheJournalState() {
-  static JournalState& state = *new JournalState;
-  return state;
-}
 JournalState& state = TheJournalState();
 Journal& j = state.journal;
 
+}  // namespace
 
-std::string BaseName(const std::string& path) {
-  const std::size_t slash = path.rfind(platform::kSeparator);
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
+}  // namespace bt::journaling
 
-[[noreturn]] void JournalFailed(const char* what) {
-  Fail("\r\nError %s journal %s. %s\r\n", what, j.path.c_str(), ErrorText());
-}
-
-void WriteJournalOrFail(const std::uint8_t* bytes, std::size_t size, std::uint64_t position) {
-  if (!WriteThrough(j.file, position, bytes, static_cast<std::uint32_t>(size))) JournalFailed("writing");
-}
-
-void SyncJournalOrFail() {
-  platform::ClearLastError();
-  if (!platform::Sync(j.file)) JournalFailed("flushing");
-}
-
-std::uint64_t NewRunId() {
-  std::random_device device;
-  const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-  return (std::uint64_t{device()} << 32 ^ device()) ^ static_cast<std::uint64_t>(now) * 0x9E3779B97F4A7C15ull;
-}
-
-std::string Hex16(std::uint64_t v) {
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(v));
-  return text;
-}
-
-std::string TemporaryJournalName(const std::string& path, std::uint64_t runId) {
-  return path + "." + Hex16(runId) + ".new";
-}
-
-[[noreturn]] void MarkFailed(const char* what) {
-  Fail("\r\nError %s the mark of this run in %s. %s\r\n", what, databaseFileName.c_str(), ErrorText());
-}
-
-// The mark goes to the end of the main file, and is flushed, before the run writes anything: the
-// group of the commit in effect in its sector, the other sector empty.
-void MarkMainFile() {
-  if (!j.marking) return;
-  std::uint8_t bytes[journal::kMarkBytes] = {};
-  j.mark = journal::Mark{j.header.runId, j.header.mainFileSize, j.nextNumber - 1, FullPath(j.path)};
-  if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) {
-    j.marking = false;  // a journal path too long to name: the journal beside it must do
-    return;
-  }
-  platform::ClearLastError();
-  j.markFile = platform::OpenReadWrite(databaseFileName);
-  if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
-  if (!WriteThrough(j.markFile, j.mark.originalSize, bytes, sizeof bytes)) MarkFailed("writing");
-  platform::ClearLastError();
-  if (!platform::Sync(j.markFile)) MarkFailed("flushing");
-}
-
-// Once every file is flushed: the mark is cut off (only where the file still ends with it).
-void UnmarkMainFile() {
-  if (j.markFile == platform::kInvalidFile) return;
-  std::uint8_t bytes[journal::kMarkBytes];
-  journal::Mark found;
-  const std::int64_t size = platform::FileSize(j.markFile);
-  if (size >= static_cast<std::int64_t>(sizeof bytes) &&
-      ReadThrough(j.markFile, static_cast<std::uint64_t>(size) - sizeof bytes, bytes, sizeof bytes) &&
-      journal::DecodeMark(bytes, static_cast<std::uint64_t>(size), found) && found.runId == j.mark.runId) {
-    platform::ClearLastError();
-    if (!platform::SetFileSize(j.markFile, found.originalSize)) MarkFailed("removing");
-    if (!platform::Sync(j.markFile)) MarkFailed("removing");
-  }
-  platform::Close(j.markFile);
-  j.markFile = platform::kInvalidFile;
-}
-
-// Made under another name, flushed, then given its own and the directory flushed: a journal
-// under its name is always whole.
-void CreateJournal() {
-  const std::vector<std::uint8_t> header = journal::EncodeHeader(j.header);
-  if (header.size() > journal::kHeaderBytes) Fail("\r\nThe journal cannot hold the names of this volume set.\r\n");
-  std::vector<std::uint8_t> start(journal::kRecordsOffset, 0);
-  std::copy(header.begin(), header.end(), start.begin());
-  const journal::Commit none{j.header.runId, 0, 0, 0, 0};
-  journal::EncodeCommit(none, start.data() + journal::kCommitOffset);
-  journal::EncodeCommit(none, start.data() + journal::kCommitOffset + journal::kCommitBytes);
-
-  // Named after the run, made only where no file has that name, and given the journal's name only
-  // where none has it: a run never takes or replaces another run's journal.
-  const std::string fresh = TemporaryJournalName(j.path, j.header.runId);
-  platform::ClearLastError();
-  j.file = platform::CreateNewReadWrite(fresh);
-  if (j.file == platform::kInvalidFile) JournalFailed("creating");
-  WriteJournalOrFail(start.data(), start.size(), 0);
-  SyncJournalOrFail();
-  platform::Close(j.file);
-  platform::ClearLastError();
-  if (!platform::RenameNoReplace(fresh, j.path)) {
-    const int error = platform::LastError();
-    platform::RemoveFile(fresh);
-    platform::SetLastError(error);
-    JournalFailed("creating");
-  }
-  if (!platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("creating");
-  j.file = platform::OpenReadWrite(j.path);
-  if (j.file == platform::kInvalidFile || !platform::TryLockExclusive(j.file)) JournalFailed("opening");
-  j.created = true;
-  MarkMainFile();
-}
-
-// Opened by the run, never by the writer: the writer only writes and flushes.
-bool OpenVolumeHandle(std::uint32_t v) {
-  JournalFile& f = j.files[v];
-  if (f.handle == platform::kInvalidFile) {
-    platform::ClearLastError();
-    f.handle = platform::OpenReadWrite(VolumePath(v));
-  }
-  return f.handle != platform::kInvalidFile;
-}
-
-[[noreturn]] void FailOpeningVolume(std::uint32_t v) {
-  Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(v), ErrorText());
-}
-
-// The record goes at the lowest of the journal's first record place and the ends of the last two
-// records that overlaps neither of them: the journal stays within about three records.
-std::uint64_t PlaceRecord(std::uint64_t size) {
-  const auto overlaps = [&](std::uint64_t at) {
-    for (const Placed& p : j.placed)
-      if (p.size != 0 && at < p.offset + p.size && p.offset < at + size) return true;
-    return false;
-  };
-  std::uint64_t best = UINT64_MAX;
-  for (std::uint64_t at : {journal::kRecordsOffset, j.placed[0].offset + j.placed[0].size,
-                           j.placed[1].offset + j.placed[1].size}) {
-    at = (std::max(at, journal::kRecordsOffset) + journal::kRecordAlignment - 1) / journal::kRecordAlignment *
-         journal::kRecordAlignment;
-    if (at < best && !overlaps(at)) best = at;
-  }
-  return best;  // the end of the one that ends last always fits
-}
+namespace bt::journaling {
 
 // The writer's side. It fails nothing itself: where a step fails, it notes why and stops.
+
+namespace {
 
 bool Stopped(Outcome& outcome, Stop stop, std::uint32_t volume = 0) {
   outcome.stop = stop;
@@ -325,6 +52,8 @@ bool SyncJournal(Outcome& outcome) {
   platform::ClearLastError();
   return platform::Sync(j.file) || Stopped(outcome, Stop::kJournalFlushing);
 }
+
+}  // namespace
 
 bool SyncWrittenFiles(Outcome& outcome) {
   if (j.markUnflushed) {
@@ -368,30 +97,7 @@ Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uin
   return flushed ? Stop::kNone : Stop::kJournalFlushing;
 }
 
-// How many blocks the group's writes hold.
-std::size_t HeldBlocks(const Group& g) {
-  std::size_t blocks = 0;
-  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
-  return blocks;
-}
-
-// Makes room in the group's undo for blocks more.
-void ReserveUndo(Group& g, std::size_t blocks) {
-  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
-  if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
-}
-
-// The undo of each block a group of byWriter writes, from the bytes it replaces.
-void MakeUndo(Group& g) {
-  ReserveUndo(g, HeldBlocks(g));
-  for (const HeldWrite& w : g.held)
-    for (std::uint32_t at = 0; at < w.size; at += blockSize) {
-      const std::uint8_t* before = g.befores.data() + w.before + at;
-      std::uint8_t* undo = g.undo.data() + g.undoSize;
-      g.undoSize += w.whole ? journal::EncodeWholeUndo(before, blockSize, undo)
-                            : journal::EncodeUndo(before, g.arena.data() + w.offset + at, blockSize, undo);
-    }
-}
+namespace {
 
 // A write of the group failed. A run of blocks written in their turn is written again block by
 // block, so that the message names the block that fails alone.
@@ -455,20 +161,6 @@ bool ApplyWrites(Flight& f) {
   return true;
 }
 
-// The group's writes made: the main file's mark says so (flushed with them before the next commit).
-void StampGroup(Flight& f) {
-  if (j.markFile == platform::kInvalidFile) return;
-  std::uint8_t sector[journal::kSectorBytes];
-  journal::Mark mark = j.mark;
-  mark.group = f.number;
-  journal::EncodeMark(mark, sector);
-  if (!WriteThrough(j.markFile, mark.originalSize + journal::kSectorBytes * (mark.group % 2), sector, sizeof sector)) {
-    Stopped(f.outcome, Stop::kMarkWriting);
-    return;
-  }
-  j.markUnflushed = true;
-}
-
 void WriteFlight(Flight& f) {
   f.outcome = Outcome{};
   if (f.group.byWriter) {
@@ -489,7 +181,7 @@ void WriteFlight(Flight& f) {
       !SyncJournal(f.outcome))
     return;
   f.flushing += Clock::now() - start;
-  if (ApplyWrites(f)) StampGroup(f);
+  if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
 }
 
 [[noreturn]] void WriterLoop() {
@@ -510,7 +202,6 @@ void WriteFlight(Flight& f) {
 }
 
 // The run's side.
-
 // The writer thread, started once; false where the system cannot start one.
 bool WriterRunning() {
   static const bool running = [] {
@@ -539,47 +230,12 @@ void StartWriter() {
   h.wake.notify_all();
 }
 
+}  // namespace
+
 void HandToWriter() {
   j.flight.busy = true;
   j.flight.lagging = platform::TestWriterLags();
   if (!j.flight.lagging) StartWriter();
-}
-
-// The messages of the group on its way wait for it; then those of the group being gathered wait
-// for its first write.
-void CapOutput() { CapHeldOutput(j.flight.busy ? j.flight.group.cap : j.group.cap); }
-
-// A failure the writer met ends the run here, as it would have in the run's own thread: the
-// messages made before the write that failed are shown, then the run's message.
-[[noreturn]] void FailAsTheWriterStopped(const Outcome& o, const Group& g) {
-  SetFailureHook(nullptr);
-  platform::SetLastError(o.error);
-  if (o.stop == Stop::kJournalWriting) JournalFailed("writing");
-  if (o.stop == Stop::kJournalFlushing) JournalFailed("flushing");
-  if (o.stop == Stop::kMarkWriting) MarkFailed("writing");
-  if (o.stop == Stop::kVolumeFlushing)
-    Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(o.volume), ErrorText());
-  const HeldWrite& w = g.held[o.write];
-  const std::string text = ErrorText();
-  CapHeldOutput(w.cap);
-  ReleaseHeldOutput(UINT64_MAX);
-  CapHeldOutput(UINT64_MAX);
-  if (w.failure == nullptr) FailWritingBlock(o.block);
-  DiscardHeldOutput();
-  Fail(w.failure, w.block, text.c_str());
-}
-
-// A group is as large as its flushes make worth it: a small one is still in the processor's
-// cache when its writes are made, a large one spreads the flushes' cost (which a disk makes high
-// and memory nearly nil). The limit doubles while the flushes took more than an eighth of the
-// time the group took to gather and halves while they took less than a 64th, between
-// kMinGroupBytes and kGroupBytes.
-void AdaptGroupLimit(Clock::duration flushing, Clock::duration working) {
-  if (platform::TestGroupBytes() != 0) return;
-  if (flushing * 8 > working)
-    j.groupLimit = std::min(j.groupLimit * 2, kGroupBytes);
-  else if (flushing * 64 < working)
-    j.groupLimit = std::max(j.groupLimit / 2, kMinGroupBytes);
 }
 
 // Waits for the group on its way, showing the messages made before each of its writes as the
@@ -610,11 +266,34 @@ void AwaitFlight() {
   ReleaseHeldOutput(j.releasedUpTo);
 }
 
-// Whether the writer thread is to make the undo of the group starting and write its record: where
-// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
-bool RecordByWriter() {
-  const std::uint32_t asked = platform::TestRecordByRun();
-  return asked == 0 ? j.groupLimit <= kMinGroupBytes : asked == 2 && j.nextNumber % 2 == 0;
+}  // namespace bt::journaling
+
+namespace bt {
+
+namespace journaling {
+
+namespace {
+
+
+// The blocks a record names in its sample, at most (journal_format.h, RecordHead).
+constexpr std::size_t kSampleLimit = 256;
+
+// The record goes at the lowest of the journal's first record place and the ends of the last two
+// records that overlaps neither of them: the journal stays within about three records.
+std::uint64_t PlaceRecord(std::uint64_t size) {
+  const auto overlaps = [&](std::uint64_t at) {
+    for (const Placed& p : j.placed)
+      if (p.size != 0 && at < p.offset + p.size && p.offset < at + size) return true;
+    return false;
+  };
+  std::uint64_t best = UINT64_MAX;
+  for (std::uint64_t at : {journal::kRecordsOffset, j.placed[0].offset + j.placed[0].size,
+                           j.placed[1].offset + j.placed[1].size}) {
+    at = (std::max(at, journal::kRecordsOffset) + journal::kRecordAlignment - 1) / journal::kRecordAlignment *
+         journal::kRecordAlignment;
+    if (at < best && !overlaps(at)) best = at;
+  }
+  return best;  // the end of the one that ends last always fits
 }
 
 void ClearGroup(Group& g) {
@@ -631,7 +310,6 @@ void ClearGroup(Group& g) {
 }
 
 void CommitBeforeFailure();
-
 // The blocks of a group as its writes leave them (the last write of each), for the next record.
 std::vector<journal::Check> Landed(const Group& g) {
   std::vector<journal::Check> landed;
@@ -707,6 +385,15 @@ void CommitBeforeFailure() {
   CapOutput();
 }
 
+// The bytes the group holds: its writes and their undo. Where the writer is to make the undo, a
+// quarter of the bytes the writes replace stands for it, about what an undo of a conversion takes.
+std::size_t GroupBytes() {
+  const Group& g = j.group;
+  return g.arena.size() + (g.byWriter ? g.befores.size() / 4 : g.undoSize);
+}
+
+}  // namespace
+
 // From here on the run's writes are held in groups (of the size the tests ask for, if they do).
 void StartGroups() {
   if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
@@ -717,141 +404,46 @@ void StartGroups() {
   SetFailureHook(CommitBeforeFailure);
 }
 
-// The bytes the group holds: its writes and their undo. Where the writer is to make the undo, a
-// quarter of the bytes the writes replace stands for it, about what an undo of a conversion takes.
-std::size_t GroupBytes() {
-  const Group& g = j.group;
-  return g.arena.size() + (g.byWriter ? g.befores.size() / 4 : g.undoSize);
+// Whether the writer thread is to make the undo of the group starting and write its record: where
+// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
+bool RecordByWriter() {
+  const std::uint32_t asked = platform::TestRecordByRun();
+  return asked == 0 ? j.groupLimit <= kMinGroupBytes : asked == 2 && j.nextNumber % 2 == 0;
 }
 
-std::uint32_t VolumeOfHandle(platform::File file) {
-  for (const auto& [handle, volume] : state.volumeOf)
-    if (handle == file) return volume;
-  return 0;
+// A group is as large as its flushes make worth it: a small one is still in the processor's
+// cache when its writes are made, a large one spreads the flushes' cost (which a disk makes high
+// and memory nearly nil). The limit doubles while the flushes took more than an eighth of the
+// time the group took to gather and halves while they took less than a 64th, between
+// kMinGroupBytes and kGroupBytes.
+void AdaptGroupLimit(Clock::duration flushing, Clock::duration working) {
+  if (platform::TestGroupBytes() != 0) return;
+  if (flushing * 8 > working)
+    j.groupLimit = std::min(j.groupLimit * 2, kGroupBytes);
+  else if (flushing * 64 < working)
+    j.groupLimit = std::max(j.groupLimit / 2, kMinGroupBytes);
 }
 
-}  // namespace
-
-std::string DirectoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind(platform::kSeparator);
-  if (slash == std::string::npos) return std::string(".");
-  return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+// A write of a sampled block: its first write gives the block as it was before the run, every
+// write what it holds now. Past kSampleLimit blocks, the modulus doubles and the sample keeps
+// the blocks whose keys still qualify (those that did at every modulus before).
+void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position, std::uint64_t beforeSum,
+                 const std::uint8_t* written) {
+  const std::uint64_t afterSum = journal::ChecksumOf(written, journal::kCheckedBytes);
+  const auto [it, first] = j.sample.try_emplace(key, journal::Check{j.fileKey[volume], position, beforeSum, afterSum});
+  if (!first) it->second.after = afterSum;
+  if (j.sample.size() <= kSampleLimit) return;
+  j.sampleModulus *= 2;
+  std::erase_if(j.sample, [](const auto& entry) { return !Sampled(entry.first, j.sampleModulus); });
 }
 
-std::string JournalPathFor(const std::string& fileName) {
-  const char* place = std::getenv("BYTETURN_JOURNAL");
-  if (place == nullptr || *place == '\0') return fileName + ".journal";
-  const std::string dir = place;
-  if (dir == "off") return "";
-  const bool separated = dir.back() == platform::kSeparator || dir.back() == '/';
-  // Two databases of one name (two ORVA.DAT) get two journals: the hash of the full path tells them apart.
-  std::string full = platform::FullPathName(fileName, 32768);
-  if (full.empty()) full = fileName;
-  const std::uint64_t hash = journal::ChecksumOf(reinterpret_cast<const std::uint8_t*>(full.data()), full.size());
-  return dir + (separated ? "" : std::string(1, platform::kSeparator)) + BaseName(fileName) + "." + Hex16(hash) +
-         ".journal";
-}
+// The messages of the group on its way wait for it; then those of the group being gathered wait
+// for its first write.
+void CapOutput() { CapHeldOutput(j.flight.busy ? j.flight.group.cap : j.group.cap); }
 
-bool ReadMarkOf(const std::string& fileName, journal::Mark& mark) {
-  const platform::File file = platform::OpenReadOnly(fileName);
-  if (file == platform::kInvalidFile) return false;
-  std::uint8_t bytes[journal::kMarkBytes];
-  const std::int64_t size = platform::FileSize(file);
-  const bool marked = size >= static_cast<std::int64_t>(sizeof bytes) &&
-                      ReadThrough(file, static_cast<std::uint64_t>(size) - sizeof bytes, bytes, sizeof bytes) &&
-                      journal::DecodeMark(bytes, static_cast<std::uint64_t>(size), mark);
-  platform::Close(file);
-  return marked;
-}
+}  // namespace journaling
 
-namespace {
-
-// The run id in the header of the journal at path; 0 where it has none that can be read.
-std::uint64_t RunOfJournal(const std::string& path) {
-  const platform::File file = platform::OpenReadOnly(path);
-  if (file == platform::kInvalidFile) return 0;
-  std::vector<std::uint8_t> bytes(journal::kHeaderBytes);
-  const auto n = static_cast<std::uint32_t>(
-      std::clamp<std::int64_t>(platform::FileSize(file), 0, static_cast<std::int64_t>(journal::kHeaderBytes)));
-  journal::Header header;
-  std::string why;
-  const bool read = ReadThrough(file, 0, bytes.data(), n) && journal::DecodeHeader(bytes.data(), n, header, why);
-  platform::Close(file);
-  return read ? header.runId : 0;
-}
-
-}  // namespace
-
-// The journal of the run that marked the file is looked for under the names a journal of this
-// file takes, where the mark says it is, and then under any name in those directories (a journal
-// moved or renamed). Without a mark, a journal under this file's own names stops a run too: the
-// recovery tells what it is.
-JournalFound FindJournal(const std::string& fileName) {
-  JournalFound found;
-  found.marked = ReadMarkOf(fileName, found.mark);
-  std::vector<std::string> names{fileName + ".journal"};
-  if (const std::string elsewhere = JournalPathFor(fileName); !elsewhere.empty()) names.push_back(elsewhere);
-  if (!found.marked) {
-    for (const std::string& name : names)
-      if (platform::FileExists(name)) {
-        found.path = name;
-        break;
-      }
-    return found;
-  }
-  names.push_back(found.mark.journalPath);
-  for (const std::string& name : names)
-    if (platform::FileExists(name) && RunOfJournal(name) == found.mark.runId) {
-      found.path = name;
-      return found;
-    }
-  std::vector<std::string> dirs;
-  for (const std::string& name : names)
-    if (std::find(dirs.begin(), dirs.end(), DirectoryOf(name)) == dirs.end()) dirs.push_back(DirectoryOf(name));
-  for (const std::string& dir : dirs)
-    for (const std::string& entry : platform::DirectoryEntries(dir)) {
-      const std::string path = dir + platform::kSeparator + entry;
-      if (entry.ends_with(".journal") && RunOfJournal(path) == found.mark.runId) {
-        found.path = path;
-        return found;
-      }
-    }
-  found.path = found.mark.journalPath;  // not there: where it was
-  return found;
-}
-
-std::vector<std::string> TemporaryJournalsOf(const std::string& journalPath) {
-  std::vector<std::string> left;
-  const std::string dir = DirectoryOf(journalPath), prefix = BaseName(journalPath) + ".";
-  for (const std::string& entry : platform::DirectoryEntries(dir))
-    if (entry.size() == prefix.size() + 16 + 4 && entry.starts_with(prefix) && entry.ends_with(".new"))
-      left.push_back(dir + platform::kSeparator + entry);
-  return left;
-}
-
-std::string RecoverLine(const JournalFound& found, const std::string& fileName) {
-  if (found.marked && !platform::FileExists(found.path))
-    return "An interrupted conversion left its journal " + found.path +
-           ", which is not there now: put it back there, then finish the conversion with byteturn-recover " +
-           fileName + ".\n";
-  return "An interrupted conversion left its journal " + found.path + ": finish it with byteturn-recover " +
-         fileName + ".\n";
-}
-
-std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities) {
-  std::vector<std::uint32_t> keys(identities.size());
-  for (std::uint32_t v = 0; v < identities.size(); ++v) {
-    keys[v] = v;
-    for (std::uint32_t u = 0; u < v && keys[v] == v; ++u)
-      if (identities[u] == identities[v] && !(identities[v] == platform::FileIdentity{})) keys[v] = u;
-  }
-  return keys;
-}
-
-std::string FullPath(const std::string& path) {
-  const std::string full = platform::FullPathName(path, 32768);
-  return full.empty() ? path : full;
-}
+using namespace journaling;
 
 bool Sampled(std::uint64_t key, std::uint64_t modulus) {
   std::uint64_t h = key + 0x9E3779B97F4A7C15ull;
@@ -861,117 +453,48 @@ bool Sampled(std::uint64_t key, std::uint64_t modulus) {
   return key == 0 || (h & (modulus - 1)) == 0;
 }
 
+bool JournalGroupFull() {
+  return j.active && GroupBytes() >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
+}
+bool JournalGroupWaits() {
+  return j.active && !j.group.held.empty() && (GroupBytes() >= j.groupLimit || MessagesMade() > j.messagesAtCommit);
+}
+
+void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
+  if (!j.active) return;
+  if (!j.group.held.empty()) Commit();
+  j.releasedUpTo = releaseMark;
+  ReleaseHeldOutput(releaseMark);
+  // Messages made while the group was gathered are not kept waiting for the next commit.
+  if (j.flight.busy && MessagesMade() > j.flight.group.cap) AwaitFlight();
+  j.groupBlock = resumeBlock;
+  j.groupMaps = SaveMapState();
+}
+
+void AwaitJournalWrites() {
+  if (j.active) AwaitFlight();
+}
+
+}  // namespace bt
+
+namespace bt {
+
+namespace journaling {
+
 namespace {
 
-// The journal's keys from the files' identities.
-void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
-  std::vector<platform::FileIdentity> identities;
-  for (const journal::VolumeRecord& v : volumes) identities.push_back(v.identity);
-  j.fileKey = FileKeys(identities);
+
+// Makes room in the group's undo for blocks more.
+void ReserveUndo(Group& g, std::size_t blocks) {
+  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
+  if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
 }
 
-// Whether the main file can take a mark: not where it is shorter than the blocks it holds.
-bool MainFileTakesMark(std::uint64_t size) {
-  const std::uint64_t blocks = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
-  return size >= blocks * std::uint64_t{blockSize};
+std::uint32_t VolumeOfHandle(platform::File file) {
+  for (const auto& [handle, volume] : state.volumeOf)
+    if (handle == file) return volume;
+  return 0;
 }
-
-}  // namespace
-
-void BeginJournal(bool verbose, const std::string& lockPath) {
-  j = Journal{};
-  j.path = checkRun ? std::string() : JournalPathFor(databaseFileName);
-  if (j.path.empty()) return;
-  j.active = true;
-  j.header.runId = NewRunId();
-  j.header.verbose = verbose;
-  std::memcpy(j.header.label, labelCopyAtStart, journal::kLabelCopyBytes);
-  // Full paths: a recovery started from another directory finds the same files.
-  j.header.mainFile = FullPath(databaseFileName);
-  j.header.mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
-  j.header.primaryDirectory = FullPath(primaryDirectory);
-  for (const std::string& d : volumeDirectories) j.header.directories.push_back(FullPath(d));
-  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v)
-    j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
-                                VolumeIdentity(v)});
-  j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
-  const platform::File main = platform::OpenReadOnly(databaseFileName);
-  const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
-  platform::Close(main);
-  j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
-  j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize);
-  // Without a mark, nothing but a journal beside the main file tells byteturn of the run.
-  if (!j.marking) j.path = databaseFileName + ".journal";
-  StartKeys(j.header.volumes);
-  j.groupBlock = 1;
-  j.groupMaps = MapState{};
-  StartGroups();
-}
-
-void ContinueJournal(const JournalResume& resume) {
-  const journal::Found& found = *resume.found;
-  j = Journal{};
-  j.active = j.created = true;
-  j.file = resume.file;
-  j.path = resume.path;
-  j.header = found.header;
-  j.nextNumber = found.commit.number + 1;
-  j.placed[0] = {found.commit.recordOffset, found.commit.recordSize};
-  j.groupBlock = resume.resumeBlock;
-  j.groupMaps = found.commit.number == 0 ? MapState{} : found.head.maps;
-  StartKeys(j.header.volumes);
-  if (found.commit.number != 0) {
-    j.sampleModulus = std::max<std::uint64_t>(found.head.sampleModulus, 1);
-    for (const journal::Check& c : found.head.sample)
-      j.sample[BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize)] = c;
-  }
-  // The file keeps the mark it bears; one that has none (the run had cut it off as it ended) is
-  // marked again.
-  j.marking = MainFileTakesMark(j.header.mainFileSize);
-  journal::Mark mark;
-  if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
-    j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, FullPath(j.path)};
-    j.markFile = platform::OpenReadWrite(databaseFileName);
-    if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
-    platform::ClearLastError();
-    if (!platform::Sync(j.markFile)) MarkFailed("flushing");  // a killed run may have left it unflushed
-  } else {
-    MarkMainFile();
-  }
-  StartGroups();
-}
-
-void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
-  // The put-back stands for the writes of the record in effect: the mark says they landed, as
-  // the next commit needs.
-  if (j.markFile != platform::kInvalidFile && j.mark.group + 1 < j.nextNumber) {
-    Flight resumed;
-    resumed.number = j.nextNumber - 1;
-    StampGroup(resumed);
-    platform::ClearLastError();
-    if (resumed.outcome.stop != Stop::kNone) MarkFailed("writing");
-    if (!platform::Sync(j.markFile)) MarkFailed("flushing");
-    j.markUnflushed = false;
-  }
-  j.landed = landed;
-  // What the put-back left is what the disk holds now.
-  for (const journal::Check& c : landed)
-    if (const auto it = j.sample.find(BlockKey(j.fileKey[c.volume], c.position / blockSize)); it != j.sample.end())
-      it->second.after = c.after;
-}
-
-bool JournalHoldsWrites() { return j.active; }
-
-void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
-  for (auto& [handle, v] : state.volumeOf)
-    if (handle == file) {
-      v = volume;
-      return;
-    }
-  state.volumeOf.emplace_back(file, volume);
-}
-
-namespace {
 
 // The key of the block at position of volume (BlockKey): one file named twice has one key.
 std::uint64_t KeyOf(std::uint32_t volume, std::uint64_t position) {
@@ -1063,20 +586,39 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   return overlaid;
 }
 
-// A write of a sampled block: its first write gives the block as it was before the run, every
-// write what it holds now. Past kSampleLimit blocks, the modulus doubles and the sample keeps
-// the blocks whose keys still qualify (those that did at every modulus before).
-void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position, std::uint64_t beforeSum,
-                 const std::uint8_t* written) {
-  const std::uint64_t afterSum = journal::ChecksumOf(written, journal::kCheckedBytes);
-  const auto [it, first] = j.sample.try_emplace(key, journal::Check{j.fileKey[volume], position, beforeSum, afterSum});
-  if (!first) it->second.after = afterSum;
-  if (j.sample.size() <= kSampleLimit) return;
-  j.sampleModulus *= 2;
-  std::erase_if(j.sample, [](const auto& entry) { return !Sampled(entry.first, j.sampleModulus); });
+}  // namespace
+
+// How many blocks the group's writes hold.
+std::size_t HeldBlocks(const Group& g) {
+  std::size_t blocks = 0;
+  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
+  return blocks;
 }
 
-}  // namespace
+// The undo of each block a group of byWriter writes, from the bytes it replaces.
+void MakeUndo(Group& g) {
+  ReserveUndo(g, HeldBlocks(g));
+  for (const HeldWrite& w : g.held)
+    for (std::uint32_t at = 0; at < w.size; at += blockSize) {
+      const std::uint8_t* before = g.befores.data() + w.before + at;
+      std::uint8_t* undo = g.undo.data() + g.undoSize;
+      g.undoSize += w.whole ? journal::EncodeWholeUndo(before, blockSize, undo)
+                            : journal::EncodeUndo(before, g.arena.data() + w.offset + at, blockSize, undo);
+    }
+}
+
+}  // namespace journaling
+
+using namespace journaling;
+
+void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
+  for (auto& [handle, v] : state.volumeOf)
+    if (handle == file) {
+      v = volume;
+      return;
+    }
+  state.volumeOf.emplace_back(file, volume);
+}
 
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block) {
@@ -1129,27 +671,126 @@ bool ReadReachesMark(platform::File file, std::uint64_t position, std::uint32_t 
   return j.marking && j.fileKey[VolumeOfHandle(file)] == j.fileKey[0] && position + size > j.header.mainFileSize;
 }
 
-bool JournalGroupFull() {
-  return j.active && GroupBytes() >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
-}
-bool JournalGroupWaits() {
-  return j.active && !j.group.held.empty() && (GroupBytes() >= j.groupLimit || MessagesMade() > j.messagesAtCommit);
+}  // namespace bt
+
+namespace bt {
+
+namespace journaling {
+
+// Made at its first use and never destroyed: the writer thread waits on its handover until the
+// process ends.
+JournalState& TheJournalState() {
+  static JournalState& state = *new JournalState;
+  return state;
 }
 
-void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
-  if (!j.active) return;
-  if (!j.group.held.empty()) Commit();
-  j.releasedUpTo = releaseMark;
-  ReleaseHeldOutput(releaseMark);
-  // Messages made while the group was gathered are not kept waiting for the next commit.
-  if (j.flight.busy && MessagesMade() > j.flight.group.cap) AwaitFlight();
-  j.groupBlock = resumeBlock;
-  j.groupMaps = SaveMapState();
+namespace {
+
+
+// The journal's keys from the files' identities.
+void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
+  std::vector<platform::FileIdentity> identities;
+  for (const journal::VolumeRecord& v : volumes) identities.push_back(v.identity);
+  j.fileKey = FileKeys(identities);
 }
 
-void AwaitJournalWrites() {
-  if (j.active) AwaitFlight();
+}  // namespace
+
+// A failure the writer met ends the run here, as it would have in the run's own thread: the
+// messages made before the write that failed are shown, then the run's message.
+[[noreturn]] void FailAsTheWriterStopped(const Outcome& o, const Group& g) {
+  SetFailureHook(nullptr);
+  platform::SetLastError(o.error);
+  if (o.stop == Stop::kJournalWriting) JournalFailed("writing");
+  if (o.stop == Stop::kJournalFlushing) JournalFailed("flushing");
+  if (o.stop == Stop::kMarkWriting) MarkFailed("writing");
+  if (o.stop == Stop::kVolumeFlushing)
+    Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(o.volume), ErrorText());
+  const HeldWrite& w = g.held[o.write];
+  const std::string text = ErrorText();
+  CapHeldOutput(w.cap);
+  ReleaseHeldOutput(UINT64_MAX);
+  CapHeldOutput(UINT64_MAX);
+  if (w.failure == nullptr) FailWritingBlock(o.block);
+  DiscardHeldOutput();
+  Fail(w.failure, w.block, text.c_str());
 }
+
+}  // namespace journaling
+
+using namespace journaling;
+
+std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities) {
+  std::vector<std::uint32_t> keys(identities.size());
+  for (std::uint32_t v = 0; v < identities.size(); ++v) {
+    keys[v] = v;
+    for (std::uint32_t u = 0; u < v && keys[v] == v; ++u)
+      if (identities[u] == identities[v] && !(identities[v] == platform::FileIdentity{})) keys[v] = u;
+  }
+  return keys;
+}
+
+void BeginJournal(bool verbose, const std::string& lockPath) {
+  j = Journal{};
+  j.path = checkRun ? std::string() : JournalPathFor(databaseFileName);
+  if (j.path.empty()) return;
+  j.active = true;
+  j.header.runId = NewRunId();
+  j.header.verbose = verbose;
+  std::memcpy(j.header.label, labelCopyAtStart, journal::kLabelCopyBytes);
+  // Full paths: a recovery started from another directory finds the same files.
+  j.header.mainFile = FullPath(databaseFileName);
+  j.header.mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
+  j.header.primaryDirectory = FullPath(primaryDirectory);
+  for (const std::string& d : volumeDirectories) j.header.directories.push_back(FullPath(d));
+  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v)
+    j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
+                                VolumeIdentity(v)});
+  j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
+  const platform::File main = platform::OpenReadOnly(databaseFileName);
+  const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
+  platform::Close(main);
+  j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
+  j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize);
+  // Without a mark, nothing but a journal beside the main file tells byteturn of the run.
+  if (!j.marking) j.path = databaseFileName + ".journal";
+  StartKeys(j.header.volumes);
+  j.groupBlock = 1;
+  j.groupMaps = MapState{};
+  StartGroups();
+}
+
+void ContinueJournal(const JournalResume& resume) {
+  const journal::Found& found = *resume.found;
+  j = Journal{};
+  j.active = j.created = true;
+  j.file = resume.file;
+  j.path = resume.path;
+  j.header = found.header;
+  j.nextNumber = found.commit.number + 1;
+  j.placed[0] = {found.commit.recordOffset, found.commit.recordSize};
+  j.groupBlock = resume.resumeBlock;
+  j.groupMaps = found.commit.number == 0 ? MapState{} : found.head.maps;
+  StartKeys(j.header.volumes);
+  if (found.commit.number != 0) {
+    j.sampleModulus = std::max<std::uint64_t>(found.head.sampleModulus, 1);
+    for (const journal::Check& c : found.head.sample)
+      j.sample[BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize)] = c;
+  }
+  ResumeMark();
+  StartGroups();
+}
+
+void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
+  StampResumedGroup();
+  j.landed = landed;
+  // What the put-back left is what the disk holds now.
+  for (const journal::Check& c : landed)
+    if (const auto it = j.sample.find(BlockKey(j.fileKey[c.volume], c.position / blockSize)); it != j.sample.end())
+      it->second.after = c.after;
+}
+
+bool JournalHoldsWrites() { return j.active; }
 
 void EndJournal() {
   if (!j.active) return;
