@@ -1,0 +1,30 @@
+// The journal's files: where the journal lies and how it is made, the mark of the run on the main
+// file, and the handles through which the journal writes the database files.
+#pragma once
+
+#include <cstdint>
+
+namespace bt::journaling {
+
+// The run fails: what went wrong with the journal, or with the main file's mark.
+[[noreturn]] void JournalFailed(const char* what);
+[[noreturn]] void MarkFailed(const char* what);
+
+std::uint64_t NewRunId();
+// Makes the journal (at the first commit), then marks the main file.
+void CreateJournal();
+
+// The mark on the main file: whether the file can take one; kept or made again for a run resumed;
+// the writes of a group stamped in it, or those of the record a recovery put back; cut off once
+// the run is complete.
+bool MainFileTakesMark(std::uint64_t size);
+void ResumeMark();
+bool StampGroup(std::uint64_t number);
+void StampResumedGroup();
+void UnmarkMainFile();
+
+// The journal's own handle of volume v, which the run opens (false where it cannot).
+bool OpenVolumeHandle(std::uint32_t v);
+[[noreturn]] void FailOpeningVolume(std::uint32_t v);
+
+}  // namespace bt::journaling

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace bt::journal {
+
+// The undo of one block written, which puts the block back as it was over whatever a write lost,
+// kept or torn at any 512-byte boundary left:
+// - a bitmap with a bit per 8-byte word of the block (bit k % 8 of byte k / 8 for word k), set
+//   for each word the undo names: those the write changes;
+// - for each word named, in order, a code byte: 0 where the word is stored as it was, else the
+//   byte order that turns the word written back into the one it replaced: 0xFF the whole word
+//   reversed, else a nibble for bytes 0..3 (low) and one for bytes 4..7 (high), each 0 kept,
+//   1 reversed, 2 both byte pairs swapped, 3 the first pair only, 4 the second only;
+// - the words stored, as they were, in order.
+// A converted block is mostly reversed fields, so most words named take one byte.
+// A sector is written whole or not at all, and the first word named in each 512-byte sector is
+// stored as it was: the sector holds the write where that word differs from it. Stored words are
+// put back whatever the sector holds, turned ones only where it holds the write. The undos of a
+// record are put back in the order of its writes. Block sizes are multiples of 512.
+inline constexpr std::uint32_t kSectorBytes = 512, kSectorWords = kSectorBytes / 8;
+inline std::size_t UndoBitmapBytes(std::uint32_t blockSize) { return blockSize / 64; }
+inline std::size_t MaxUndoBytes(std::uint32_t blockSize) { return UndoBitmapBytes(blockSize) + blockSize / 8 * 9; }
+// Writes the undo of the write of after over before to undo (MaxUndoBytes room); returns its size.
+std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                       std::uint8_t* undo);
+// The same for a block written again in its group, whose sectors may each hold any of its writes:
+// it names every word, stored as it was, so that put back after the others it gives the block.
+std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo);
+// The size of the undo at undo, which has available bytes; 0 when it does not fit in them.
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
+// Puts back into block the words the undo names (it fits, as UndoSize tells); true when any differed.
+bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
+
+}  // namespace bt::journal
