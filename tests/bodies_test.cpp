@@ -9,7 +9,7 @@
 #include "pointer_block.h"
 #include "run.h"
 #include "pass.h"
-#include "state.h"
+#include "database.h"
 #include "vector.h"
 #include "volume_io.h"
 

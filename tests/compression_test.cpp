@@ -6,7 +6,7 @@
 #include "compression.h"
 #include "platform.h"
 #include "run.h"
-#include "state.h"
+#include "database.h"
 
 using namespace testsupport;
 

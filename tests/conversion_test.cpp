@@ -2,7 +2,7 @@
 
 #include "block_header.h"
 #include "run.h"
-#include "state.h"
+#include "database.h"
 
 #include <filesystem>
 

@@ -4,7 +4,7 @@
 #include "block_cipher.h"
 #include "label_block.h"
 #include "run.h"
-#include "state.h"
+#include "database.h"
 
 using namespace testsupport;
 using Key = std::vector<std::uint8_t>;

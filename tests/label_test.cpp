@@ -2,7 +2,7 @@
 
 #include "label_block.h"
 #include "run.h"
-#include "state.h"
+#include "database.h"
 
 using namespace testsupport;
 

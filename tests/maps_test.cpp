@@ -3,7 +3,7 @@
 #include "map_block.h"
 #include "run.h"
 #include "pass.h"
-#include "state.h"
+#include "database.h"
 
 using namespace testsupport;
 

@@ -8,7 +8,7 @@
 #include "platform.h"
 #include "run.h"
 #include "pass.h"
-#include "state.h"
+#include "database.h"
 #include "block_batch.h"
 #include "map_block.h"
 #include "volume_io.h"

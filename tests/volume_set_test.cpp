@@ -4,7 +4,7 @@
 #include <functional>
 
 #include "run.h"
-#include "state.h"
+#include "database.h"
 #include "volume_info.h"
 #include "volume_set.h"
 

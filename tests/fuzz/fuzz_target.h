@@ -10,7 +10,7 @@
 
 #include "messages.h"
 #include "other_blocks.h"
-#include "state.h"
+#include "database.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

@@ -1,0 +1,324 @@
+#include "recover.h"
+#include "pass.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+
+#include "driver.h"
+#include "journal.h"
+#include "journal_format.h"
+#include "journaled_store.h"
+#include "label_block.h"
+#include "label_check.h"
+#include "lock_file.h"
+#include "map_block.h"
+#include "messages.h"
+#include "database.h"
+#include "volume_info.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace {
+
+[[noreturn]] void Refuse(const std::string& text) {
+  FailTo(stderr, "byteturn-recover: %s\n", text.c_str());
+}
+
+// No journal where the file's names or mark lead. A run interrupted while it made its journal
+// leaves it under its temporary name, and its lock: both are removed, and said so.
+[[noreturn]] void NoJournal(const JournalFound& where) {
+  if (where.marked)
+    Refuse(databaseFileName + " bears the mark of an interrupted conversion, whose journal " + where.path +
+           " is not there, nor under another name beside it or beside " + databaseFileName +
+           ". Put the journal back there (or its directory in BYTETURN_JOURNAL), then run byteturn-recover " +
+           databaseFileName + " again. Nothing was changed.");
+  std::vector<std::string> names{databaseFileName + ".journal"};
+  if (const std::string elsewhere = JournalPathFor(databaseFileName); !elsewhere.empty() && elsewhere != names[0])
+    names.push_back(elsewhere);
+  std::string removed;
+  for (const std::string& name : names)
+    for (const std::string& left : TemporaryJournalsOf(name))
+      if (platform::RemoveFile(left)) removed += (removed.empty() ? "" : ", ") + left;
+  // The journal a run was making tells that it stopped before its first write: its lock goes too.
+  // A lock alone may guard a database whose journal is elsewhere: the operator decides.
+  const std::string lock = LockPathFor(databaseFileName);
+  if (!removed.empty() && RemoveLeftLock(lock)) removed += ", " + lock;
+  const std::string looked = names[0] + (names.size() > 1 ? " and " + names[1] : std::string());
+  const std::string text = "no journal of " + databaseFileName + " was found (it looked for " + looked + "), and " +
+                           databaseFileName + " bears no mark of an interrupted conversion: there is nothing to finish.";
+  if (removed.empty() && !lock.empty() && platform::FileExists(lock))
+    Refuse(text + " The lock " + lock + " stays: where the run that left it had not written yet, or had finished, "
+           "remove it; where its journal lies elsewhere, name its directory in BYTETURN_JOURNAL.");
+  if (removed.empty()) Refuse(text);
+  PrintTo(stderr, "byteturn-recover: %s The run before stopped while it made its journal, before it wrote anything; "
+          "removed what it left: %s.\n", text.c_str(), removed.c_str());
+  EndRun(0);
+}
+
+// The journal, opened and locked: a run that still keeps it holds the lock.
+platform::File OpenJournal(const std::string& path) {
+  platform::ClearLastError();
+  const platform::File file = platform::OpenReadWrite(path);
+  if (file == platform::kInvalidFile) Refuse("cannot open the journal " + path + ". " + ErrorText());
+  if (!platform::TryLockExclusive(file))
+    Refuse("the journal " + path + " is in use: the run that keeps it has not ended. Nothing was changed.");
+  return file;
+}
+
+journal::Found ReadJournalOrRefuse(platform::File file, const std::string& path) {
+  journal::Found found;
+  std::string why;
+  const std::int64_t size = platform::FileSize(file);
+  const auto read = [&](std::uint64_t position, std::uint8_t* buffer, std::size_t n) {
+    return ReadThrough(file, position, buffer, static_cast<std::uint32_t>(n));
+  };
+  if (size < 0 || !journal::ReadJournal(read, static_cast<std::uint64_t>(size), found, why))
+    Refuse("the journal " + path + " cannot be used: " + why + ". Nothing was changed.");
+  // What was read may be what a killed run left unflushed (its last commit, the journal's very
+  // name): it is made durable before the recovery writes a record beside it or a block.
+  platform::ClearLastError();
+  if (!platform::Sync(file) || !platform::SyncDirectory(DirectoryOf(path)))
+    Refuse("cannot flush the journal " + path + ". " + ErrorText() + " Nothing was changed.");
+  return found;
+}
+
+// A directory the run named by its full path, where the main file's directory is now.
+std::string Rebased(const std::string& dir, const journal::Header& h) {
+  if (!dir.starts_with(h.mainDirectory)) return dir;
+  return FullPath(DirectoryOf(databaseFileName) + platform::kSeparator) + dir.substr(h.mainDirectory.size());
+}
+
+std::vector<std::uint32_t> KeysOfVolumes(const journal::Header& h) {
+  std::vector<platform::FileIdentity> identities;
+  for (const journal::VolumeRecord& v : h.volumes) identities.push_back(v.identity);
+  return FileKeys(identities);
+}
+
+// The block number of position in volume v.
+std::uint32_t BlockAt(std::uint32_t v, std::uint64_t position, std::uint32_t size) {
+  return (v == 0 ? 1 : volumeFirstBlock[v]) + static_cast<std::uint32_t>(position / size);
+}
+
+// Every block the last record names outside its own writes must hold what the run last wrote
+// there: otherwise a file was put back from a backup, rolled back, or replaced since. Where every
+// sampled block holds what it held before the run, the database looks as it was before it.
+void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
+                           const std::vector<std::uint32_t>& keys) {
+  if (found.commit.number == 0) return;
+  const std::uint32_t size = found.head.blockSize;
+  std::vector<std::uint64_t> written;
+  for (const journal::Entry& e : found.head.entries)
+    for (std::uint32_t k = 0; k < e.blocks; ++k)
+      written.push_back(BlockKey(keys[e.volume], e.position / size + k));
+  std::sort(written.begin(), written.end());
+  std::vector<platform::File> files(keys.size(), platform::kInvalidFile);
+  std::uint8_t sector[journal::kCheckedBytes];
+  const journal::Check* differs = nullptr;
+  std::size_t sampled = 0, asBefore = 0;
+  for (const std::vector<journal::Check>* checks : {&found.head.landed, &found.head.sample})
+    for (const journal::Check& c : *checks) {
+      if (c.volume >= keys.size()) Refuse("the journal " + path + " names a volume the database does not have.");
+      if (std::binary_search(written.begin(), written.end(), BlockKey(keys[c.volume], c.position / size))) continue;
+      platform::File& file = files[c.volume];
+      if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(c.volume));
+      const bool read = ReadThrough(file, c.position, sector, sizeof sector);
+      const std::uint64_t sum = read ? journal::ChecksumOf(sector, sizeof sector) : ~c.after;
+      if (sum != c.after && differs == nullptr) differs = &c;
+      if (checks == &found.head.sample) ++sampled, asBefore += sum == c.before;
+    }
+  for (const platform::File file : files) platform::Close(file);
+  if (differs == nullptr) return;
+  const std::string file = VolumePath(differs->volume);
+  std::string text = file + " is not as the interrupted run left it: block #" +
+                     std::to_string(BlockAt(differs->volume, differs->position, size)) +
+                     " holds other bytes than the run wrote there.";
+  const std::string& lock = found.header.lockPath;
+  const std::string remove = "remove the journal " + path +
+                             (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string());
+  if (asBefore == sampled)
+    text += " Every block the journal sampled (" + std::to_string(sampled) +
+            ", the label block among them) holds what it held before the run, as in a database restored from a "
+            "backup taken before it: if that is what it is, " + remove + " and run byteturn again.";
+  else
+    text += " Put back the files as the run left them; or restore the whole database from a backup taken before "
+            "the run, " + remove + " and run byteturn again.";
+  Refuse(text + " Nothing was changed.");
+}
+
+// Whether label (the main file's first bytes) is the label block as the run found it or left it:
+// converted, and where a further volume is the main file (a link), converted again as that
+// volume's first block. Where the last record writes that block, through any name, it may be torn
+// and is put back.
+bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, const std::vector<std::uint32_t>& keys) {
+  constexpr std::size_t n = journal::kLabelCopyBytes;
+  if (std::memcmp(label, found.header.label, n) == 0) return true;
+  if (found.commit.number != 0)
+    for (const journal::Entry& e : found.head.entries)
+      if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
+  std::uint8_t converted[n];
+  std::memcpy(converted, found.header.label, n);
+  ConvertLabelBlock(Bytes(converted, n));
+  if (std::memcmp(label, converted, n) == 0) return true;
+  for (std::uint32_t v = 1; v < keys.size(); ++v) {
+    if (keys[v] != keys[0]) continue;
+    CvVolInfo(Bytes(converted, n), static_cast<std::int32_t>(v));
+    if (std::memcmp(label, converted, n) == 0) return true;
+  }
+  return false;
+}
+
+// The files of the database must be those the interrupted run converted, wherever they are now:
+// linked to each other as they were, the main file beginning with its label block as the run found
+// it or converts it, and every block the journal names as the run left it.
+void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalPath) {
+  const journal::Header& h = found.header;
+  if (h.volumes.size() != std::size_t{furtherVolumeCount} + 1)
+    Refuse("the journal does not describe the volume set of " + databaseFileName + ". Nothing was changed.");
+  const std::vector<std::uint32_t> keys = KeysOfVolumes(h);
+  primaryDirectory = Rebased(h.primaryDirectory, h);
+  volumeDirectories.clear();
+  for (const std::string& d : h.directories) volumeDirectories.push_back(Rebased(d, h));
+  volumeFirstBlock[0] = furtherVolumeCount;
+  for (std::uint32_t v = 1; v <= furtherVolumeCount; ++v) {
+    volumeDirIndex[v] = h.volumes[v].directory;
+    volumeFirstBlock[v] = h.volumes[v].firstBlock;
+  }
+  std::vector<platform::FileIdentity> identities;
+  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {
+    const std::string path = VolumePath(v);
+    platform::ClearLastError();
+    const platform::File file = platform::OpenReadOnly(path);
+    if (file == platform::kInvalidFile) Refuse("cannot open " + path + ". " + ErrorText() + " Nothing was changed.");
+    identities.push_back(platform::IdentityOf(file));
+    std::uint8_t label[journal::kLabelCopyBytes] = {};
+    const bool labelRead = v != 0 || ReadThrough(file, 0, label, sizeof label);
+    platform::Close(file);
+    if (v == 0 && !(labelRead && BeginsWithLabel(label, found, keys)))
+      Refuse(path + " does not begin with the label block of the database the journal was written for. Nothing was "
+                    "changed.");
+  }
+  // A volume that was a link to another must still be one, and only then: the writes through
+  // either name went to one file.
+  if (FileKeys(identities) != keys)
+    Refuse("the files of " + databaseFileName +
+           " are not linked to each other as they were when the run was interrupted. Nothing was changed.");
+  // A copy of the main file, its original still there and marked by the same run: finishing the
+  // copy would take the original's journal.
+  if (FullPath(databaseFileName) != h.mainFile && platform::FileExists(h.mainFile)) {
+    journal::Mark original;
+    const platform::File file = platform::OpenReadOnly(h.mainFile);
+    const bool other = file != platform::kInvalidFile && !(platform::IdentityOf(file) == identities[0]);
+    platform::Close(file);
+    if (other && ReadMarkOf(h.mainFile, original) && original.runId == h.runId)
+      Refuse(databaseFileName + " is a copy of " + h.mainFile + ", whose interrupted run the journal " + journalPath +
+             " belongs to: finish that file's run (byteturn-recover " + h.mainFile + ") and copy it then, or move it "
+             "away first. Nothing was changed.");
+  }
+  journal::Mark mark;
+  const bool marked = ReadMarkOf(databaseFileName, mark);
+  if (marked && mark.runId != h.runId)
+    Refuse("the journal " + journalPath + " is not the journal of the run that marked " + databaseFileName +
+           " (another database's, or an earlier run's). Nothing was changed.");
+  if (marked && mark.group > found.commit.number)
+    Refuse("the journal " + journalPath + " is older than " + databaseFileName + ": the run went on past it (its files "
+           "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
+           std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
+  CheckContentsOrRefuse(found, journalPath, keys);
+  if (marked && mark.group + 1 < found.commit.number)
+    Refuse(databaseFileName + " is older than the journal " + journalPath + " (its files hold group #" +
+           std::to_string(mark.group) + ", the journal ends at group #" + std::to_string(found.commit.number) +
+           "). Put back the files as the run left them. Nothing was changed.");
+}
+
+// Puts back the words that the writes of the last record changed, and flushes them. A block that
+// still holds them is left alone: the write that failed on a bad place of the disk is not tried
+// again here, but where the run meets it, with the run's own message. Returns the blocks as it
+// leaves them, for the journal's next record.
+std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
+  const std::uint32_t blockBytes = found.head.blockSize;
+  const std::vector<std::uint32_t> keys = KeysOfVolumes(found.header);
+  std::vector<std::uint8_t> current(blockBytes);
+  std::size_t at = found.undoOffset;
+  std::vector<platform::File> files(std::size_t{furtherVolumeCount} + 1, platform::kInvalidFile);
+  std::unordered_map<std::uint64_t, journal::Check> left;
+  for (const journal::Entry& e : found.head.entries) {
+    if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
+    platform::File& file = files[e.volume];
+    if (file == platform::kInvalidFile) file = OpenVolumeFile(e.volume);
+    if (file == platform::kInvalidFile)
+      Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(e.volume), ErrorText());
+    for (std::uint32_t k = 0; k < e.blocks; ++k) {
+      const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
+      const std::uint8_t* undo = found.record.data() + at;
+      at += journal::UndoSize(undo, found.record.size() - at, blockBytes);
+      if (!ReadThrough(file, position, current.data(), blockBytes))
+        Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
+             static_cast<unsigned long long>(position), ErrorText());
+      const bool changed = journal::ApplyUndo(undo, blockBytes, current.data());
+      left[BlockKey(keys[e.volume], position / blockBytes)] = {
+          keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
+      if (!changed) continue;
+      if (!WriteThrough(file, position, current.data(), blockBytes))
+        Fail("\r\nError writing volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
+             static_cast<unsigned long long>(position), ErrorText());
+    }
+  }
+  for (std::uint32_t v = 0; v < files.size(); ++v) {
+    if (files[v] == platform::kInvalidFile) continue;
+    SyncVolumeOrFail(files[v], v);
+    platform::Close(files[v]);
+  }
+  std::vector<journal::Check> landed;
+  for (const auto& [key, check] : left) landed.push_back(check);
+  return landed;
+}
+
+}  // namespace
+
+namespace {
+void Recover(int argc, const char* const* argv) {
+  platform::PrepareConsole();
+  if (argc != 2 || argv[1][0] == '\0') {
+    PrintTo(stderr, "usage: byteturn-recover FILE\n");
+    EndRun(1);
+  }
+  databaseFileName = argv[1];
+  binDirectory = BinDirectoryOfThisProgram();
+  HoldDatabaseFile(databaseFileName);
+  const JournalFound where = FindJournal(databaseFileName);
+  if (where.path.empty() || !platform::FileExists(where.path)) NoJournal(where);
+  const std::string& path = where.path;
+  const platform::File file = OpenJournal(path);
+  const journal::Found found = ReadJournalOrRefuse(file, path);
+
+  CommandLine commandLine;
+  commandLine.verbose = found.header.verbose;
+  commandLine.fileName = databaseFileName;
+  CheckLabel(found.header.label, commandLine);  // asks for the keyfile again where there is one
+  if (found.commit.number != 0 && found.head.blockSize != blockSize)
+    Refuse("the journal " + path + " cannot be used: its last record is damaged. Nothing was changed.");
+  CheckFilesOrRefuse(found, path);
+
+  const std::uint32_t resume = found.commit.number == 0 ? 1 : found.head.resumeBlock;
+  Print("\r\nResuming the interrupted conversion at block #%u.\r\n", resume);
+  std::fflush(stdout);
+  platform::KeepRunningWithoutConsole();
+  Pass pass;
+  ContinueJournal({file, path, &found, resume, &pass.maps});
+  UseStore(JournaledStore());
+  if (found.commit.number != 0) NoteResumedBlocks(PutBackOrFail(found));
+  RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
+  ConvertVolumes(pass, found.header.verbose, resume);
+  for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
+  FinishRun(pass, found.header.lockPath.empty() ? LockPathFor(databaseFileName) : found.header.lockPath);
+}
+}  // namespace
+
+int RecoverMain(int argc, const char* const* argv) {
+  return RunCommand([&] { Recover(argc, argv); });
+}
+
+}  // namespace bt

@@ -1,3 +1,0 @@
-#include "check_run.h"
-
-int main(int argc, char** argv) { return bt::CheckMain(argc, argv); }

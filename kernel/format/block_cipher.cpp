@@ -1,0 +1,48 @@
+#include "block_cipher.h"
+
+#include "aes_modes.h"
+#include "database.h"
+
+namespace bt {
+
+namespace {
+// The CBC IV of a block: its number, big-endian whatever the database's order, then twelve
+// zeros, encrypted once under the database key. A block keeps its IV across a conversion.
+void BlockIv(std::uint32_t b, std::uint8_t iv[16]) {
+  for (int i = 0; i < 16; ++i) iv[i] = 0;
+  StoreBE32(iv, b);
+  crypto::AesEncryptBlock(iv, iv, encryptionKeySchedule);
+}
+}  // namespace
+
+int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b) {
+  if (!databaseKeyLoaded) return 0;
+  std::uint8_t iv[16];
+  BlockIv(b, iv);
+  crypto::AesCbcDecrypt(in, out, blockSize, iv, decryptionKeySchedule);  // a size that is no multiple of 16 changes nothing
+  return 1;
+}
+
+int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b) {
+  if (!databaseKeyLoaded) return 0;
+  std::uint8_t iv[16];
+  BlockIv(b, iv);
+  if (blockSize % 16 != 0 || blockSize < 16) return 1;
+  crypto::AesCbcEncrypt(in, out, blockSize, iv, encryptionKeySchedule);
+  return 1;
+}
+
+int EncryptDataBlocks(std::uint8_t* const* blocks, const std::uint32_t* numbers, std::uint32_t count) {
+  if (!databaseKeyLoaded) return 0;
+  if (blockSize % 16 != 0 || blockSize < 16) return 1;
+  constexpr std::uint32_t kGroup = 64;
+  std::uint8_t ivs[kGroup][16];
+  for (std::uint32_t done = 0; done < count; done += kGroup) {
+    const std::uint32_t n = count - done < kGroup ? count - done : kGroup;
+    for (std::uint32_t i = 0; i < n; ++i) BlockIv(numbers[done + i], ivs[i]);
+    crypto::AesCbcEncryptMany(blocks + done, n, blockSize, ivs, encryptionKeySchedule);
+  }
+  return 1;
+}
+
+}  // namespace bt

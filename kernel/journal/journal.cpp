@@ -1,0 +1,156 @@
+#include "journal.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "journal_commit.h"
+#include "journal_files.h"
+#include "journal_state.h"
+#include "journal_writer.h"
+#include "messages.h"
+#include "database.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace journaling {
+
+// Made at its first use and never destroyed: the writer thread waits on its handover until the
+// process ends.
+JournalState& TheJournalState() {
+  static JournalState& state = *new JournalState;
+  return state;
+}
+
+namespace {
+
+Journal& j = TheJournalState().journal;
+
+// The journal's keys from the files' identities.
+void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
+  std::vector<platform::FileIdentity> identities;
+  for (const journal::VolumeRecord& v : volumes) identities.push_back(v.identity);
+  j.fileKey = FileKeys(identities);
+}
+
+}  // namespace
+
+// A failure the writer met ends the run here, as it would have in the run's own thread: the
+// messages made before the write that failed are shown, then the run's message.
+[[noreturn]] void FailAsTheWriterStopped(const Outcome& o, const Group& g) {
+  SetFailureHook(nullptr);
+  platform::SetLastError(o.error);
+  if (o.stop == Stop::kJournalWriting) JournalFailed("writing");
+  if (o.stop == Stop::kJournalFlushing) JournalFailed("flushing");
+  if (o.stop == Stop::kMarkWriting) MarkFailed("writing");
+  if (o.stop == Stop::kVolumeFlushing)
+    Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(o.volume), ErrorText());
+  const HeldWrite& w = g.held[o.write];
+  const std::string text = ErrorText();
+  CapHeldOutput(w.cap);
+  ReleaseHeldOutput(UINT64_MAX);
+  CapHeldOutput(UINT64_MAX);
+  if (w.failure == nullptr) FailWritingBlock(o.block);
+  DiscardHeldOutput();
+  Fail(w.failure, w.block, text.c_str());
+}
+
+}  // namespace journaling
+
+using namespace journaling;
+
+std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities) {
+  std::vector<std::uint32_t> keys(identities.size());
+  for (std::uint32_t v = 0; v < identities.size(); ++v) {
+    keys[v] = v;
+    for (std::uint32_t u = 0; u < v && keys[v] == v; ++u)
+      if (identities[u] == identities[v] && !(identities[v] == platform::FileIdentity{})) keys[v] = u;
+  }
+  return keys;
+}
+
+void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
+  j = Journal{};
+  j.maps = &maps;
+  j.path = JournalPathFor(databaseFileName);
+  if (j.path.empty()) return;
+  j.active = true;
+  j.header.runId = NewRunId();
+  j.header.verbose = verbose;
+  std::memcpy(j.header.label, labelCopyAtStart, journal::kLabelCopyBytes);
+  // Full paths: a recovery started from another directory finds the same files.
+  j.header.mainFile = FullPath(databaseFileName);
+  j.header.mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
+  j.header.primaryDirectory = FullPath(primaryDirectory);
+  for (const std::string& d : volumeDirectories) j.header.directories.push_back(FullPath(d));
+  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v)
+    j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
+                                VolumeIdentity(v)});
+  j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
+  const platform::File main = platform::OpenReadOnly(databaseFileName);
+  const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
+  platform::Close(main);
+  j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
+  j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize);
+  // Without a mark, nothing but a journal beside the main file tells byteturn of the run.
+  if (!j.marking) j.path = databaseFileName + ".journal";
+  StartKeys(j.header.volumes);
+  j.groupBlock = 1;
+  j.groupMaps = MapState{};
+  StartGroups();
+}
+
+void ContinueJournal(const JournalResume& resume) {
+  const journal::Found& found = *resume.found;
+  j = Journal{};
+  j.maps = resume.maps;
+  j.active = j.created = true;
+  j.file = resume.file;
+  j.path = resume.path;
+  j.header = found.header;
+  j.nextNumber = found.commit.number + 1;
+  j.placed[0] = {found.commit.recordOffset, found.commit.recordSize};
+  j.groupBlock = resume.resumeBlock;
+  j.groupMaps = found.commit.number == 0 ? MapState{} : found.head.maps;
+  StartKeys(j.header.volumes);
+  if (found.commit.number != 0) {
+    j.sampleModulus = std::max<std::uint64_t>(found.head.sampleModulus, 1);
+    for (const journal::Check& c : found.head.sample)
+      j.sample[BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize)] = c;
+  }
+  ResumeMark();
+  StartGroups();
+}
+
+void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
+  StampResumedGroup();
+  j.landed = landed;
+  // What the put-back left is what the disk holds now.
+  for (const journal::Check& c : landed)
+    if (const auto it = j.sample.find(BlockKey(j.fileKey[c.volume], c.position / blockSize)); it != j.sample.end())
+      it->second.after = c.after;
+}
+
+bool JournalHoldsWrites() { return j.active; }
+
+void EndJournal() {
+  if (!j.active) return;
+  CommitJournalGroup(lastBlock, 0);
+  AwaitFlight();
+  SetFailureHook(nullptr);
+  if (!j.created) return;
+  Outcome outcome;
+  if (!SyncWrittenFiles(outcome)) FailAsTheWriterStopped(outcome, j.group);
+  for (JournalFile& f : j.files) platform::Close(f.handle);
+  j.files.clear();
+  UnmarkMainFile();
+  platform::Close(j.file);
+  j.file = platform::kInvalidFile;
+  platform::ClearLastError();
+  if (!platform::RemoveFile(j.path) || !platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("removing");
+  j.active = false;
+}
+
+}  // namespace bt

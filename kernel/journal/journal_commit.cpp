@@ -1,0 +1,221 @@
+#include "journal_commit.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "journal_files.h"
+#include "journal_undo.h"
+#include "journal_writer.h"
+#include "messages.h"
+#include "database.h"
+
+namespace bt {
+
+namespace journaling {
+
+namespace {
+
+Journal& j = TheJournalState().journal;
+
+// The blocks a record names in its sample, at most (journal_format.h, RecordHead).
+constexpr std::size_t kSampleLimit = 256;
+
+// The record goes at the lowest of the journal's first record place and the ends of the last two
+// records that overlaps neither of them: the journal stays within about three records.
+std::uint64_t PlaceRecord(std::uint64_t size) {
+  const auto overlaps = [&](std::uint64_t at) {
+    for (const Placed& p : j.placed)
+      if (p.size != 0 && at < p.offset + p.size && p.offset < at + size) return true;
+    return false;
+  };
+  std::uint64_t best = UINT64_MAX;
+  for (std::uint64_t at : {journal::kRecordsOffset, j.placed[0].offset + j.placed[0].size,
+                           j.placed[1].offset + j.placed[1].size}) {
+    at = (std::max(at, journal::kRecordsOffset) + journal::kRecordAlignment - 1) / journal::kRecordAlignment *
+         journal::kRecordAlignment;
+    if (at < best && !overlaps(at)) best = at;
+  }
+  return best;  // the end of the one that ends last always fits
+}
+
+void ClearGroup(Group& g) {
+  g.arena.clear();
+  g.undoSize = 0;
+  g.befores.clear();
+  // At the largest groups (flushes cost much) the groups take their undo as they go: the copy that
+  // earlier groups kept is given back. Below, the limit moves often, and it is kept.
+  if (j.groupLimit >= kGroupBytes) g.befores.shrink_to_fit();
+  g.byWriter = false;
+  g.held.clear();
+  g.latest.clear();
+  g.cap = UINT64_MAX;
+}
+
+void CommitBeforeFailure();
+// The blocks of a group as its writes leave them (the last write of each), for the next record.
+std::vector<journal::Check> Landed(const Group& g) {
+  std::vector<journal::Check> landed;
+  landed.reserve(g.latest.size());
+  for (const auto& [key, offset] : g.latest)
+    landed.push_back({static_cast<std::uint32_t>(key >> 40), (key & ((std::uint64_t{1} << 40) - 1)) * blockSize, 0,
+                      journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes)});
+  return landed;
+}
+
+// Writes the group's record while the group before is on its way, then hands the group to the
+// writer once that one has landed. A failure here shows what the group before shows first, as
+// its writes come before it.
+void Commit() {
+  SetFailureHook(nullptr);  // a failure in here ends the run as it is
+  if (!j.created) CreateJournal();
+  for (const HeldWrite& w : j.group.held) {
+    if (OpenVolumeHandle(w.volume)) continue;
+    const int error = platform::LastError();
+    AwaitFlight();
+    CapHeldOutput(w.cap);  // as where the writes before it were made
+    ReleaseHeldOutput(UINT64_MAX);
+    platform::SetLastError(error);
+    FailOpeningVolume(w.volume);
+  }
+  journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}, {}, {}, 1};
+  for (const HeldWrite& w : j.group.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
+  // What the files hold where this group does not write: the group before as written, the sample.
+  head.landed = std::move(j.landed);
+  head.sampleModulus = j.sampleModulus;
+  for (const auto& [key, check] : j.sample) head.sample.push_back(check);
+  j.landed = Landed(j.group);
+  std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
+  // Where the writer is to make the undo, the record's place is kept for the largest it can be.
+  const Group& g = j.group;
+  Placed record{0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxUndoBytes(blockSize) : g.undoSize)};
+  record.offset = PlaceRecord(record.size);
+  std::uint64_t checksum = 0;
+  int error = 0;
+  Clock::duration flushing{};
+  const Stop failed = g.byWriter ? Stop::kNone : WriteRecord(g, headBytes, record.offset, checksum, error, flushing);
+  AwaitFlight();
+  if (failed != Stop::kNone) {
+    platform::SetLastError(error);
+    JournalFailed(failed == Stop::kJournalWriting ? "writing" : "flushing");
+  }
+  Flight& f = j.flight;
+  f.number = j.nextNumber;
+  f.offset = record.offset;
+  f.size = record.size;
+  f.checksum = checksum;
+  f.flushing = flushing;  // the writer adds its own
+  f.head = std::move(headBytes);
+  const auto now = Clock::now();
+  f.working = now - j.groupStart;
+  j.groupStart = now;
+  std::swap(f.group, j.group);
+  ClearGroup(j.group);
+  j.placed[1] = j.placed[0];
+  j.placed[0] = record;
+  ++j.nextNumber;
+  j.messagesAtCommit = MessagesMade();
+  HandToWriter();
+  CapOutput();
+  SetFailureHook(CommitBeforeFailure);
+}
+
+// A failure ends the run: what it wrote before the failure goes to the disk, as without a journal.
+void CommitBeforeFailure() {
+  if (!j.group.held.empty()) Commit();
+  AwaitFlight();
+  ClearGroup(j.group);
+  CapOutput();
+}
+
+// The bytes the group holds: its writes and their undo. Where the writer is to make the undo, a
+// quarter of the bytes the writes replace stands for it, about what an undo of a conversion takes.
+std::size_t GroupBytes() {
+  const Group& g = j.group;
+  return g.arena.size() + (g.byWriter ? g.befores.size() / 4 : g.undoSize);
+}
+
+}  // namespace
+
+// From here on the run's writes are held in groups (of the size the tests ask for, if they do).
+void StartGroups() {
+  if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
+  j.files.resize(std::size_t{furtherVolumeCount} + 1);
+  // As much as a group can hold before it must end (JournalGroupFull), and a block more: an arena
+  // that grew would for a moment be there twice.
+  for (Group* g : {&j.group, &j.flight.group}) g->arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
+  SetFailureHook(CommitBeforeFailure);
+}
+
+// Whether the writer thread is to make the undo of the group starting and write its record: where
+// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
+bool RecordByWriter() {
+  const std::uint32_t asked = platform::TestRecordByRun();
+  return asked == 0 ? j.groupLimit <= kMinGroupBytes : asked == 2 && j.nextNumber % 2 == 0;
+}
+
+// A group is as large as its flushes make worth it: a small one is still in the processor's
+// cache when its writes are made, a large one spreads the flushes' cost (which a disk makes high
+// and memory nearly nil). The limit doubles while the flushes took more than an eighth of the
+// time the group took to gather and halves while they took less than a 64th, between
+// kMinGroupBytes and kGroupBytes.
+void AdaptGroupLimit(Clock::duration flushing, Clock::duration working) {
+  if (platform::TestGroupBytes() != 0) return;
+  if (flushing * 8 > working)
+    j.groupLimit = std::min(j.groupLimit * 2, kGroupBytes);
+  else if (flushing * 64 < working)
+    j.groupLimit = std::max(j.groupLimit / 2, kMinGroupBytes);
+}
+
+// A write of a sampled block: its first write gives the block as it was before the run, every
+// write what it holds now. Past kSampleLimit blocks, the modulus doubles and the sample keeps
+// the blocks whose keys still qualify (those that did at every modulus before).
+void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position, std::uint64_t beforeSum,
+                 const std::uint8_t* written) {
+  const std::uint64_t afterSum = journal::ChecksumOf(written, journal::kCheckedBytes);
+  const auto [it, first] = j.sample.try_emplace(key, journal::Check{j.fileKey[volume], position, beforeSum, afterSum});
+  if (!first) it->second.after = afterSum;
+  if (j.sample.size() <= kSampleLimit) return;
+  j.sampleModulus *= 2;
+  std::erase_if(j.sample, [](const auto& entry) { return !Sampled(entry.first, j.sampleModulus); });
+}
+
+// The messages of the group on its way wait for it; then those of the group being gathered wait
+// for its first write.
+void CapOutput() { CapHeldOutput(j.flight.busy ? j.flight.group.cap : j.group.cap); }
+
+}  // namespace journaling
+
+using namespace journaling;
+
+bool Sampled(std::uint64_t key, std::uint64_t modulus) {
+  std::uint64_t h = key + 0x9E3779B97F4A7C15ull;
+  h = (h ^ h >> 30) * 0xBF58476D1CE4E5B9ull;
+  h = (h ^ h >> 27) * 0x94D049BB133111EBull;
+  h ^= h >> 31;
+  return key == 0 || (h & (modulus - 1)) == 0;
+}
+
+bool JournalGroupFull() {
+  return j.active && GroupBytes() >= j.groupLimit + std::min(j.groupLimit, kGroupBytes / 4);
+}
+bool JournalGroupWaits() {
+  return j.active && !j.group.held.empty() && (GroupBytes() >= j.groupLimit || MessagesMade() > j.messagesAtCommit);
+}
+
+void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
+  if (!j.active) return;
+  if (!j.group.held.empty()) Commit();
+  j.releasedUpTo = releaseMark;
+  ReleaseHeldOutput(releaseMark);
+  // Messages made while the group was gathered are not kept waiting for the next commit.
+  if (j.flight.busy && MessagesMade() > j.flight.group.cap) AwaitFlight();
+  j.groupBlock = resumeBlock;
+  j.groupMaps = SaveMapState(*j.maps);
+}
+
+void AwaitJournalWrites() {
+  if (j.active) AwaitFlight();
+}
+
+}  // namespace bt

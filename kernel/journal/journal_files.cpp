@@ -1,0 +1,311 @@
+#include "journal_files.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "journal.h"
+#include "journal_format.h"
+#include "journal_state.h"
+#include "messages.h"
+#include "database.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace journaling {
+
+namespace {
+
+Journal& j = TheJournalState().journal;
+
+std::string BaseName(const std::string& path) {
+  const std::size_t slash = path.rfind(platform::kSeparator);
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string Hex16(std::uint64_t v) {
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(v));
+  return text;
+}
+
+std::string TemporaryJournalName(const std::string& path, std::uint64_t runId) {
+  return path + "." + Hex16(runId) + ".new";
+}
+
+void WriteJournalOrFail(const std::uint8_t* bytes, std::size_t size, std::uint64_t position) {
+  if (!WriteThrough(j.file, position, bytes, static_cast<std::uint32_t>(size))) JournalFailed("writing");
+}
+
+void SyncJournalOrFail() {
+  platform::ClearLastError();
+  if (!platform::Sync(j.file)) JournalFailed("flushing");
+}
+
+// The mark goes to the end of the main file, and is flushed, before the run writes anything: the
+// group of the commit in effect in its sector, the other sector empty.
+void MarkMainFile() {
+  if (!j.marking) return;
+  std::uint8_t bytes[journal::kMarkBytes] = {};
+  j.mark = journal::Mark{j.header.runId, j.header.mainFileSize, j.nextNumber - 1, FullPath(j.path)};
+  if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) {
+    j.marking = false;  // a journal path too long to name: the journal beside it must do
+    return;
+  }
+  platform::ClearLastError();
+  j.markFile = platform::OpenReadWrite(databaseFileName);
+  if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+  if (!WriteThrough(j.markFile, j.mark.originalSize, bytes, sizeof bytes)) MarkFailed("writing");
+  platform::ClearLastError();
+  if (!platform::Sync(j.markFile)) MarkFailed("flushing");
+}
+
+}  // namespace
+
+[[noreturn]] void JournalFailed(const char* what) {
+  Fail("\r\nError %s journal %s. %s\r\n", what, j.path.c_str(), ErrorText());
+}
+
+std::uint64_t NewRunId() {
+  std::random_device device;
+  const auto now = std::chrono::system_clock::now().time_since_epoch().count();
+  return (std::uint64_t{device()} << 32 ^ device()) ^ static_cast<std::uint64_t>(now) * 0x9E3779B97F4A7C15ull;
+}
+
+[[noreturn]] void MarkFailed(const char* what) {
+  Fail("\r\nError %s the mark of this run in %s. %s\r\n", what, databaseFileName.c_str(), ErrorText());
+}
+
+// Made under another name, flushed, then given its own and the directory flushed: a journal
+// under its name is always whole.
+void CreateJournal() {
+  const std::vector<std::uint8_t> header = journal::EncodeHeader(j.header);
+  if (header.size() > journal::kHeaderBytes) Fail("\r\nThe journal cannot hold the names of this volume set.\r\n");
+  std::vector<std::uint8_t> start(journal::kRecordsOffset, 0);
+  std::copy(header.begin(), header.end(), start.begin());
+  const journal::Commit none{j.header.runId, 0, 0, 0, 0};
+  journal::EncodeCommit(none, start.data() + journal::kCommitOffset);
+  journal::EncodeCommit(none, start.data() + journal::kCommitOffset + journal::kCommitBytes);
+
+  // Named after the run, made only where no file has that name, and given the journal's name only
+  // where none has it: a run never takes or replaces another run's journal.
+  const std::string fresh = TemporaryJournalName(j.path, j.header.runId);
+  platform::ClearLastError();
+  j.file = platform::CreateNewReadWrite(fresh);
+  if (j.file == platform::kInvalidFile) JournalFailed("creating");
+  WriteJournalOrFail(start.data(), start.size(), 0);
+  SyncJournalOrFail();
+  platform::Close(j.file);
+  platform::ClearLastError();
+  if (!platform::RenameNoReplace(fresh, j.path)) {
+    const int error = platform::LastError();
+    platform::RemoveFile(fresh);
+    platform::SetLastError(error);
+    JournalFailed("creating");
+  }
+  if (!platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("creating");
+  j.file = platform::OpenReadWrite(j.path);
+  if (j.file == platform::kInvalidFile || !platform::TryLockExclusive(j.file)) JournalFailed("opening");
+  j.created = true;
+  MarkMainFile();
+}
+
+// Whether the main file can take a mark: not where it is shorter than the blocks it holds.
+bool MainFileTakesMark(std::uint64_t size) {
+  const std::uint64_t blocks = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
+  return size >= blocks * std::uint64_t{blockSize};
+}
+
+// The mark of a run resumed: the file keeps the mark it bears; one that has none (the run had cut
+// it off as it ended) is marked again.
+void ResumeMark() {
+  j.marking = MainFileTakesMark(j.header.mainFileSize);
+  journal::Mark mark;
+  if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
+    j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, FullPath(j.path)};
+    j.markFile = platform::OpenReadWrite(databaseFileName);
+    if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+    platform::ClearLastError();
+    if (!platform::Sync(j.markFile)) MarkFailed("flushing");  // a killed run may have left it unflushed
+  } else {
+    MarkMainFile();
+  }
+}
+
+// The writes of group number made: the main file's mark says so (flushed with them before the next
+// commit). False where the mark cannot be written.
+bool StampGroup(std::uint64_t number) {
+  if (j.markFile == platform::kInvalidFile) return true;
+  std::uint8_t sector[journal::kSectorBytes];
+  journal::Mark mark = j.mark;
+  mark.group = number;
+  journal::EncodeMark(mark, sector);
+  if (!WriteThrough(j.markFile, mark.originalSize + journal::kSectorBytes * (mark.group % 2), sector, sizeof sector))
+    return false;
+  j.markUnflushed = true;
+  return true;
+}
+
+// The put-back stands for the writes of the record in effect: the mark says they landed, as the
+// next commit needs.
+void StampResumedGroup() {
+  if (j.markFile == platform::kInvalidFile || j.mark.group + 1 >= j.nextNumber) return;
+  const bool stamped = StampGroup(j.nextNumber - 1);
+  platform::ClearLastError();
+  if (!stamped) MarkFailed("writing");
+  if (!platform::Sync(j.markFile)) MarkFailed("flushing");
+  j.markUnflushed = false;
+}
+
+// Once every file is flushed: the mark is cut off (only where the file still ends with it).
+void UnmarkMainFile() {
+  if (j.markFile == platform::kInvalidFile) return;
+  std::uint8_t bytes[journal::kMarkBytes];
+  journal::Mark found;
+  const std::int64_t size = platform::FileSize(j.markFile);
+  if (size >= static_cast<std::int64_t>(sizeof bytes) &&
+      ReadThrough(j.markFile, static_cast<std::uint64_t>(size) - sizeof bytes, bytes, sizeof bytes) &&
+      journal::DecodeMark(bytes, static_cast<std::uint64_t>(size), found) && found.runId == j.mark.runId) {
+    platform::ClearLastError();
+    if (!platform::SetFileSize(j.markFile, found.originalSize)) MarkFailed("removing");
+    if (!platform::Sync(j.markFile)) MarkFailed("removing");
+  }
+  platform::Close(j.markFile);
+  j.markFile = platform::kInvalidFile;
+}
+
+// Opened by the run, never by the writer: the writer only writes and flushes.
+bool OpenVolumeHandle(std::uint32_t v) {
+  JournalFile& f = j.files[v];
+  if (f.handle == platform::kInvalidFile) {
+    platform::ClearLastError();
+    f.handle = platform::OpenReadWrite(VolumePath(v));
+  }
+  return f.handle != platform::kInvalidFile;
+}
+
+[[noreturn]] void FailOpeningVolume(std::uint32_t v) {
+  Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(v), ErrorText());
+}
+
+}  // namespace journaling
+
+using namespace journaling;
+
+std::string DirectoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind(platform::kSeparator);
+  if (slash == std::string::npos) return std::string(".");
+  return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+}
+
+std::string JournalPathFor(const std::string& fileName) {
+  const char* place = std::getenv("BYTETURN_JOURNAL");
+  if (place == nullptr || *place == '\0') return fileName + ".journal";
+  const std::string dir = place;
+  if (dir == "off") return "";
+  const bool separated = dir.back() == platform::kSeparator || dir.back() == '/';
+  // Two databases of one name (two ORVA.DAT) get two journals: the hash of the full path tells them apart.
+  std::string full = platform::FullPathName(fileName, 32768);
+  if (full.empty()) full = fileName;
+  const std::uint64_t hash = journal::ChecksumOf(reinterpret_cast<const std::uint8_t*>(full.data()), full.size());
+  return dir + (separated ? "" : std::string(1, platform::kSeparator)) + BaseName(fileName) + "." + Hex16(hash) +
+         ".journal";
+}
+
+bool ReadMarkOf(const std::string& fileName, journal::Mark& mark) {
+  const platform::File file = platform::OpenReadOnly(fileName);
+  if (file == platform::kInvalidFile) return false;
+  std::uint8_t bytes[journal::kMarkBytes];
+  const std::int64_t size = platform::FileSize(file);
+  const bool marked = size >= static_cast<std::int64_t>(sizeof bytes) &&
+                      ReadThrough(file, static_cast<std::uint64_t>(size) - sizeof bytes, bytes, sizeof bytes) &&
+                      journal::DecodeMark(bytes, static_cast<std::uint64_t>(size), mark);
+  platform::Close(file);
+  return marked;
+}
+
+namespace {
+
+// The run id in the header of the journal at path; 0 where it has none that can be read.
+std::uint64_t RunOfJournal(const std::string& path) {
+  const platform::File file = platform::OpenReadOnly(path);
+  if (file == platform::kInvalidFile) return 0;
+  std::vector<std::uint8_t> bytes(journal::kHeaderBytes);
+  const auto n = static_cast<std::uint32_t>(
+      std::clamp<std::int64_t>(platform::FileSize(file), 0, static_cast<std::int64_t>(journal::kHeaderBytes)));
+  journal::Header header;
+  std::string why;
+  const bool read = ReadThrough(file, 0, bytes.data(), n) && journal::DecodeHeader(bytes.data(), n, header, why);
+  platform::Close(file);
+  return read ? header.runId : 0;
+}
+
+}  // namespace
+
+// The journal of the run that marked the file is looked for under the names a journal of this
+// file takes, where the mark says it is, and then under any name in those directories (a journal
+// moved or renamed). Without a mark, a journal under this file's own names stops a run too: the
+// recovery tells what it is.
+JournalFound FindJournal(const std::string& fileName) {
+  JournalFound found;
+  found.marked = ReadMarkOf(fileName, found.mark);
+  std::vector<std::string> names{fileName + ".journal"};
+  if (const std::string elsewhere = JournalPathFor(fileName); !elsewhere.empty()) names.push_back(elsewhere);
+  if (!found.marked) {
+    for (const std::string& name : names)
+      if (platform::FileExists(name)) {
+        found.path = name;
+        break;
+      }
+    return found;
+  }
+  names.push_back(found.mark.journalPath);
+  for (const std::string& name : names)
+    if (platform::FileExists(name) && RunOfJournal(name) == found.mark.runId) {
+      found.path = name;
+      return found;
+    }
+  std::vector<std::string> dirs;
+  for (const std::string& name : names)
+    if (std::find(dirs.begin(), dirs.end(), DirectoryOf(name)) == dirs.end()) dirs.push_back(DirectoryOf(name));
+  for (const std::string& dir : dirs)
+    for (const std::string& entry : platform::DirectoryEntries(dir)) {
+      const std::string path = dir + platform::kSeparator + entry;
+      if (entry.ends_with(".journal") && RunOfJournal(path) == found.mark.runId) {
+        found.path = path;
+        return found;
+      }
+    }
+  found.path = found.mark.journalPath;  // not there: where it was
+  return found;
+}
+
+std::vector<std::string> TemporaryJournalsOf(const std::string& journalPath) {
+  std::vector<std::string> left;
+  const std::string dir = DirectoryOf(journalPath), prefix = BaseName(journalPath) + ".";
+  for (const std::string& entry : platform::DirectoryEntries(dir))
+    if (entry.size() == prefix.size() + 16 + 4 && entry.starts_with(prefix) && entry.ends_with(".new"))
+      left.push_back(dir + platform::kSeparator + entry);
+  return left;
+}
+
+std::string RecoverLine(const JournalFound& found, const std::string& fileName) {
+  if (found.marked && !platform::FileExists(found.path))
+    return "An interrupted conversion left its journal " + found.path +
+           ", which is not there now: put it back there, then finish the conversion with byteturn-recover " +
+           fileName + ".\n";
+  return "An interrupted conversion left its journal " + found.path + ": finish it with byteturn-recover " +
+         fileName + ".\n";
+}
+
+std::string FullPath(const std::string& path) {
+  const std::string full = platform::FullPathName(path, 32768);
+  return full.empty() ? path : full;
+}
+
+}  // namespace bt

@@ -1,0 +1,166 @@
+// What the files of the journal share: its state, one object that journal.cpp owns, and the
+// groups, flights and files it holds.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "journal.h"
+#include "journal_format.h"
+#include "map_block.h"
+#include "platform.h"
+#include "database.h"
+
+namespace bt::journaling {
+
+using Clock = std::chrono::steady_clock;
+
+// A write held: size bytes at position of a volume, kept in its group's arena.
+struct HeldWrite {
+  std::uint32_t volume, size, block;
+  std::uint64_t position;
+  std::size_t offset;  // in the arena
+  std::uint64_t cap;   // held messages from this number on were made after it
+  const char* failure;
+  bool whole;          // written over a write held earlier in the group: its undo names every word
+  std::size_t before;  // byWriter: where in the group's befores the bytes it replaces begin
+};
+
+// The writes of a group, and their undo: made as each write is held, or, where the writer thread
+// writes the group's record (byWriter), made by it from the bytes each block's write replaces.
+struct Group {
+  std::vector<std::uint8_t> arena;
+  std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
+  std::size_t undoSize = 0;
+  bool byWriter = false;
+  std::vector<std::uint8_t> befores;  // byWriter: the bytes the writes replace, and the batches read
+  std::vector<HeldWrite> held;
+  std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
+  std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
+};
+
+// Where the writing of a group stopped, as the writer tells it: the run then fails with the
+// message the same failure gives in the run's own thread.
+enum class Stop { kNone, kJournalWriting, kJournalFlushing, kVolumeFlushing, kWriteFailed, kMarkWriting };
+struct Outcome {
+  Stop stop = Stop::kNone;
+  int error = 0;             // the system's code
+  std::uint32_t volume = 0;  // kVolumeFlushing
+  std::size_t write = 0;     // kWriteFailed: which of the group's writes,
+  std::uint32_t block = 0;   // and the block to name
+};
+
+// A group committed: the writer thread flushes the writes of the group before, writes the commit
+// sector, flushes, and makes the group's writes, while the run gathers the next group. Where flushes
+// cost much, the run has written and flushed the group's record meanwhile; where they cost little,
+// the writer makes the undo and writes the record first, which leaves the run more of its time.
+// One group is on its way at a time.
+struct Flight {
+  Group group;
+  std::vector<std::uint8_t> head;  // the record's head, where the writer writes the record
+  std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
+  bool busy = false;     // handed to the writer and not landed yet (the run's own view)
+  bool lagging = false;  // not started yet (the tests' lag)
+  Clock::duration working{}, flushing{};
+  Outcome outcome;
+};
+
+// A database file as the journal writes it: through a handle of its own, which no cache closes.
+struct JournalFile {
+  platform::File handle = platform::kInvalidFile;
+  bool unflushed = false;                        // written since its last flush
+  std::uint64_t writtenFrom = 0, writtenTo = 0;  // written and not yet sent on their way to the disk
+  std::uint64_t writtenBytes = 0;                // how much of that range was written
+};
+
+// Where a record lies in the journal.
+struct Placed {
+  std::uint64_t offset = 0, size = 0;
+};
+
+// The journal of this run: its file, the groups, the files written, the main file's mark.
+struct Journal {
+  const Maps* maps = nullptr;  // of the pass being journaled: each record names them
+  bool active = false, created = false;
+  std::string path;
+  platform::File file = platform::kInvalidFile;
+  journal::Header header;
+  std::uint64_t nextNumber = 1;
+  // The records of the last two groups committed, the latest first: while the older one's commit
+  // may still be the last on disk, neither is overwritten.
+  Placed placed[2];
+  // The group being gathered: its point of the run, and its writes.
+  std::uint32_t groupBlock = 1;
+  MapState groupMaps;
+  std::size_t groupLimit = kMinGroupBytes;  // grows where flushes cost (AdaptGroupLimit)
+  Clock::time_point groupStart = Clock::now();
+  std::uint64_t messagesAtCommit = 0;  // messages made before the last commit
+  std::uint64_t releasedUpTo = 0;      // the messages marked up to here wait for nothing but the flight
+  Group group;
+  Flight flight;
+  std::vector<JournalFile> files;  // by volume; as many as the run has, from its start
+  std::vector<std::uint32_t> fileKey;  // by volume (FileKeys)
+  // What the next record names of the blocks written: those of the group committed last, and the
+  // sample, by block key.
+  std::vector<journal::Check> landed;
+  std::unordered_map<std::uint64_t, journal::Check> sample;
+  std::uint64_t sampleModulus = 1;
+  // The main file's mark (none where the file is shorter than its blocks), through a handle of its own.
+  bool marking = false;
+  journal::Mark mark;
+  platform::File markFile = platform::kInvalidFile;
+  bool markUnflushed = false;  // the writer wrote a group's mark since the main file's last flush
+};
+
+// The writer thread and the run hand a flight to each other under this lock.
+struct Handover {
+  std::mutex lock;
+  std::condition_variable wake;
+  bool handed = false, done = false;
+  bool watching = false;    // the run waits to show messages as the flight's writes are made
+  std::size_t applied = 0;  // the flight's writes made so far
+};
+
+// The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
+// the group ends, the bytes a write of one of them replaces, unless the group wrote it since.
+struct ReadAside {
+  std::uint64_t group = 0, key = 0;
+  std::vector<std::uint8_t> bytes;
+};
+
+// The batch read last, as read: where the writer is to make the undo, among the group's befores.
+struct BatchOriginals {
+  platform::File file = platform::kInvalidFile;
+  std::uint64_t position = 0, size = 0;
+  std::uint64_t group = 0;  // kept for this group only
+  bool inBefores = false;
+  std::size_t offset = 0;  // in the befores
+  std::vector<std::uint8_t> bytes;
+};
+
+// All the journal keeps. The run's journal starts afresh with each run (BeginJournal,
+// ContinueJournal); the rest is kept for the process: the handles of database files it was told
+// of, the blocks read aside, the batch originals, and the handover, which the writer thread waits
+// on until the process ends.
+struct JournalState {
+  Journal journal;
+  Handover handover;
+  std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
+  ReadAside readAside[8];
+  std::size_t nextAside = 0;
+  BatchOriginals originals;
+  std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
+  std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
+};
+JournalState& TheJournalState();
+
+// A failure the writer met ends the run as it would have in the run's own thread (journal.cpp).
+[[noreturn]] void FailAsTheWriterStopped(const Outcome& o, const Group& g);
+
+}  // namespace bt::journaling

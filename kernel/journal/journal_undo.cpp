@@ -1,0 +1,210 @@
+#include "journal_undo.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "journal_commit.h"
+#include "journal_files.h"
+#include "messages.h"
+#include "database.h"
+#include "volume_io.h"
+
+namespace bt {
+
+namespace journaling {
+
+namespace {
+
+JournalState& state = TheJournalState();
+Journal& j = state.journal;
+
+// Makes room in the group's undo for blocks more.
+void ReserveUndo(Group& g, std::size_t blocks) {
+  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
+  if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
+}
+
+// The volume of a handle of the run (NoteVolumeOfFile); 0 for one it was not told of.
+std::uint32_t VolumeOfHandle(platform::File file) {
+  for (const auto& [handle, volume] : state.volumeOf)
+    if (handle == file) return volume;
+  return 0;
+}
+
+// The key of the block at position of volume (BlockKey): one file named twice has one key.
+std::uint64_t KeyOf(std::uint32_t volume, std::uint64_t position) {
+  return BlockKey(j.fileKey[volume], position / blockSize);
+}
+
+// Lays the writes of group g over bytes just read from position of volume.
+void LayOver(const Group& g, std::uint32_t volume, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  if (g.latest.empty()) return;
+  for (std::uint64_t block = position / blockSize; block * blockSize < position + size; ++block) {
+    const auto it = g.latest.find(KeyOf(volume, block * blockSize));
+    if (it == g.latest.end()) continue;
+    const std::uint64_t from = std::max(position, block * blockSize), to = std::min(position + size, (block + 1) * blockSize);
+    std::memcpy(buffer + (from - position), g.arena.data() + it->second + (from - block * blockSize), to - from);
+  }
+}
+
+// The bytes block b's write replaces, as the disk holds them once the group on its way is
+// written: constant within a group, whose writes are all held.
+const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t position, std::uint32_t b) {
+  std::vector<std::uint8_t>& replaced = state.replaced;
+  if (!OpenVolumeHandle(volume)) FailOpeningVolume(volume);
+  if (!ReadThrough(j.files[volume].handle, position, replaced.data(), blockSize))
+    Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
+  if (j.flight.busy) LayOver(j.flight.group, volume, position, replaced.data(), blockSize);
+  return replaced.data();
+}
+
+void KeepReadAside(std::uint32_t volume, std::uint64_t position, const std::uint8_t* buffer) {
+  ReadAside& r = state.readAside[state.nextAside++ % std::size(state.readAside)];
+  r.group = j.nextNumber;
+  r.key = KeyOf(volume, position);
+  r.bytes.assign(buffer, buffer + blockSize);
+}
+
+const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
+  for (const ReadAside& r : state.readAside)
+    if (r.group == j.nextNumber && r.key == KeyOf(volume, position)) return r.bytes.data();
+  return nullptr;
+}
+
+// A group's undo is made by the writer or as it goes from the group's start to its end.
+Group& GatheringGroup() {
+  Group& g = j.group;
+  if (g.held.empty() && g.befores.empty()) g.byWriter = RecordByWriter();
+  return g;
+}
+
+// Appends the undo of the write of size bytes at position of volume, or where the writer is to
+// make it the bytes the write replaces (beforeAt tells where they begin among the befores): those
+// the batch read or a read of the block alone kept, unless a write held earlier in the group lies
+// over them; then the undo names every word, for each sector may hold either write (true is
+// returned). beforeSums takes the checksum of each block's first sector as it was.
+bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
+              std::uint32_t size, std::uint32_t block, std::size_t& beforeAt, std::uint64_t* beforeSums) {
+  Group& g = j.group;
+  const std::uint32_t blocks = size / blockSize;
+  bool overlaid = false;
+  for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
+    overlaid = g.latest.contains(KeyOf(volume, position + std::uint64_t{k} * blockSize));
+  const BatchOriginals& o = state.originals;
+  const bool batched = !overlaid && o.group == j.nextNumber && file == o.file && position % blockSize == 0 &&
+                       position >= o.position && position + size <= o.position + o.size;
+  if (batched && o.inBefores) {  // the writer finds them where the batch left them
+    beforeAt = o.offset + (position - o.position);
+    for (std::uint32_t k = 0; k < blocks; ++k)
+      beforeSums[k] = journal::ChecksumOf(g.befores.data() + beforeAt + std::size_t{k} * blockSize, journal::kCheckedBytes);
+    return false;
+  }
+  beforeAt = g.befores.size();
+  if (!g.byWriter) ReserveUndo(g, blocks);
+  // The group's undo grows only once the write's is whole; befores of a write that failed half
+  // way lie past those of the writes held, which are all the writer reads.
+  std::size_t end = g.undoSize;
+  for (std::uint32_t k = 0; k < blocks; ++k) {
+    const std::size_t at = std::size_t{k} * blockSize;
+    const std::uint8_t* before = batched    ? o.bytes.data() + (position - o.position) + at
+                                 : overlaid ? nullptr
+                                            : ReadAsideFor(volume, position + at);
+    if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
+    beforeSums[k] = journal::ChecksumOf(before, journal::kCheckedBytes);
+    if (g.byWriter)
+      g.befores.insert(g.befores.end(), before, before + blockSize);
+    else
+      end += overlaid ? journal::EncodeWholeUndo(before, blockSize, g.undo.data() + end)
+                      : journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
+  }
+  g.undoSize = end;
+  return overlaid;
+}
+
+}  // namespace
+
+// How many blocks the group's writes hold.
+std::size_t HeldBlocks(const Group& g) {
+  std::size_t blocks = 0;
+  for (const HeldWrite& w : g.held) blocks += w.size / blockSize;
+  return blocks;
+}
+
+// The undo of each block a group of byWriter writes, from the bytes it replaces.
+void MakeUndo(Group& g) {
+  ReserveUndo(g, HeldBlocks(g));
+  for (const HeldWrite& w : g.held)
+    for (std::uint32_t at = 0; at < w.size; at += blockSize) {
+      const std::uint8_t* before = g.befores.data() + w.before + at;
+      std::uint8_t* undo = g.undo.data() + g.undoSize;
+      g.undoSize += w.whole ? journal::EncodeWholeUndo(before, blockSize, undo)
+                            : journal::EncodeUndo(before, g.arena.data() + w.offset + at, blockSize, undo);
+    }
+}
+
+}  // namespace journaling
+
+using namespace journaling;
+
+void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
+  for (auto& [handle, v] : state.volumeOf)
+    if (handle == file) {
+      v = volume;
+      return;
+    }
+  state.volumeOf.emplace_back(file, volume);
+}
+
+void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
+                        const char* failure, std::uint32_t block) {
+  const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
+  const std::uint32_t volume = VolumeOfHandle(file);
+  Group& g = GatheringGroup();
+  std::size_t before = 0;
+  std::vector<std::uint64_t>& beforeSums = state.beforeSums;
+  beforeSums.resize(size / blockSize);
+  const bool whole = HoldUndo(file, volume, position, bytes, size, block, before, beforeSums.data());
+  if (g.held.empty()) {
+    g.cap = cap;
+    CapOutput();
+  }
+  const std::size_t offset = g.arena.size();
+  g.arena.insert(g.arena.end(), bytes, bytes + size);
+  g.held.push_back({volume, size, block, position, offset, cap, failure, whole, before});
+  for (std::uint32_t k = 0; k < size / blockSize; ++k) {
+    const std::uint64_t at = position + std::uint64_t{k} * blockSize, key = KeyOf(volume, at);
+    g.latest[key] = offset + std::size_t{k} * blockSize;
+    if (Sampled(key, j.sampleModulus)) SampleWrite(key, volume, at, beforeSums[k], bytes + std::size_t{k} * blockSize);
+  }
+}
+
+void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size) {
+  Group& g = GatheringGroup();
+  BatchOriginals& o = state.originals;
+  o.file = file;
+  o.position = position;
+  o.size = size;
+  o.group = j.nextNumber;
+  o.inBefores = g.byWriter;
+  if (g.byWriter) {
+    o.offset = g.befores.size();
+    g.befores.insert(g.befores.end(), bytes, bytes + size);
+  } else {
+    o.bytes.assign(bytes, bytes + size);
+  }
+}
+
+void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  if (blockSize == 0) return;
+  const std::uint32_t volume = VolumeOfHandle(file);
+  if (j.flight.busy) LayOver(j.flight.group, volume, position, buffer, size);
+  LayOver(j.group, volume, position, buffer, size);
+  if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
+}
+
+bool ReadReachesMark(platform::File file, std::uint64_t position, std::uint32_t size) {
+  return j.marking && j.fileKey[VolumeOfHandle(file)] == j.fileKey[0] && position + size > j.header.mainFileSize;
+}
+
+}  // namespace bt

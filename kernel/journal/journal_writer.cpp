@@ -1,0 +1,258 @@
+#include "journal_writer.h"
+
+#include <algorithm>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "journal_commit.h"
+#include "journal_files.h"
+#include "journal_undo.h"
+#include "messages.h"
+#include "database.h"
+#include "volume_io.h"
+
+namespace bt::journaling {
+
+namespace {
+
+JournalState& state = TheJournalState();
+Journal& j = state.journal;
+
+}  // namespace
+
+// The writer's side. It fails nothing itself: where a step fails, it notes why and stops.
+
+namespace {
+
+bool Stopped(Outcome& outcome, Stop stop, std::uint32_t volume = 0) {
+  outcome.stop = stop;
+  outcome.error = platform::LastError();
+  outcome.volume = volume;
+  return false;
+}
+
+bool WriteJournal(Outcome& outcome, const std::uint8_t* bytes, std::size_t size, std::uint64_t position) {
+  return WriteThrough(j.file, position, bytes, static_cast<std::uint32_t>(size)) ||
+         Stopped(outcome, Stop::kJournalWriting);
+}
+
+bool SyncJournal(Outcome& outcome) {
+  platform::ClearLastError();
+  return platform::Sync(j.file) || Stopped(outcome, Stop::kJournalFlushing);
+}
+
+}  // namespace
+
+bool SyncWrittenFiles(Outcome& outcome) {
+  if (j.markUnflushed) {
+    platform::ClearLastError();
+    if (!platform::Sync(j.markFile)) return Stopped(outcome, Stop::kVolumeFlushing, 0);
+    j.markUnflushed = false;
+  }
+  for (std::size_t v = 0; v < j.files.size(); ++v) {
+    if (!j.files[v].unflushed) continue;
+    platform::ClearLastError();
+    if (!platform::Sync(j.files[v].handle)) return Stopped(outcome, Stop::kVolumeFlushing, static_cast<std::uint32_t>(v));
+    j.files[v].unflushed = false;
+  }
+  return true;
+}
+
+// The group's record at offset: its head, then the undo of its blocks, in pieces that are each
+// sent on their way to the disk while the next is written; then flushed. Returns where it stopped
+// (kNone: written and flushed) with the system's error; flushing is the flush's time.
+Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
+                 int& error, Clock::duration& flushing) {
+  journal::Checksum sum;
+  sum.Add(head.data(), head.size());
+  platform::ClearLastError();
+  bool written = WriteThrough(j.file, offset, head.data(), static_cast<std::uint32_t>(head.size()));
+  for (std::size_t done = 0; written && done < g.undoSize; done += kRecordPieceBytes) {
+    const std::size_t piece = std::min(g.undoSize - done, kRecordPieceBytes);
+    const std::uint64_t position = offset + head.size() + done;
+    sum.Add(g.undo.data() + done, piece);
+    written = WriteThrough(j.file, position, g.undo.data() + done, static_cast<std::uint32_t>(piece));
+    if (written) platform::StartWriteBack(j.file, position, piece);
+  }
+  error = platform::LastError();
+  if (!written) return Stop::kJournalWriting;
+  checksum = sum.Value();
+  platform::ClearLastError();
+  const auto start = Clock::now();
+  const bool flushed = platform::Sync(j.file);
+  error = platform::LastError();
+  flushing = Clock::now() - start;
+  return flushed ? Stop::kNone : Stop::kJournalFlushing;
+}
+
+namespace {
+
+// A write of the group failed. A run of blocks written in their turn is written again block by
+// block, so that the message names the block that fails alone.
+bool WriteFailed(Flight& f, std::size_t i) {
+  const HeldWrite& w = f.group.held[i];
+  Stopped(f.outcome, Stop::kWriteFailed, w.volume);
+  f.outcome.write = i;
+  f.outcome.block = w.block;
+  if (w.failure != nullptr) return false;
+  const platform::File file = j.files[w.volume].handle;
+  for (std::uint32_t k = 0; k < w.size / blockSize; ++k) {
+    const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
+    if (!WriteThrough(file, position, f.group.arena.data() + w.offset + std::size_t{k} * blockSize, blockSize)) {
+      f.outcome.block = w.block + k;
+      break;
+    }
+  }
+  f.outcome.error = platform::LastError();
+  return false;
+}
+
+// The run, where it waits for the flight, shows the messages made before each write once the
+// writes before it are made.
+void TellApplied(std::size_t writes) {
+  Handover& h = state.handover;
+  bool tell = false;
+  {
+    std::lock_guard<std::mutex> hold(h.lock);
+    h.applied = writes;
+    tell = h.watching;
+  }
+  if (tell) h.wake.notify_all();
+}
+
+// The writes in the run's order, sent on their way to the disk a piece at a time as they are
+// made: the disk works on them while the rest are copied, and the next commit's flush finds them
+// written.
+void StartPiece(JournalFile& file) { file.writtenFrom = UINT64_MAX, file.writtenTo = 0, file.writtenBytes = 0; }
+
+bool ApplyWrites(Flight& f) {
+  for (JournalFile& file : j.files) StartPiece(file);
+  for (std::size_t i = 0; i < f.group.held.size(); ++i) {
+    const HeldWrite& w = f.group.held[i];
+    JournalFile& file = j.files[w.volume];
+    if (!WriteThrough(file.handle, w.position, f.group.arena.data() + w.offset, w.size)) return WriteFailed(f, i);
+    file.writtenFrom = std::min(file.writtenFrom, w.position);
+    file.writtenTo = std::max(file.writtenTo, w.position + w.size);
+    file.writtenBytes += w.size;
+    file.unflushed = true;
+    TellApplied(i + 1);
+    // Counted in bytes written, not by the range's width: a write far from the others (a big
+    // string's block, say) would otherwise send every write after it on its way alone.
+    if (file.writtenBytes >= kWriteBackPieceBytes) {
+      platform::StartWriteBack(file.handle, file.writtenFrom, file.writtenTo - file.writtenFrom);
+      StartPiece(file);
+    }
+  }
+  for (const JournalFile& file : j.files)
+    if (file.writtenFrom < file.writtenTo)
+      platform::StartWriteBack(file.handle, file.writtenFrom, file.writtenTo - file.writtenFrom);
+  return true;
+}
+
+void WriteFlight(Flight& f) {
+  f.outcome = Outcome{};
+  if (f.group.byWriter) {
+    MakeUndo(f.group);
+    const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error, f.flushing);
+    f.size = f.head.size() + f.group.undoSize;
+    if (stop != Stop::kNone) {
+      f.outcome.stop = stop;
+      return;
+    }
+  }
+  const auto start = Clock::now();
+  // The group before is on disk before a commit names this one.
+  if (!SyncWrittenFiles(f.outcome)) return;
+  std::uint8_t sector[journal::kCommitBytes];
+  journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, f.checksum}, sector);
+  if (!WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)) ||
+      !SyncJournal(f.outcome))
+    return;
+  f.flushing += Clock::now() - start;
+  if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
+}
+
+[[noreturn]] void WriterLoop() {
+  Handover& h = state.handover;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> hold(h.lock);
+      h.wake.wait(hold, [&] { return h.handed; });
+      h.handed = false;
+    }
+    WriteFlight(j.flight);
+    {
+      std::lock_guard<std::mutex> hold(h.lock);
+      h.done = true;
+    }
+    h.wake.notify_all();
+  }
+}
+
+// The run's side.
+// The writer thread, started once; false where the system cannot start one.
+bool WriterRunning() {
+  static const bool running = [] {
+    try {
+      std::thread(WriterLoop).detach();
+      return true;
+    } catch (const std::system_error&) {
+      return false;
+    }
+  }();
+  return running;
+}
+
+// The writer starts on the flight (where the tests ask it to lag, only once the run waits for it).
+// Without a writer thread, the run writes the flight itself, here.
+void StartWriter() {
+  Handover& h = state.handover;
+  j.flight.lagging = false;
+  if (!WriterRunning()) WriteFlight(j.flight);
+  {
+    const std::lock_guard<std::mutex> hold(h.lock);
+    h.handed = WriterRunning();
+    h.done = !h.handed;
+    h.applied = 0;
+  }
+  h.wake.notify_all();
+}
+
+}  // namespace
+
+void HandToWriter() {
+  j.flight.busy = true;
+  j.flight.lagging = platform::TestWriterLags();
+  if (!j.flight.lagging) StartWriter();
+}
+
+// Waits for the group on its way, showing the messages made before each of its writes as the
+// writes before it are made; the rest of its messages are shown once it has landed.
+void AwaitFlight() {
+  if (!j.flight.busy) return;
+  if (j.flight.lagging) StartWriter();
+  Handover& h = state.handover;
+  const std::vector<HeldWrite>& held = j.flight.group.held;
+  const bool watching = MessagesMade() > j.flight.group.cap;  // messages wait for its writes
+  for (std::size_t shown = 0;;) {
+    std::unique_lock<std::mutex> hold(h.lock);
+    h.watching = watching;
+    h.wake.wait(hold, [&] { return h.done || (watching && h.applied > shown); });
+    h.watching = false;
+    if (h.done) break;
+    shown = h.applied;
+    hold.unlock();
+    if (shown >= held.size()) continue;
+    CapHeldOutput(held[shown].cap);
+    ReleaseHeldOutput(UINT64_MAX);
+  }
+  j.flight.busy = false;
+  if (j.flight.outcome.stop != Stop::kNone) FailAsTheWriterStopped(j.flight.outcome, j.flight.group);
+  AdaptGroupLimit(j.flight.flushing, j.flight.working);
+  j.flight.group.latest.clear();
+  CapOutput();
+  ReleaseHeldOutput(j.releasedUpTo);
+}
+
+}  // namespace bt::journaling

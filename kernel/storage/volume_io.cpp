@@ -1,0 +1,161 @@
+#include "volume_io.h"
+
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include "messages.h"
+#include "database.h"
+#include "store.h"
+#include "volume_set.h"
+
+namespace bt {
+
+namespace {
+// The identity of every database file handle, found at its open (a handle number may be reused).
+std::vector<std::pair<platform::File, platform::FileIdentity>> openIdentities;
+}  // namespace
+
+std::string VolumePath(std::uint32_t volume) {
+  if (volume == 0) return databaseFileName;
+  char name[14] = {};
+  if (!VolumeFileName(volume, name)) return "";
+  std::uint16_t dir = volume <= kMaxVolumes ? volumeDirIndex[volume] : 0;
+  const std::string& base = dir == 0 || dir > volumeDirectories.size() ? primaryDirectory : volumeDirectories[dir - 1];
+  return base + name;
+}
+
+platform::File OpenDatabaseFile(const std::string& path) {
+  const platform::File file = TheStore().Open(path);
+  if (file == platform::kInvalidFile) return file;
+  const platform::FileIdentity identity = platform::IdentityOf(file);
+  for (auto& [handle, known] : openIdentities)
+    if (handle == file) {
+      known = identity;
+      return file;
+    }
+  openIdentities.emplace_back(file, identity);
+  return file;
+}
+
+platform::FileIdentity IdentityOfDatabaseFile(platform::File file) {
+  for (const auto& [handle, identity] : openIdentities)
+    if (handle == file) return identity;
+  return platform::IdentityOf(file);
+}
+
+namespace {
+platform::FileIdentity volumeIdentities[kMaxVolumes + 1];
+}
+
+void NoteVolumeIdentity(std::uint32_t volume, platform::File file) {
+  if (volume <= kMaxVolumes) volumeIdentities[volume] = IdentityOfDatabaseFile(file);
+}
+
+platform::FileIdentity VolumeIdentity(std::uint32_t volume) {
+  return volume <= kMaxVolumes ? volumeIdentities[volume] : platform::FileIdentity{};
+}
+
+platform::File OpenVolumeFile(std::uint32_t volume) {
+  std::string path = VolumePath(volume);
+  if (path.empty()) return platform::kInvalidFile;
+  const platform::File file = OpenDatabaseFile(path);
+  if (file != platform::kInvalidFile) TheStore().NoteVolume(file, volume);
+  return file;
+}
+
+std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
+  std::uint32_t n = furtherVolumeCount;
+  if (n == 0) {
+    *first = 1;
+    *last = lastBlock;
+    return 0;
+  }
+  std::uint32_t lo = 0, hi = n;
+  while (lo != hi) {
+    std::uint32_t mid = lo + (hi - lo) / 2;
+    if (b < volumeFirstBlock[mid + 1])
+      hi = mid;
+    else
+      lo = mid + 1;
+  }
+  if (hi == 0) {
+    *first = 1;
+    *last = primaryVolumeLastBlock;
+  } else {
+    *first = volumeFirstBlock[hi];
+    *last = hi == n ? lastBlock : volumeFirstBlock[hi + 1] - 1;
+  }
+  return hi;
+}
+
+platform::File HandleCache::Of(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
+  int volume = static_cast<int>(VolumeIndexOfBlock(b, first, last));
+  for (const Slot& slot : slots_)
+    if (slot.volume == volume && slot.file != platform::kInvalidFile) return slot.file;
+
+  Slot& target = slots_[next_];
+  platform::Close(target.file);
+  target = Slot{};
+  platform::File file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
+  // Short of file handles: give up cached files one by one before giving up.
+  for (int i = (next_ + 1) % kHandleCacheSlots; file == platform::kInvalidFile && i != next_;
+       i = (i + 1) % kHandleCacheSlots) {
+    if (slots_[i].file == platform::kInvalidFile) continue;
+    platform::Close(slots_[i].file);
+    slots_[i] = Slot{};
+    file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
+  }
+  next_ = (next_ + 1) % kHandleCacheSlots;
+  if (file == platform::kInvalidFile) return file;
+  target.volume = volume;
+  target.file = file;
+  return file;
+}
+
+void SyncVolumeOrFail(platform::File file, std::uint32_t volume) {
+  if (!TheStore().Flush(file)) Fail("\r\nError flushing volume #%d. %s\r\n", static_cast<int>(volume), ErrorText());
+}
+
+// Blocks rewritten out of order (big strings) went through these handles.
+void HandleCache::SyncAll() {
+  for (const Slot& slot : slots_)
+    if (slot.file != platform::kInvalidFile) SyncVolumeOrFail(slot.file, static_cast<std::uint32_t>(slot.volume));
+}
+
+void HandleCache::CloseAll() {
+  for (Slot& slot : slots_) {
+    platform::Close(slot.file);
+    slot = Slot{};
+  }
+}
+
+namespace {
+// A short count with no system error still fails, with the cause recorded for the message.
+bool Moved(std::int64_t n, std::uint32_t size, bool writing) {
+  if (n == static_cast<std::int64_t>(size)) return true;
+  if (n >= 0) platform::RecordShortTransfer(writing);
+  return false;
+}
+}  // namespace
+
+bool ReadThrough(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  platform::ClearLastError();
+  return Moved(platform::ReadAt(file, buffer, size, position), size, false);
+}
+
+bool WriteThrough(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
+  platform::ClearLastError();
+  return Moved(platform::WriteAt(file, buffer, size, position), size, true);
+}
+
+bool ReadBlockAt(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  return TheStore().Read(file, position, buffer, size);
+}
+
+bool WriteBlockAt(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size,
+                  const char* failure, std::uint32_t block) {
+  return TheStore().Write(file, position, buffer, size, failure, block);
+}
+
+}  // namespace bt
