@@ -61,16 +61,6 @@ void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
 
 using namespace journaling;
 
-std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities) {
-  std::vector<std::uint32_t> keys(identities.size());
-  for (std::uint32_t v = 0; v < identities.size(); ++v) {
-    keys[v] = v;
-    for (std::uint32_t u = 0; u < v && keys[v] == v; ++u)
-      if (identities[u] == identities[v] && !(identities[v] == platform::FileIdentity{})) keys[v] = u;
-  }
-  return keys;
-}
-
 void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   j = Journal{};
   j.maps = &maps;

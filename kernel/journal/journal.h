@@ -78,12 +78,6 @@ struct JournalResume {
 };
 void ContinueJournal(const JournalResume& resume);
 void NoteResumedBlocks(const std::vector<journal::Check>& landed);
-// The key of a block of a database file in the journal: volumes that are one file (links) share
-// their keys. fileKeys[v] is the first volume that is the same file as volume v.
-std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities);
-inline std::uint64_t BlockKey(std::uint32_t fileKey, std::uint64_t blockOfFile) {
-  return std::uint64_t{fileKey} << 40 | blockOfFile;
-}
 // Whether a block of that key is in the sample at modulus (the label block always is).
 bool Sampled(std::uint64_t key, std::uint64_t modulus);
 bool JournalHoldsWrites();
@@ -116,8 +110,5 @@ void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark);
 void AwaitJournalWrites();
 // The run is complete: the files written are flushed, then the journal is removed.
 void EndJournal();
-
-// The database files as the journal names them: the main file is volume 0.
-void NoteVolumeOfFile(platform::File file, std::uint32_t volume);
 
 }  // namespace bt

@@ -151,7 +151,6 @@ struct BatchOriginals {
 struct JournalState {
   Journal journal;
   Handover handover;
-  std::vector<std::pair<platform::File, std::uint32_t>> volumeOf;  // the run's handles of database files
   ReadAside readAside[8];
   std::size_t nextAside = 0;
   BatchOriginals originals;

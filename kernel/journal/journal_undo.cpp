@@ -25,13 +25,6 @@ void ReserveUndo(Group& g, std::size_t blocks) {
   if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
 }
 
-// The volume of a handle of the run (NoteVolumeOfFile); 0 for one it was not told of.
-std::uint32_t VolumeOfHandle(platform::File file) {
-  for (const auto& [handle, volume] : state.volumeOf)
-    if (handle == file) return volume;
-  return 0;
-}
-
 // The key of the block at position of volume (BlockKey): one file named twice has one key.
 std::uint64_t KeyOf(std::uint32_t volume, std::uint64_t position) {
   return BlockKey(j.fileKey[volume], position / blockSize);
@@ -147,19 +140,10 @@ void MakeUndo(Group& g) {
 
 using namespace journaling;
 
-void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
-  for (auto& [handle, v] : state.volumeOf)
-    if (handle == file) {
-      v = volume;
-      return;
-    }
-  state.volumeOf.emplace_back(file, volume);
-}
-
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block) {
   const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
-  const std::uint32_t volume = VolumeOfHandle(file);
+  const std::uint32_t volume = VolumeOfFile(file);
   Group& g = GatheringGroup();
   std::size_t before = 0;
   std::vector<std::uint64_t>& beforeSums = state.beforeSums;
@@ -197,14 +181,14 @@ void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::
 
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (blockSize == 0) return;
-  const std::uint32_t volume = VolumeOfHandle(file);
+  const std::uint32_t volume = VolumeOfFile(file);
   if (j.flight.busy) LayOver(j.flight.group, volume, position, buffer, size);
   LayOver(j.group, volume, position, buffer, size);
   if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
 }
 
 bool ReadReachesMark(platform::File file, std::uint64_t position, std::uint32_t size) {
-  return j.marking && j.fileKey[VolumeOfHandle(file)] == j.fileKey[0] && position + size > j.header.mainFileSize;
+  return j.marking && j.fileKey[VolumeOfFile(file)] == j.fileKey[0] && position + size > j.header.mainFileSize;
 }
 
 }  // namespace bt

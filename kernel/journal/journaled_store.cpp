@@ -13,7 +13,6 @@ namespace {
 class Journaled final : public Store {
  public:
   platform::File Open(const std::string& path) override { return platform::OpenReadWrite(path); }
-  void NoteVolume(platform::File file, std::uint32_t volume) override { NoteVolumeOfFile(file, volume); }
   void Lock(const std::string& lockPath, const std::string& fileName) override {
     if (!lockPath.empty()) TakeLock(lockPath, fileName);
     HoldDatabaseFile(fileName);

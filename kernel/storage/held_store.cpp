@@ -19,7 +19,7 @@ namespace {
 // The writes held for one database file: its blocks at their own places in one temporary file,
 // and in another two bits a block: held, and written in its turn. Both stay sparse.
 struct HeldFile {
-  platform::FileIdentity identity;
+  std::uint32_t key = 0;  // FileKeys: one file named as two volumes is held once
   platform::File blocks = platform::kInvalidFile, marks = platform::kInvalidFile;
 };
 
@@ -56,7 +56,8 @@ std::uint64_t MemoryKey(std::size_t f, std::uint64_t block) { return block << 8 
 
 struct CheckState {
   std::vector<HeldFile> held;
-  std::set<std::pair<platform::FileIdentity, std::uint64_t>> needed;    // blocks written in turn that are read again
+  std::set<std::pair<std::uint32_t, std::uint64_t>> needed;    // blocks written in turn that are read again
+  std::vector<std::uint32_t> keys;  // by volume
   bool holdAll = false;    // every write is held
   bool passing = false;    // a pass of the block loop is under way
   bool astray = false;     // this pass read a block written in its turn and not held
@@ -113,16 +114,22 @@ unsigned Mark(std::size_t f, std::uint64_t block, unsigned marks) {
 }
 
 // The index of the held writes of a file, SIZE_MAX when there are none.
-std::size_t FindHeld(const platform::FileIdentity& identity) {
+// The key of a database file the pass opened.
+std::uint32_t KeyOfFile(platform::File file) {
+  const std::uint32_t volume = VolumeOfFile(file);
+  return volume < check.keys.size() ? check.keys[volume] : volume;
+}
+
+std::size_t FindHeld(std::uint32_t key) {
   for (std::size_t f = 0; f < check.held.size(); ++f)
-    if (check.held[f].identity == identity) return f;
+    if (check.held[f].key == key) return f;
   return SIZE_MAX;
 }
 
-std::size_t HeldFor(const platform::FileIdentity& identity) {
-  if (const std::size_t f = FindHeld(identity); f != SIZE_MAX) return f;
+std::size_t HeldFor(std::uint32_t key) {
+  if (const std::size_t f = FindHeld(key); f != SIZE_MAX) return f;
   HeldFile h;
-  h.identity = identity;
+  h.key = key;
   check.held.push_back(h);
   return check.held.size() - 1;
 }
@@ -143,8 +150,8 @@ void ForgetHeldWrites() {
   check.rewritten = 0;
 }
 
-void GoAstray(const platform::FileIdentity& identity, std::uint64_t position) {
-  check.needed.insert({identity, position});
+void GoAstray(std::uint32_t key, std::uint64_t position) {
+  check.needed.insert({key, position});
   if (check.astray) return;
   check.astray = true;
   check.shownBeforeAstray = OutputMade();
@@ -156,7 +163,7 @@ void GoAstray(const platform::FileIdentity& identity, std::uint64_t position) {
 namespace {
 void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (!check.passing || blockSize == 0) return;  // before the block loop nothing is written
-  const std::size_t f = FindHeld(IdentityOfDatabaseFile(file));
+  const std::size_t f = FindHeld(KeyOfFile(file));
   if (f == SIZE_MAX) return;  // nothing of this file was written
   for (std::uint32_t k = 0; k < size / blockSize; ++k) {
     const std::uint64_t at = position + std::uint64_t{k} * blockSize;
@@ -168,13 +175,13 @@ void SeeWritesOfTheRun(platform::File file, std::uint64_t position, std::uint8_t
       else if (platform::ReadAt(check.held[f].blocks, into, blockSize, at) != blockSize)
         TemporaryFileFailed();
     } else if (marks & kWrittenInTurn) {
-      GoAstray(check.held[f].identity, at);  // the disk would hold what the run wrote there
+      GoAstray(check.held[f].key, at);  // the disk would hold what the run wrote there
     }
   }
 }
 
 void HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* buffer, std::uint32_t size) {
-  const std::size_t f = HeldFor(IdentityOfDatabaseFile(file));
+  const std::size_t f = HeldFor(KeyOfFile(file));
   for (std::uint32_t k = 0; k < size / blockSize; ++k) {
     const std::uint64_t block = position / blockSize + k;
     if (Mark(f, block, kHeld) == 0) ++check.rewritten;  // written out of order only
@@ -199,9 +206,9 @@ void HoldWrite(platform::File file, std::uint64_t position, const std::uint8_t* 
 }
 
 bool NoteWriteInTurn(platform::File file, std::uint64_t position) {
-  const platform::FileIdentity identity = IdentityOfDatabaseFile(file);
-  Mark(HeldFor(identity), position / blockSize, kWrittenInTurn);
-  return check.holdAll || (!check.needed.empty() && check.needed.count({identity, position}) != 0);
+  const std::uint32_t key = KeyOfFile(file);
+  Mark(HeldFor(key), position / blockSize, kWrittenInTurn);
+  return check.holdAll || (!check.needed.empty() && check.needed.count({key, position}) != 0);
 }
 
 
@@ -239,6 +246,9 @@ class Held final : public Store {
 Store& HeldStore() { return held; }
 
 void BeginHeldPass() {
+  std::vector<platform::FileIdentity> identities;
+  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) identities.push_back(VolumeIdentity(v));
+  check.keys = FileKeys(identities);
   check.astray = false;
   check.passing = true;
   ForgetHeldWrites();

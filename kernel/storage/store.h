@@ -21,8 +21,6 @@ class Store {
 
   // Opens a database file (the main file or a volume) as the store uses it.
   virtual platform::File Open(const std::string& path) = 0;
-  // The file just opened is volume's (the main file is volume 0).
-  virtual void NoteVolume(platform::File, std::uint32_t) {}
   // Takes the run's lock and holds the main file against a second run; releases the lock.
   virtual void Lock(const std::string& lockPath, const std::string& fileName) = 0;
   virtual void Unlock(const std::string& lockPath) = 0;

@@ -52,6 +52,35 @@ void NoteVolumeIdentity(std::uint32_t volume, platform::File file) {
   if (volume <= kMaxVolumes) volumeIdentities[volume] = IdentityOfDatabaseFile(file);
 }
 
+namespace {
+std::vector<std::pair<platform::File, std::uint32_t>> volumeOfFile;  // by handle, as opened
+}
+
+void NoteVolumeOfFile(platform::File file, std::uint32_t volume) {
+  for (auto& [handle, v] : volumeOfFile)
+    if (handle == file) {
+      v = volume;
+      return;
+    }
+  volumeOfFile.emplace_back(file, volume);
+}
+
+std::uint32_t VolumeOfFile(platform::File file) {
+  for (const auto& [handle, volume] : volumeOfFile)
+    if (handle == file) return volume;
+  return 0;
+}
+
+std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities) {
+  std::vector<std::uint32_t> keys(identities.size());
+  for (std::uint32_t v = 0; v < identities.size(); ++v) {
+    keys[v] = v;
+    for (std::uint32_t u = 0; u < v && keys[v] == v; ++u)
+      if (identities[u] == identities[v] && !(identities[v] == platform::FileIdentity{})) keys[v] = u;
+  }
+  return keys;
+}
+
 platform::FileIdentity VolumeIdentity(std::uint32_t volume) {
   return volume <= kMaxVolumes ? volumeIdentities[volume] : platform::FileIdentity{};
 }
@@ -60,7 +89,7 @@ platform::File OpenVolumeFile(std::uint32_t volume) {
   std::string path = VolumePath(volume);
   if (path.empty()) return platform::kInvalidFile;
   const platform::File file = OpenDatabaseFile(path);
-  if (file != platform::kInvalidFile) TheStore().NoteVolume(file, volume);
+  if (file != platform::kInvalidFile) NoteVolumeOfFile(file, volume);
   return file;
 }
 

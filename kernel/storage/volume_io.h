@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform.h"
 
@@ -21,6 +22,17 @@ platform::File OpenVolumeFile(std::uint32_t volume);
 // The identity of volume's file as its check before the run found it (the main file is volume 0).
 void NoteVolumeIdentity(std::uint32_t volume, platform::File file);
 platform::FileIdentity VolumeIdentity(std::uint32_t volume);
+
+// Which volume a handle opened by OpenVolumeFile is (the main file is volume 0; 0 for another).
+void NoteVolumeOfFile(platform::File file, std::uint32_t volume);
+std::uint32_t VolumeOfFile(platform::File file);
+// The key of a block of a database file, for the writes a store holds and the reads laid over
+// them: volumes that are one file (links) share their keys. FileKeys(identities)[v] is the first
+// volume that is the same file as volume v.
+std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& identities);
+inline std::uint64_t BlockKey(std::uint32_t fileKey, std::uint64_t blockOfFile) {
+  return std::uint64_t{fileKey} << 40 | blockOfFile;
+}
 
 // Index of the volume holding block b, with its first and last block numbers.
 std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uint32_t* last);
