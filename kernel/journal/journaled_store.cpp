@@ -2,22 +2,16 @@
 // written (journal.h). Reads see the writes held.
 #include "journaled_store.h"
 
+#include "direct_store.h"
 #include "journal.h"
-#include "lock_file.h"
 #include "volume_io.h"
 
 namespace bt {
 
 namespace {
 
-class Journaled final : public Store {
+class Journaled final : public WritingStore {
  public:
-  platform::File Open(const std::string& path) override { return platform::OpenReadWrite(path); }
-  void Lock(const std::string& lockPath, const std::string& fileName) override {
-    if (!lockPath.empty()) TakeLock(lockPath, fileName);
-    HoldDatabaseFile(fileName);
-  }
-  void Unlock(const std::string& lockPath) override { ReleaseLock(lockPath); }
   bool Read(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) override {
     if (!ReadThrough(file, position, buffer, size)) return false;
     if (ReadReachesMark(file, position, size)) {
@@ -49,10 +43,6 @@ class Journaled final : public Store {
   void EndVolume(std::uint32_t next) override {
     CommitJournalGroup(next, UINT64_MAX);
     AwaitJournalWrites();
-  }
-  bool Flush(platform::File file) override {
-    platform::ClearLastError();
-    return platform::Sync(file);
   }
   void Finish() override { EndJournal(); }
 } journaled;

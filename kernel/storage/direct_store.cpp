@@ -13,14 +13,8 @@ namespace {
 // the disk.
 constexpr std::uint64_t kWriteBackBytes = std::uint64_t{2} << 20;
 
-class Direct final : public Store {
+class Direct final : public WritingStore {
  public:
-  platform::File Open(const std::string& path) override { return platform::OpenReadWrite(path); }
-  void Lock(const std::string& lockPath, const std::string& fileName) override {
-    if (!lockPath.empty()) TakeLock(lockPath, fileName);
-    HoldDatabaseFile(fileName);
-  }
-  void Unlock(const std::string& lockPath) override { ReleaseLock(lockPath); }
   bool Read(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) override {
     return ReadThrough(file, position, buffer, size);
   }
@@ -42,10 +36,6 @@ class Direct final : public Store {
     }
     return true;
   }
-  bool Flush(platform::File file) override {
-    platform::ClearLastError();
-    return platform::Sync(file);
-  }
 
  private:
   platform::File inTurnFile_ = platform::kInvalidFile;
@@ -55,6 +45,20 @@ class Direct final : public Store {
 Direct direct;
 
 }  // namespace
+
+platform::File WritingStore::Open(const std::string& path) { return platform::OpenReadWrite(path); }
+
+void WritingStore::Lock(const std::string& lockPath, const std::string& fileName) {
+  if (!lockPath.empty()) TakeLock(lockPath, fileName);
+  HoldDatabaseFile(fileName);
+}
+
+void WritingStore::Unlock(const std::string& lockPath) { ReleaseLock(lockPath); }
+
+bool WritingStore::Flush(platform::File file) {
+  platform::ClearLastError();
+  return platform::Sync(file);
+}
 
 Store& DirectStore() { return direct; }
 

@@ -1,7 +1,9 @@
 // Benchmark: times byteturn -t on a generated database against in-place rewrites of the same
 // file with no conversion (dd conv=notrunc,fsync: one block per call, and 1 MiB per call), both
 // ending with the file on stable storage as byteturn does, and prints the times, their ratios and
-// the conversion's peak resident memory.
+// the conversion's peak resident memory. With --other DIR it also times the programs of another
+// build in the same rounds, before this build's in every other round, and prints this build's
+// times against them.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -77,6 +79,7 @@ int main(int argc, char** argv) {
   int rounds = 2;
   bool encrypted = false;
   bool cold = false;
+  std::string other;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string a = argv[i];
     const char* v = argv[i + 1];
@@ -88,10 +91,11 @@ int main(int argc, char** argv) {
     else if (a == "--mix-other-only" && std::strcmp(v, "1") == 0) p.mix = gendb::Mix{};
     else if (a == "--encrypted") encrypted = std::strcmp(v, "1") == 0;
     else if (a == "--cold") cold = std::strcmp(v, "1") == 0;
+    else if (a == "--other") other = v;
     else {
       std::fprintf(stderr,
                    "usage: bench [--size-mib N] [--code N] [--free F] [--dir DIR] [--rounds N] "
-                   "[--mix-other-only 1] [--encrypted 1] [--cold 1]\n");
+                   "[--mix-other-only 1] [--encrypted 1] [--cold 1] [--other DIR]\n");
       return 2;
     }
   }
@@ -138,6 +142,17 @@ int main(int argc, char** argv) {
   const std::string check = "/usr/bin/time -f %M -o " + checkPeakFile + " " + byteturnCheck + " -t " + db + " > /dev/null" +
                             (encrypted ? " 2>/dev/null < " + answers : std::string());
   std::vector<double> timesBlock, timesLarge, timesConvert, timesOff, timesCheck;
+  // The other build's conversion (journaled, then not: the file is left as it was) and check.
+  const std::string input = " -t " + db + " > /dev/null" + (encrypted ? " 2>/dev/null < " + answers : std::string());
+  const std::string otherConvert = other + "/byteturn" + input, otherOff = "BYTETURN_JOURNAL=off " + otherConvert,
+                    otherCheck = other + "/byteturn-check" + input;
+  std::vector<double> otherTimesConvert, otherTimesOff, otherTimesCheck;
+  const auto runOther = [&] {
+    if (other.empty()) return;
+    otherTimesConvert.push_back(TimeCommand(otherConvert, cold));
+    otherTimesCheck.push_back(TimeCommand(otherCheck, cold));
+    otherTimesOff.push_back(TimeCommand(otherOff, cold));
+  };
   std::int64_t peakKiB = 0, offPeakKiB = 0, checkPeakKiB = 0;
   const auto peakOf = [](const std::string& file, std::int64_t& peak) {
     if (std::FILE* f = std::fopen(file.c_str(), "r")) {
@@ -151,6 +166,7 @@ int main(int argc, char** argv) {
   // to take a third of the time. Two conversions per round (the first journaled, the second not)
   // leave the file as it was.
   for (int r = 0; r < rounds; ++r) {
+    if (r % 2 == 1) runOther();
     // The check reads what the conversion before it wrote, as the conversion does.
     const double tc = TimeCommand(convert, cold), tk = TimeCommand(check, cold), tb = TimeCommand(rewriteBlock, cold);
     const double to = TimeCommand(convertOff, cold), tl = TimeCommand(rewriteLarge, cold);
@@ -166,6 +182,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     timesBlock.push_back(tb);
     timesLarge.push_back(tl);
+    if (r % 2 == 0) runOther();
   }
   // The best round of each, and the middle one: on a shared machine, and from a disk whose host
   // may cache it, single rounds can be far off either way.
@@ -190,6 +207,17 @@ int main(int argc, char** argv) {
   std::printf("ratio byteturn-check / byteturn    %.2f (median of rounds: %.2f)\n", bestCheck / bestConvert,
               Median(timesCheck) / Median(timesConvert));
   std::printf("peak resident memory of the check  %.1f MiB\n", static_cast<double>(checkPeakKiB) / 1024.0);
+  if (!other.empty()) {
+    const auto against = [](const char* what, const std::vector<double>& mine, const std::vector<double>& theirs) {
+      std::printf("%-10s this build %.3f s, other %.3f s: ratio %.3f (median of rounds: %.3f / %.3f = %.3f)\n", what,
+                  Best(mine), Best(theirs), Best(mine) / Best(theirs), Median(mine), Median(theirs),
+                  Median(mine) / Median(theirs));
+    };
+    std::printf("against the build in %s, the same rounds, alternating which goes first:\n", other.c_str());
+    against("journaled", timesConvert, otherTimesConvert);
+    against("off", timesOff, otherTimesOff);
+    against("check", timesCheck, otherTimesCheck);
+  }
   if (encrypted) {
     const double openssl = OpensslSpeed();
     std::printf("openssl speed -evp aes-256-cbc -bytes 8192 (encrypt): %.0f MiB/s\n", openssl);
