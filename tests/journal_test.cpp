@@ -188,15 +188,6 @@ const std::string kWriterLags = "BYTETURN_WRITER_LAG=1 ";
 const std::string kRecordByRun = "BYTETURN_RECORD_BY_RUN=1 ";
 // The two take turns, group by group, as where the group limit moves across its floor.
 const std::string kRecordsInTurn = "BYTETURN_RECORD_BY_RUN=2 ";
-bool Emulated() { return !UnderTest().runner.empty(); }
-// Under the sanitizers every run takes several times as long: the sweeps take fewer cuts there.
-bool Sanitized() {
-#ifdef BYTETURN_SANITIZED
-  return true;
-#else
-  return false;
-#endif
-}
 
 // Cut points of a run of operations: the first and the last ones, where the journal is made and
 // removed, and others spread between them, picked by rng.

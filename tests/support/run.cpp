@@ -161,6 +161,22 @@ const Target& UnderTest() {
   return target;
 }
 
+std::string StoreWord(Store store) { return store == Store::kDirect ? "BYTETURN_JOURNAL=off " : ""; }
+
+std::string StoreName(const ::testing::TestParamInfo<Store>& info) {
+  return info.param == Store::kDirect ? "Direct" : "Journaled";
+}
+
+bool Emulated() { return !UnderTest().runner.empty(); }
+
+bool Sanitized() {
+#ifdef BYTETURN_SANITIZED
+  return true;
+#else
+  return false;
+#endif
+}
+
 std::string ShellCommand(const std::string& exe) {
   const Target& t = UnderTest();
   return (t.runner.empty() ? "" : t.runner + " ") + Quote(exe.empty() ? t.exe : exe);
