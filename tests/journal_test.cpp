@@ -192,7 +192,7 @@ const std::string kRecordsInTurn = "BYTETURN_RECORD_BY_RUN=2 ";
 // Cut points of a run of operations: the first and the last ones, where the journal is made and
 // removed, and others spread between them, picked by rng.
 std::vector<std::uint64_t> CutPoints(std::uint64_t operations, std::mt19937_64& rng) {
-  const std::uint64_t ends = Emulated() || Sanitized() ? 2 : 5, between = Emulated() ? 3 : Sanitized() ? 4 : 14;
+  const std::uint64_t ends = Emulated() || Sanitized() ? 2 : 5, between = Emulated() ? 3 : Sanitized() ? 2 : 14;
   std::vector<std::uint64_t> points;
   for (std::uint64_t n = 1; n <= ends; ++n) points.push_back(n);
   for (std::uint64_t n = operations - ends + 1; n <= operations; ++n) points.push_back(n);
@@ -456,13 +456,13 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
 
 // Every write, flush and rename of a small run, its records written by the writer thread, and by
 // the run and the writer in turn: every point with one seed (the two take turns); under the
-// sanitizers every eighth point, and on the emulated platforms, which run each process slowly,
+// sanitizers every sixteenth point, and on the emulated platforms, which run each process slowly,
 // every tenth.
 TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   Scratch s;
   const Case c = Prepare(s, SmallRun());
   const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
-  const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 8 : 1;
+  const std::uint64_t step = Emulated() ? 10 : Sanitized() ? 16 : 1;
   for (const std::string& byRun : {std::string(), kRecordsInTurn}) {
     Reset(c);
     const RunResult whole = Convert(c, UnderTest().faultsExe, groups + byRun + "BYTETURN_POWERCUT=1000000");
@@ -530,7 +530,7 @@ TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
     Reset(c);
     const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=1000000");
     const std::uint64_t operations = OperationsOf(whole);
-    for (int round = 0; round < (Emulated() ? 2 : 6); ++round) {
+    for (int round = 0; round < (SlowStage() ? 2 : 6); ++round) {
       Reset(c);
       const std::uint64_t n = operations / 4 + rng() % (operations / 2);
       const RunResult cut = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":3");
@@ -607,14 +607,14 @@ TEST(Journal, KilledAndInterruptedRunsAreFinished) {
   Scratch s;
   gendb::Params p = Rich();
   p.sizeCode = 2;
-  p.lastBlock = Emulated() ? 2500 : 12000;
+  p.lastBlock = SlowStage() ? 2500 : 12000;
   p.compressShare = 0.3;
   const Case c = Prepare(s, p);
   const auto started = std::chrono::steady_clock::now();
   ASSERT_EQ(Convert(c, UnderTest().exe, "").status, 0);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   std::mt19937_64 rng(5);
-  const int rounds = Emulated() ? 3 : 8;
+  const int rounds = Emulated() ? 3 : Sanitized() ? 4 : 8;  // the fourth one an interrupt
   for (int round = 0; round < rounds; ++round) {
     const char* signal = round % 4 == 3 ? "INT" : "KILL";
     const double at = seconds * (round + std::uniform_real_distribution<double>(0.1, 0.9)(rng)) / rounds;
