@@ -322,13 +322,13 @@ void ExpectConvertedBefore(const std::string& db, const std::string& twin, const
 }
 
 RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input,
-                               gendb::Stats* stats, const std::string& exe) {
+                               gendb::Stats* stats, const std::string& exe, const std::string& environment) {
   const std::string source = scratch.Path("source.dat"), twin = scratch.Path("twin.dat");
   params.converted = false;
   std::string error = GenerateFor(params, source, stats);
   EXPECT_EQ(error, "");
   Generate(TwinOf(params), twin);
-  RunResult r = RunByteturn({"-t", source}, input, "", exe);
+  RunResult r = RunByteturn({"-t", source}, input, "", exe, environment);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(gendb::CompareFiles(source, twin, gendb::GeometryFor(params.sizeCode).blockSize), "")
       << "seed " << params.seed << " code " << params.sizeCode << (params.bigEndian ? " big" : " little");

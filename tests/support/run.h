@@ -150,8 +150,10 @@ std::string GenerateFor(const gendb::Params& params, const std::string& path, ge
 // The same, failing the test on error.
 void Generate(const gendb::Params& params, const std::string& path);
 // Generates params in the source order and its converted twin in the other order, converts the
-// source with byteturn -t and expects the twin's exact bytes. Returns byteturn's result.
+// source with byteturn -t (environment's "NAME=value" words in its environment) and expects the
+// twin's exact bytes. Returns byteturn's result.
 RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input = "",
-                               gendb::Stats* stats = nullptr, const std::string& exe = "");
+                               gendb::Stats* stats = nullptr, const std::string& exe = "",
+                               const std::string& environment = "");
 
 }  // namespace testsupport
