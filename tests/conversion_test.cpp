@@ -26,11 +26,17 @@ gendb::Params Spanning(std::uint32_t code, bool big, std::uint64_t seed) {
   return p;
 }
 
-TEST(Conversion, SpanningDatabasesConvertToTheirMirrorImage) {
+// Against both stores (run.h); in the slow stages the store straight to the files takes the
+// big-endian databases, the journaled one the little-endian ones.
+class Conversions : public PerStore {};
+PER_STORE(Conversions);
+
+TEST_P(Conversions, SpanningDatabasesConvertToTheirMirrorImage) {
   for (std::uint32_t code = 1; code <= 5; ++code) {
     for (bool big : {true, false}) {
+      if (SlowStage() && big == Journaled()) continue;
       Scratch s;
-      ExpectConvertsToTwin(Spanning(code, big, 10 + code), s);
+      ExpectConvertsToTwin(Spanning(code, big, 10 + code), s, "", nullptr, "", Env());
     }
   }
 }

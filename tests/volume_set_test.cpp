@@ -238,6 +238,7 @@ TEST(VolumeSets, EveryFailureEndsBeforeAnythingIsWritten) {
   for (const Failure& f : failures) {
     Scratch s;
     gendb::Params p = VolumeSet(3, true, 31);
+    p.lastBlock = 4000;  // one map: the failures come before any block is converted
     MakeDirectories(p, s.Path("src"));
     Generate(p, s.Path("src/ORVA.DAT"));
     f.damage(s, p);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <cerrno>
@@ -96,12 +97,16 @@ std::string ReadText(const std::string& path) {
   return ss.str();
 }
 
+// In one read: byte by byte, the tests' reads of whole databases took much of their time on the
+// emulated platforms and under the sanitizers.
 std::vector<std::uint8_t> ReadBytes(const std::string& path, std::uint64_t offset, std::size_t size) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  const std::streamoff end = in ? static_cast<std::streamoff>(in.tellg()) : -1;
+  if (end < 0 || offset >= static_cast<std::uint64_t>(end)) return {};
+  std::vector<std::uint8_t> out(static_cast<std::size_t>(std::min<std::uint64_t>(size, static_cast<std::uint64_t>(end) - offset)));
   in.seekg(static_cast<std::streamoff>(offset));
-  std::vector<std::uint8_t> out;
-  char c;
-  while (out.size() < size && in.get(c)) out.push_back(static_cast<std::uint8_t>(c));
+  in.read(reinterpret_cast<char*>(out.data()), static_cast<std::streamsize>(out.size()));
+  out.resize(static_cast<std::size_t>(in.gcount()));
   return out;
 }
 
@@ -159,6 +164,22 @@ const Target& UnderTest() {
     return t;
   }();
   return target;
+}
+
+std::string StoreWord(Store store) { return store == Store::kDirect ? "BYTETURN_JOURNAL=off " : ""; }
+
+std::string StoreName(const ::testing::TestParamInfo<Store>& info) {
+  return info.param == Store::kDirect ? "Direct" : "Journaled";
+}
+
+bool Emulated() { return !UnderTest().runner.empty(); }
+
+bool Sanitized() {
+#ifdef BYTETURN_SANITIZED
+  return true;
+#else
+  return false;
+#endif
 }
 
 std::string ShellCommand(const std::string& exe) {
@@ -301,13 +322,13 @@ void ExpectConvertedBefore(const std::string& db, const std::string& twin, const
 }
 
 RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input,
-                               gendb::Stats* stats, const std::string& exe) {
+                               gendb::Stats* stats, const std::string& exe, const std::string& environment) {
   const std::string source = scratch.Path("source.dat"), twin = scratch.Path("twin.dat");
   params.converted = false;
   std::string error = GenerateFor(params, source, stats);
   EXPECT_EQ(error, "");
   Generate(TwinOf(params), twin);
-  RunResult r = RunByteturn({"-t", source}, input, "", exe);
+  RunResult r = RunByteturn({"-t", source}, input, "", exe, environment);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(gendb::CompareFiles(source, twin, gendb::GeometryFor(params.sizeCode).blockSize), "")
       << "seed " << params.seed << " code " << params.sizeCode << (params.bigEndian ? " big" : " little");

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "gendb.h"
 #include "messages.h"
 
@@ -60,6 +62,28 @@ struct Scratch {
   ~Scratch();
   std::string Path(const std::string& name) const { return dir + "/" + name; }
 };
+
+// Where a conversion's writes go: straight to the files, or through the journal (the default).
+// A test of what a run leaves on disk is written once and run against each (TEST_P on a fixture
+// derived from PerStore, instantiated by PER_STORE(suite): cases named .../Direct and .../Journaled).
+enum class Store { kDirect, kJournaled };
+// The environment word that chooses the store ("BYTETURN_JOURNAL=off " or ""), for RunByteturn.
+std::string StoreWord(Store store);
+std::string StoreName(const ::testing::TestParamInfo<Store>& info);
+class PerStore : public ::testing::TestWithParam<Store> {
+ protected:
+  static bool Journaled() { return GetParam() == Store::kJournaled; }
+  static std::string Env() { return StoreWord(GetParam()); }
+};
+#define PER_STORE(suite) \
+  INSTANTIATE_TEST_SUITE_P(, suite, ::testing::Values(testsupport::Store::kDirect, testsupport::Store::kJournaled), \
+                           testsupport::StoreName)
+
+// The stages where each process runs several times slower: the emulated platforms (qemu-user,
+// Wine) and the sanitizers. Sweeps take fewer cases there; the plain stage takes them all.
+bool Emulated();
+bool Sanitized();
+inline bool SlowStage() { return Emulated() || Sanitized(); }
 
 // The whole file as text ("" when it cannot be read).
 std::string ReadText(const std::string& path);
@@ -132,8 +156,10 @@ std::string GenerateFor(const gendb::Params& params, const std::string& path, ge
 // The same, failing the test on error.
 void Generate(const gendb::Params& params, const std::string& path);
 // Generates params in the source order and its converted twin in the other order, converts the
-// source with byteturn -t and expects the twin's exact bytes. Returns byteturn's result.
+// source with byteturn -t (environment's "NAME=value" words in its environment) and expects the
+// twin's exact bytes. Returns byteturn's result.
 RunResult ExpectConvertsToTwin(gendb::Params params, const Scratch& scratch, const std::string& input = "",
-                               gendb::Stats* stats = nullptr, const std::string& exe = "");
+                               gendb::Stats* stats = nullptr, const std::string& exe = "",
+                               const std::string& environment = "");
 
 }  // namespace testsupport
