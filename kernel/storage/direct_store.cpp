@@ -1,5 +1,7 @@
 #include "direct_store.h"
 
+#include <set>
+
 #include "lock_file.h"
 #include "volume_io.h"
 
@@ -20,8 +22,14 @@ class Direct final : public WritingStore {
   }
   bool Write(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size, const char*,
              std::uint32_t) override {
+    unflushed_.insert(file);
     return WriteThrough(file, position, bytes, size);
   }
+  bool Flush(platform::File file) override {
+    unflushed_.erase(file);
+    return WritingStore::Flush(file);
+  }
+  bool Release(platform::File file) override { return unflushed_.count(file) == 0 || Flush(file); }
   void BeginInTurn(platform::File file, std::uint64_t position) override {
     inTurnFile_ = file;
     writeBackFrom_ = position;
@@ -38,6 +46,7 @@ class Direct final : public WritingStore {
   }
 
  private:
+  std::set<platform::File> unflushed_;  // written out of turn since their last flush
   platform::File inTurnFile_ = platform::kInvalidFile;
   std::uint64_t writeBackFrom_ = 0;
 };

@@ -57,6 +57,9 @@ class Store {
 
   // Flushes a file to stable storage; false on failure (error recorded).
   virtual bool Flush(platform::File file) = 0;
+  // The run is about to close file: a store that wrote through it and has not flushed it since
+  // flushes it now (the run's final flush can no longer reach it); false when that fails.
+  virtual bool Release(platform::File) { return true; }
   // The run is complete: what the store still holds is made durable and its own files go.
   virtual void Finish() {}
 };

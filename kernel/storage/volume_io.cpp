@@ -118,21 +118,30 @@ std::uint32_t VolumeIndexOfBlock(std::uint32_t b, std::uint32_t* first, std::uin
   return hi;
 }
 
+// A file given up goes to the disk first where the store wrote through it: the run's final flush
+// reaches only the files still cached.
+void HandleCache::Evict(Slot& slot) {
+  if (slot.file != platform::kInvalidFile) {
+    platform::ClearLastError();
+    if (!TheStore().Release(slot.file)) Fail("\r\nError flushing volume #%d. %s\r\n", slot.volume, ErrorText());
+  }
+  platform::Close(slot.file);
+  slot = Slot{};
+}
+
 platform::File HandleCache::Of(std::uint32_t b, std::uint32_t* first, std::uint32_t* last) {
   int volume = static_cast<int>(VolumeIndexOfBlock(b, first, last));
   for (const Slot& slot : slots_)
     if (slot.volume == volume && slot.file != platform::kInvalidFile) return slot.file;
 
   Slot& target = slots_[next_];
-  platform::Close(target.file);
-  target = Slot{};
+  Evict(target);
   platform::File file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
   // Short of file handles: give up cached files one by one before giving up.
   for (int i = (next_ + 1) % kHandleCacheSlots; file == platform::kInvalidFile && i != next_;
        i = (i + 1) % kHandleCacheSlots) {
     if (slots_[i].file == platform::kInvalidFile) continue;
-    platform::Close(slots_[i].file);
-    slots_[i] = Slot{};
+    Evict(slots_[i]);
     file = OpenVolumeFile(static_cast<std::uint32_t>(volume));
   }
   next_ = (next_ + 1) % kHandleCacheSlots;

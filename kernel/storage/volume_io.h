@@ -57,6 +57,7 @@ class HandleCache {
     int volume = -1;
     platform::File file = platform::kInvalidFile;
   };
+  void Evict(Slot& slot);
   Slot slots_[kHandleCacheSlots];
   int next_ = 0;
 };
