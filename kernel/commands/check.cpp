@@ -7,6 +7,7 @@
 #include "driver.h"
 #include "held_store.h"
 #include "pass.h"
+#include "start_run.h"
 #include "messages.h"
 #include "database.h"
 #include "store.h"
@@ -86,7 +87,7 @@ int CheckMain(int argc, const char* const* argv) {
   CommandLine commandLine;
   std::string lockPath;
   try {
-    lockPath = PrepareRun(argc, argv, commandLine);
+    lockPath = StartRun(argc, argv, commandLine);
   } catch (const RunEnded& end) {
     return Verdict(end.status == 0 ? Outcome::kReport : Outcome::kNotStarted, RunProgress{}, lockPath);
   }

@@ -8,7 +8,6 @@
 #include "block_header.h"
 #include "command_line.h"
 #include "compression.h"
-#include "journal.h"
 #include "label_block.h"
 #include "label_check.h"
 #include "lock_file.h"
@@ -163,18 +162,8 @@ void ConvertVolume(Pass& pass, std::uint32_t index, std::uint32_t& b, bool verbo
 
 std::string BinDirectoryOfThisProgram() { return BinDirectoryOf(platform::ExecutablePath(kBinDirectoryLimit)); }
 
-namespace {
-// What a refusal for the lock tells the operator: byteturn-recover, where an interrupted run left
-// its journal.
-std::string RecoverAdvice(const std::string& fileName) {
-  const JournalFound journal = FindJournal(fileName);
-  return journal.marked || !journal.path.empty() ? RecoverLine(journal, fileName) : std::string();
-}
-}  // namespace
-
 std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLine) {
   platform::PrepareConsole();
-  SetLockedAdvice(RecoverAdvice);
   if (!ParseCommandLine(argc, argv, commandLine)) PrintUsageAndEnd();
   databaseFileName = commandLine.fileName;
   binDirectory = BinDirectoryOfThisProgram();
@@ -188,13 +177,6 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
 
   const std::string lockPath = LockPathFor(databaseFileName);
   TheStore().Lock(lockPath, databaseFileName);
-  // A run interrupted before (the file bears its mark), or a journal where this run's would go:
-  // only byteturn-recover may go on with it, or tell what it is.
-  const JournalFound journal = FindJournal(databaseFileName);
-  if (journal.marked || !journal.path.empty()) {
-    TheStore().Unlock(lockPath);
-    FailTo(stderr, "%s", RecoverLine(journal, databaseFileName).c_str());
-  }
   return lockPath;
 }
 

@@ -9,9 +9,8 @@
 
 namespace bt {
 
-// The run's steps, for the companion commands that share them. PrepareRun: the command line, the
-// label check and report, the volume set, the lock (its path is returned, "" for none), and the
-// refusal of a database that an interrupted run left with a journal; nothing is written.
+// The run's steps, for the commands that share them. PrepareRun: the command line, the label check
+// and report, the volume set, the lock (its path is returned, "" for none); nothing is written.
 // ConvertVolumes: every block of every volume in its turn from block from, then the files
 // rewritten out of order flushed and the journal, if any, removed. FinishRun: the final line, the
 // lock released, status 0.
