@@ -145,10 +145,14 @@ const char* ErrorText() {
   return text;
 }
 
-void FailWritingBlock(std::uint64_t b) {
+void KeepOutputOfBlocksBefore(std::uint64_t b) {
   RunFailureHook();
   ReleaseHeldOutput(b);
   DiscardHeldOutput();
+}
+
+void FailWritingBlock(std::uint64_t b) {
+  KeepOutputOfBlocksBefore(b);
   if (b == 1) Fail("\r\nWrite of label block failed. %s\r\n", ErrorText());
   Fail("\r\nError writing block %u. %s\r\n", static_cast<std::uint32_t>(b), ErrorText());
 }
@@ -159,26 +163,35 @@ void EndRun(int status) {
   throw RunEnded{status};
 }
 
-void Fail(const char* format, ...) {
+namespace {
+// A failure ends the run with one message, written after what the run holds back is shown (the
+// message's text is made after that: the hook may change what it shows).
+void BeginFailure() {
   RunFailureHook();
   HoldOutput(false);
+}
+[[noreturn]] void EndFailure(std::FILE* stream) {
+  WriteTo(stream, lastFailure);
+  EndRun(1);
+}
+}  // namespace
+
+void Fail(const char* format, ...) {
+  BeginFailure();
   va_list args;
   va_start(args, format);
   lastFailure = Format(format, args);
   va_end(args);
-  WriteTo(stdout, lastFailure);
-  EndRun(1);
+  EndFailure(stdout);
 }
 
 void FailTo(std::FILE* stream, const char* format, ...) {
-  RunFailureHook();
-  HoldOutput(false);
+  BeginFailure();
   va_list args;
   va_start(args, format);
   lastFailure = Format(format, args);
   va_end(args);
-  WriteTo(stream, lastFailure);
-  EndRun(1);
+  EndFailure(stream);
 }
 
 }  // namespace bt

@@ -59,6 +59,8 @@ const std::string& LastFailure();
 // Ends the run at a write of block b that failed (1: the label block): what the blocks before it
 // printed is shown, what later ones printed is not, as when the blocks are written one at a time.
 [[noreturn]] void FailWritingBlock(std::uint64_t b);
+// The first step of such an end: what the blocks before b printed is shown, the rest dropped.
+void KeepOutputOfBlocksBefore(std::uint64_t b);
 // "Error %d=(%s)" for the last system error; take it right after the failing call.
 const char* ErrorText();
 

@@ -58,9 +58,7 @@ std::uint64_t ReadExtent(std::uint64_t b, bool throughFree) {
 // is not, as when the blocks are written one at a time.
 [[noreturn]] void FailAtBlock(std::uint64_t b, bool encrypting) {
   if (!encrypting) FailWritingBlock(b);
-  RunFailureHook();
-  ReleaseHeldOutput(b);
-  DiscardHeldOutput();
+  KeepOutputOfBlocksBefore(b);
   Fail("Error encrypting block\n");
 }
 
