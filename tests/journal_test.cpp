@@ -183,8 +183,8 @@ const std::string kSmallGroups = "BYTETURN_GROUP_BYTES=32768 ";
 // The writer starts on a committed group only when the run waits for it: every read meanwhile
 // finds the disk without the group's writes.
 const std::string kWriterLags = "BYTETURN_WRITER_LAG=1 ";
-// The run writes each group's record itself, as where flushes cost much; else the writer thread
-// does, as where they cost little (and as with small groups).
+// The run makes each group's undo and the recorder thread writes its record, as where flushes
+// cost much; else the writer thread does both, as where they cost little (and as with small groups).
 const std::string kRecordByRun = "BYTETURN_RECORD_BY_RUN=1 ";
 // The two take turns, group by group, as where the group limit moves across its floor.
 const std::string kRecordsInTurn = "BYTETURN_RECORD_BY_RUN=2 ";
@@ -421,7 +421,7 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
     SCOPED_TRACE(name);
     Scratch s;
     const Case c = Prepare(s, p, name == "malformed node" ? MalformedNode(p) : nullptr);
-    // The records written by the writer thread, by the run, or by each in turn. Each way ends its
+    // The records written by the writer thread, by the recorder, or by each in turn. Each way ends its
     // groups elsewhere: a cut near the end is put as far from it.
     const std::string ways[] = {"", kRecordByRun, kRecordsInTurn};
     std::uint64_t operations[3];

@@ -17,7 +17,7 @@ namespace bt {
 
 namespace journaling {
 
-// Made at its first use and never destroyed: the writer thread waits on its handover until the
+// Made at its first use and never destroyed: the journal's threads wait on its handover until the
 // process ends.
 JournalState& TheJournalState() {
   static JournalState& state = *new JournalState;
@@ -128,7 +128,7 @@ bool JournalHoldsWrites() { return j.active; }
 void EndJournal() {
   if (!j.active) return;
   CommitJournalGroup(lastBlock, 0);
-  AwaitFlight();
+  AwaitFlights();
   SetFailureHook(nullptr);
   if (!j.created) return;
   Outcome outcome;

@@ -8,9 +8,10 @@
 // between two blocks; it is then committed: its undo goes to a record of the journal with that
 // point (the block whose turn is next, the maps the run knows), the record is flushed, then a
 // commit sector naming it (after the database files written by the group before are flushed),
-// and only then are the writes made, in the order the run made them. A writer thread does this
-// for one committed group while the run gathers the next (the run writes the record itself where
-// a flush costs much); the group's messages are shown once it has landed. A group also ends
+// and only then are the writes made, in the order the run made them. Two threads do this while
+// the run gathers the next group: a recorder writes and flushes a group's record while a writer
+// lands the group before (flushes, commit, writes); where a flush costs little, the writer makes
+// the undo and writes the record itself. The group's messages are shown once it has landed. A group also ends
 // before the run reads on from the disk once messages were made in it (progress lines are not
 // kept waiting for long), and when the run stops: the database then holds what the run wrote
 // before it stopped, as without a journal. The recovery puts back the words of the last record

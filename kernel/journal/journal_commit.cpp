@@ -1,6 +1,7 @@
 #include "journal_commit.h"
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -63,16 +64,16 @@ std::vector<journal::Check> Landed(const Group& g) {
   return landed;
 }
 
-// Writes the group's record while the group before is on its way, then hands the group to the
-// writer once that one has landed. A failure here shows what the group before shows first, as
-// its writes come before it.
+// Hands the group on its way, once the group that last used its flight has landed: where the run
+// made its undo, the recorder writes its record while the group before is written. A failure
+// there shows what the group before shows first, as its writes come before it.
 void Commit() {
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
   if (!j.created) CreateJournal();
   for (const HeldWrite& w : j.group.held) {
     if (OpenVolumeHandle(w.volume)) continue;
     const int error = platform::LastError();
-    AwaitFlight();
+    AwaitFlights();
     CapHeldOutput(w.cap);  // as where the writes before it were made
     ReleaseHeldOutput(UINT64_MAX);
     platform::SetLastError(error);
@@ -90,21 +91,13 @@ void Commit() {
   const Group& g = j.group;
   Placed record{0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxUndoBytes(blockSize) : g.undoSize)};
   record.offset = PlaceRecord(record.size);
-  std::uint64_t checksum = 0;
-  int error = 0;
-  Clock::duration flushing{};
-  const Stop failed = g.byWriter ? Stop::kNone : WriteRecord(g, headBytes, record.offset, checksum, error, flushing);
-  AwaitFlight();
-  if (failed != Stop::kNone) {
-    platform::SetLastError(error);
-    JournalFailed(failed == Stop::kJournalWriting ? "writing" : "flushing");
-  }
-  Flight& f = j.flight;
+  AwaitFlightsThrough(j.nextNumber - kFlights);
+  Flight& f = FlightOf(j.nextNumber);
   f.number = j.nextNumber;
   f.offset = record.offset;
   f.size = record.size;
-  f.checksum = checksum;
-  f.flushing = flushing;  // the writer adds its own
+  f.checksum = 0;
+  f.flushing = {};
   f.head = std::move(headBytes);
   const auto now = Clock::now();
   f.working = now - j.groupStart;
@@ -115,7 +108,7 @@ void Commit() {
   j.placed[0] = record;
   ++j.nextNumber;
   j.messagesAtCommit = MessagesMade();
-  HandToWriter();
+  HandToWriter(f);
   CapOutput();
   SetFailureHook(CommitBeforeFailure);
 }
@@ -123,7 +116,7 @@ void Commit() {
 // A failure ends the run: what it wrote before the failure goes to the disk, as without a journal.
 void CommitBeforeFailure() {
   if (!j.group.held.empty()) Commit();
-  AwaitFlight();
+  AwaitFlights();
   ClearGroup(j.group);
   CapOutput();
 }
@@ -143,12 +136,19 @@ void StartGroups() {
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
   // As much as a group can hold before it must end (JournalGroupFull), and a block more: an arena
   // that grew would for a moment be there twice.
-  for (Group* g : {&j.group, &j.flight.group}) g->arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
+  j.oldestBusy = j.nextNumber;
+  {
+    const std::lock_guard<std::mutex> hold(TheJournalState().handover.lock);
+    TheJournalState().handover.stopped = false;
+  }
+  j.group.arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
+  for (Flight& f : j.flights) f.group.arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
 }
 
 // Whether the writer thread is to make the undo of the group starting and write its record: where
-// flushes cost little (the group limit is at its floor), the run's thread is the busier one.
+// flushes cost little (the group limit is at its floor), the run's thread is the busier one, and
+// the recorder's flush would gain nothing.
 bool RecordByWriter() {
   const std::uint32_t asked = platform::TestRecordByRun();
   return asked == 0 ? j.groupLimit <= kMinGroupBytes : asked == 2 && j.nextNumber % 2 == 0;
@@ -182,7 +182,10 @@ void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position
 
 // The messages of the group on its way wait for it; then those of the group being gathered wait
 // for its first write.
-void CapOutput() { CapHeldOutput(j.flight.busy ? j.flight.group.cap : j.group.cap); }
+void CapOutput() {
+  const Flight& oldest = FlightOf(j.oldestBusy);
+  CapHeldOutput(j.oldestBusy < j.nextNumber && oldest.busy ? oldest.group.cap : j.group.cap);
+}
 
 }  // namespace journaling
 
@@ -209,13 +212,14 @@ void CommitJournalGroup(std::uint32_t resumeBlock, std::uint64_t releaseMark) {
   j.releasedUpTo = releaseMark;
   ReleaseHeldOutput(releaseMark);
   // Messages made while the group was gathered are not kept waiting for the next commit.
-  if (j.flight.busy && MessagesMade() > j.flight.group.cap) AwaitFlight();
+  for (std::uint64_t n = j.oldestBusy; n < j.nextNumber && MessagesMade() > FlightOf(n).group.cap; ++n)
+    AwaitFlightsThrough(n);
   j.groupBlock = resumeBlock;
   j.groupMaps = SaveMapState(*j.maps);
 }
 
 void AwaitJournalWrites() {
-  if (j.active) AwaitFlight();
+  if (j.active) AwaitFlights();
 }
 
 }  // namespace bt

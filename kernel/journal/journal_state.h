@@ -56,17 +56,21 @@ struct Outcome {
   std::uint32_t block = 0;   // and the block to name
 };
 
-// A group committed: the writer thread flushes the writes of the group before, writes the commit
-// sector, flushes, and makes the group's writes, while the run gathers the next group. Where flushes
-// cost much, the run has written and flushed the group's record meanwhile; where they cost little,
-// the writer makes the undo and writes the record first, which leaves the run more of its time.
-// One group is on its way at a time.
+// A group committed, on its way through two threads while the run gathers the next group. Where
+// flushes cost much, the recorder writes and flushes the group's record (the record of the next
+// group can then be on its way to the disk while this one is written); then the writer flushes
+// the files written by the group before, writes the commit sector, flushes, and makes the group's
+// writes. Where flushes cost little, the writer makes the undo and writes the record first, which
+// leaves the run more of its time. Groups pass each stage in the order they were committed.
+enum class Stage { kFree, kHeld, kToRecord, kToWrite, kLanded };
+inline constexpr std::size_t kFlights = 2;
 struct Flight {
   Group group;
-  std::vector<std::uint8_t> head;  // the record's head, where the writer writes the record
+  std::vector<std::uint8_t> head;  // the record's head
   std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
-  bool busy = false;     // handed to the writer and not landed yet (the run's own view)
-  bool lagging = false;  // not started yet (the tests' lag)
+  Stage stage = Stage::kFree;  // under the handover's lock
+  std::size_t applied = 0;     // the writes made so far, under the handover's lock
+  bool busy = false;           // handed over and not awaited yet (the run's own view)
   Clock::duration working{}, flushing{};
   Outcome outcome;
 };
@@ -101,9 +105,10 @@ struct Journal {
   std::size_t groupLimit = kMinGroupBytes;  // grows where flushes cost (AdaptGroupLimit)
   Clock::time_point groupStart = Clock::now();
   std::uint64_t messagesAtCommit = 0;  // messages made before the last commit
-  std::uint64_t releasedUpTo = 0;      // the messages marked up to here wait for nothing but the flight
+  std::uint64_t releasedUpTo = 0;      // the messages marked up to here wait for nothing but the flights
   Group group;
-  Flight flight;
+  Flight flights[kFlights];        // group number n in flights[n % kFlights]
+  std::uint64_t oldestBusy = 1;    // the number of the oldest group handed over and not awaited
   std::vector<JournalFile> files;  // by volume; as many as the run has, from its start
   std::vector<std::uint32_t> fileKey;  // by volume (FileKeys)
   // What the next record names of the blocks written: those of the group committed last, and the
@@ -118,13 +123,12 @@ struct Journal {
   bool markUnflushed = false;  // the writer wrote a group's mark since the main file's last flush
 };
 
-// The writer thread and the run hand a flight to each other under this lock.
+// The run and the two threads hand flights to each other under this lock.
 struct Handover {
   std::mutex lock;
   std::condition_variable wake;
-  bool handed = false, done = false;
-  bool watching = false;    // the run waits to show messages as the flight's writes are made
-  std::size_t applied = 0;  // the flight's writes made so far
+  bool stopped = false;   // a stage failed: no later group is recorded or written
+  bool watching = false;  // the run waits to show messages as a flight's writes are made
 };
 
 // The last blocks read one at a time (a big string's, a node's), as the reads returned them: until
@@ -146,8 +150,8 @@ struct BatchOriginals {
 
 // All the journal keeps. The run's journal starts afresh with each run (BeginJournal,
 // ContinueJournal); the rest is kept for the process: the handles of database files it was told
-// of, the blocks read aside, the batch originals, and the handover, which the writer thread waits
-// on until the process ends.
+// of, the blocks read aside, the batch originals, and the handover, which the journal's threads
+// wait on until the process ends.
 struct JournalState {
   Journal journal;
   Handover handover;

@@ -6,6 +6,7 @@
 
 #include "journal_commit.h"
 #include "journal_files.h"
+#include "journal_writer.h"
 #include "messages.h"
 #include "database.h"
 #include "volume_io.h"
@@ -41,6 +42,12 @@ void LayOver(const Group& g, std::uint32_t volume, std::uint64_t position, std::
   }
 }
 
+// Lays the writes of the groups on their way over bytes just read, the oldest first.
+void LayOverFlights(std::uint32_t volume, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
+  for (std::uint64_t n = j.oldestBusy; n < j.nextNumber; ++n)
+    if (const Flight& f = FlightOf(n); f.busy) LayOver(f.group, volume, position, buffer, size);
+}
+
 // The bytes block b's write replaces, as the disk holds them once the group on its way is
 // written: constant within a group, whose writes are all held.
 const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t position, std::uint32_t b) {
@@ -48,7 +55,7 @@ const std::uint8_t* ReadReplacedBlock(std::uint32_t volume, std::uint64_t positi
   if (!OpenVolumeHandle(volume)) FailOpeningVolume(volume);
   if (!ReadThrough(j.files[volume].handle, position, replaced.data(), blockSize))
     Fail("\r\nError read block #%u. %s\r\n", b, ErrorText());
-  if (j.flight.busy) LayOver(j.flight.group, volume, position, replaced.data(), blockSize);
+  LayOverFlights(volume, position, replaced.data(), blockSize);
   return replaced.data();
 }
 
@@ -182,7 +189,7 @@ void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::
 void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_t* buffer, std::uint32_t size) {
   if (blockSize == 0) return;
   const std::uint32_t volume = VolumeOfFile(file);
-  if (j.flight.busy) LayOver(j.flight.group, volume, position, buffer, size);
+  LayOverFlights(volume, position, buffer, size);
   LayOver(j.group, volume, position, buffer, size);
   if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
 }

@@ -110,12 +110,12 @@ bool WriteFailed(Flight& f, std::size_t i) {
 
 // The run, where it waits for the flight, shows the messages made before each write once the
 // writes before it are made.
-void TellApplied(std::size_t writes) {
+void TellApplied(Flight& f, std::size_t writes) {
   Handover& h = state.handover;
   bool tell = false;
   {
     std::lock_guard<std::mutex> hold(h.lock);
-    h.applied = writes;
+    f.applied = writes;
     tell = h.watching;
   }
   if (tell) h.wake.notify_all();
@@ -136,7 +136,7 @@ bool ApplyWrites(Flight& f) {
     file.writtenTo = std::max(file.writtenTo, w.position + w.size);
     file.writtenBytes += w.size;
     file.unflushed = true;
-    TellApplied(i + 1);
+    TellApplied(f, i + 1);
     // Counted in bytes written, not by the range's width: a write far from the others (a big
     // string's block, say) would otherwise send every write after it on its way alone.
     if (file.writtenBytes >= kWriteBackPieceBytes) {
@@ -150,8 +150,15 @@ bool ApplyWrites(Flight& f) {
   return true;
 }
 
+// The recorder's step: the record of a group whose undo the run made, written and flushed.
+void RecordFlight(Flight& f) {
+  if (f.group.byWriter) return;  // the writer makes its undo and writes it
+  const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error, f.flushing);
+  if (stop != Stop::kNone) f.outcome.stop = stop;
+}
+
+// The writer's step.
 void WriteFlight(Flight& f) {
-  f.outcome = Outcome{};
   if (f.group.byWriter) {
     MakeUndo(f.group);
     const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error, f.flushing);
@@ -173,29 +180,44 @@ void WriteFlight(Flight& f) {
   if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
 }
 
-[[noreturn]] void WriterLoop() {
+// The oldest flight in stage, under the handover's lock; nullptr where there is none.
+Flight* OldestIn(Stage stage) {
+  Flight* oldest = nullptr;
+  for (Flight& c : j.flights)
+    if (c.stage == stage && (oldest == nullptr || c.number < oldest->number)) oldest = &c;
+  return oldest;
+}
+
+// A thread's loop: it takes the oldest flight in stage from, runs step on it and passes it on to
+// stage to. After a failure (its own or the other thread's) flights only pass: a group after one
+// that failed is neither committed nor written.
+[[noreturn]] void StageLoop(Stage from, Stage to, void (*step)(Flight&)) {
   Handover& h = state.handover;
   for (;;) {
+    Flight* f = nullptr;
+    bool stopped = false;
     {
       std::unique_lock<std::mutex> hold(h.lock);
-      h.wake.wait(hold, [&] { return h.handed; });
-      h.handed = false;
+      h.wake.wait(hold, [&] { return (f = OldestIn(from)) != nullptr; });
+      stopped = h.stopped;
     }
-    WriteFlight(j.flight);
+    if (!stopped) step(*f);
     {
-      std::lock_guard<std::mutex> hold(h.lock);
-      h.done = true;
+      const std::lock_guard<std::mutex> hold(h.lock);
+      if (f->outcome.stop != Stop::kNone) h.stopped = true;
+      f->stage = f->outcome.stop != Stop::kNone || h.stopped ? Stage::kLanded : to;
     }
     h.wake.notify_all();
   }
 }
 
 // The run's side.
-// The writer thread, started once; false where the system cannot start one.
-bool WriterRunning() {
+// The threads, started once; false where the system cannot start them.
+bool ThreadsRunning() {
   static const bool running = [] {
     try {
-      std::thread(WriterLoop).detach();
+      std::thread([] { StageLoop(Stage::kToRecord, Stage::kToWrite, RecordFlight); }).detach();
+      std::thread([] { StageLoop(Stage::kToWrite, Stage::kLanded, WriteFlight); }).detach();
       return true;
     } catch (const std::system_error&) {
       return false;
@@ -204,55 +226,85 @@ bool WriterRunning() {
   return running;
 }
 
-// The writer starts on the flight (where the tests ask it to lag, only once the run waits for it).
-// Without a writer thread, the run writes the flight itself, here.
-void StartWriter() {
-  Handover& h = state.handover;
-  j.flight.lagging = false;
-  if (!WriterRunning()) WriteFlight(j.flight);
-  {
-    const std::lock_guard<std::mutex> hold(h.lock);
-    h.handed = WriterRunning();
-    h.done = !h.handed;
-    h.applied = 0;
+// The flight goes on its way. Without the threads, the run records and writes it itself, here.
+void Start(Flight& f) {
+  f.outcome = Outcome{};
+  f.applied = 0;
+  if (!ThreadsRunning()) {
+    RecordFlight(f);
+    if (f.outcome.stop == Stop::kNone) WriteFlight(f);
+    f.stage = Stage::kLanded;
+    return;
   }
-  h.wake.notify_all();
+  {
+    const std::lock_guard<std::mutex> hold(state.handover.lock);
+    f.stage = Stage::kToRecord;
+  }
+  state.handover.wake.notify_all();
 }
 
-}  // namespace
-
-void HandToWriter() {
-  j.flight.busy = true;
-  j.flight.lagging = platform::TestWriterLags();
-  if (!j.flight.lagging) StartWriter();
-}
-
-// Waits for the group on its way, showing the messages made before each of its writes as the
-// writes before it are made; the rest of its messages are shown once it has landed.
-void AwaitFlight() {
-  if (!j.flight.busy) return;
-  if (j.flight.lagging) StartWriter();
+// Waits for flight f, the oldest on its way, showing the messages made before each of its writes
+// as the writes before it are made; the rest of its messages are shown once it has landed.
+void AwaitOldest(Flight& f) {
   Handover& h = state.handover;
-  const std::vector<HeldWrite>& held = j.flight.group.held;
-  const bool watching = MessagesMade() > j.flight.group.cap;  // messages wait for its writes
+  const std::vector<HeldWrite>& held = f.group.held;
+  const bool watching = MessagesMade() > f.group.cap;  // messages wait for its writes
   for (std::size_t shown = 0;;) {
     std::unique_lock<std::mutex> hold(h.lock);
     h.watching = watching;
-    h.wake.wait(hold, [&] { return h.done || (watching && h.applied > shown); });
+    h.wake.wait(hold, [&] { return f.stage == Stage::kLanded || (watching && f.applied > shown); });
     h.watching = false;
-    if (h.done) break;
-    shown = h.applied;
+    if (f.stage == Stage::kLanded) {
+      f.stage = Stage::kFree;
+      break;
+    }
+    shown = f.applied;
     hold.unlock();
     if (shown >= held.size()) continue;
     CapHeldOutput(held[shown].cap);
     ReleaseHeldOutput(UINT64_MAX);
   }
-  j.flight.busy = false;
-  if (j.flight.outcome.stop != Stop::kNone) FailAsTheWriterStopped(j.flight.outcome, j.flight.group);
-  AdaptGroupLimit(j.flight.flushing, j.flight.working);
-  j.flight.group.latest.clear();
+  f.busy = false;
+  ++j.oldestBusy;
+  if (f.outcome.stop != Stop::kNone) FailAsTheWriterStopped(f.outcome, f.group);
+  AdaptGroupLimit(f.flushing, f.working);
+  f.group.latest.clear();
   CapOutput();
   ReleaseHeldOutput(j.releasedUpTo);
 }
+
+}  // namespace
+
+// The flight goes on its way (where the tests ask it to lag, only once the run waits for it).
+void HandToWriter(Flight& f) {
+  f.busy = true;
+  if (platform::TestWriterLags()) {
+    const std::lock_guard<std::mutex> hold(state.handover.lock);
+    f.stage = Stage::kHeld;
+    return;
+  }
+  Start(f);
+}
+
+void AwaitFlightsThrough(std::uint64_t n) {
+  while (j.oldestBusy <= n && j.oldestBusy < j.nextNumber) {
+    Flight& f = FlightOf(j.oldestBusy);
+    if (!f.busy) {
+      ++j.oldestBusy;
+      continue;
+    }
+    // Lagging flights start in their order.
+    for (std::uint64_t k = j.oldestBusy; k <= n && k < j.nextNumber; ++k) {
+      Flight& lagging = FlightOf(k);
+      std::unique_lock<std::mutex> hold(state.handover.lock);
+      if (!lagging.busy || lagging.stage != Stage::kHeld) continue;
+      hold.unlock();
+      Start(lagging);
+    }
+    AwaitOldest(f);
+  }
+}
+
+void AwaitFlights() { AwaitFlightsThrough(UINT64_MAX); }
 
 }  // namespace bt::journaling

@@ -1,6 +1,6 @@
-// The writer thread: it lands each group committed (the files the group before wrote flushed,
-// the commit sector written and flushed, the group's writes made) while the run gathers the next,
-// and it hands the group back to the run.
+// The journal's two threads: the recorder writes and flushes each committed group's record (where
+// the run made its undo), the writer lands it (the files the group before wrote flushed, the
+// commit sector written and flushed, the group's writes made), while the run gathers the next.
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,15 @@ namespace bt::journaling {
 
 // Flushes the files written since their last flush; false, with outcome set, where one fails.
 bool SyncWrittenFiles(Outcome& outcome);
-// Writes and flushes a group's record (the run's thread, or the writer's where it makes the undo).
+// Writes and flushes a group's record (the recorder's thread, or the writer's where it makes the undo).
 Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
                  int& error, Clock::duration& flushing);
-// The flight goes to the writer; the run waits for it to land.
-void HandToWriter();
-void AwaitFlight();
+// The flight of a group committed goes on its way; the run waits for the flights, oldest first,
+// up to group number n, or all of them.
+void HandToWriter(Flight& f);
+void AwaitFlightsThrough(std::uint64_t n);
+void AwaitFlights();
+// The flight group number n travels in.
+inline Flight& FlightOf(std::uint64_t n) { return TheJournalState().journal.flights[n % kFlights]; }
 
 }  // namespace bt::journaling
