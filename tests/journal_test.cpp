@@ -11,6 +11,10 @@
 #include <set>
 #include <thread>
 
+#include "aes_core.h"
+#include "block_cipher.h"
+#include "block_undo.h"
+#include "database.h"
 #include "journal_format.h"
 #include "run.h"
 
@@ -305,6 +309,54 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
 }
 
+// An encrypted block's undo over its plaintext puts the block back over whatever a write lost,
+// kept or torn at 512-byte boundaries leaves, and holds no byte of the plaintext: a block whose
+// plaintext changed otherwise than in the order of its words' bytes takes the direct undo.
+TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
+  std::mt19937_64 rng(11);
+  std::vector<std::uint8_t> key(32);
+  for (auto& k : key) k = static_cast<std::uint8_t>(rng());
+  crypto::AesSetEncryptKey(key.data(), 32, bt::encryptionKeySchedule);
+  crypto::AesSetDecryptKey(key.data(), 32, bt::decryptionKeySchedule);
+  bt::databaseKeyLoaded = bt::databaseEncrypted = true;
+  const std::uint8_t marker[8] = {'p', 'l', 'a', 'i', 'n', 't', 'x', 't'};
+  for (std::uint32_t size : {4096u, 8192u})
+    for (bool reordered : {true, false}) {
+      SCOPED_TRACE(std::to_string(size) + (reordered ? " bytes, words reordered" : " bytes, a word changed"));
+      bt::SetGeometry(size == 4096 ? 1 : 2);  // the block size the cipher takes
+      ASSERT_EQ(bt::blockSize, size);
+      const std::uint32_t b = 1000 + size;
+      std::vector<std::uint8_t> plain(size);
+      for (auto& x : plain) x = static_cast<std::uint8_t>(rng());
+      std::copy_n(marker, 8, plain.begin() + 1024 + 8);
+      std::vector<std::uint8_t> converted = plain;
+      for (std::uint32_t w : {1u, 2u, 129u, 130u, 131u, 600u % (size / 8)})
+        std::reverse(converted.begin() + 8 * w, converted.begin() + 8 * w + 8);
+      if (!reordered) converted[8 * 131 + 3] ^= 0x40;
+      std::vector<std::uint8_t> before(size), after(size), undo(bt::journal::MaxBlockUndoBytes(size));
+      bt::EncryptDataBlock(plain.data(), before.data(), b);
+      bt::EncryptDataBlock(converted.data(), after.data(), b);
+      const std::size_t n = bt::journal::EncodeBlockUndo(before.data(), after.data(), size, b, false, undo.data());
+      undo.resize(n);
+      EXPECT_EQ(bt::journal::NeedsKey(undo.data()), reordered);
+      EXPECT_TRUE(!reordered || n < size / 8) << n;
+      EXPECT_EQ(std::search(undo.begin(), undo.end(), marker, marker + 8), undo.end());
+      EXPECT_EQ(bt::journal::BlockUndoSize(undo.data(), n, size), n);
+      EXPECT_EQ(bt::journal::BlockUndoSize(undo.data(), n - 1, size), 0u);
+      for (int cut = 0; cut < 6; ++cut) {  // kept whole, lost whole, torn four times
+        std::vector<std::uint8_t> torn = after;
+        for (std::uint32_t sector = 0; sector < size / 512; ++sector)
+          if (cut == 1 || (cut > 1 && rng() % 2))
+            std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
+        const bool differs = torn != before;
+        EXPECT_EQ(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()), differs) << "cut " << cut;
+        EXPECT_EQ(torn, before) << "cut " << cut;
+        EXPECT_FALSE(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()));
+      }
+    }
+  bt::databaseKeyLoaded = bt::databaseEncrypted = false;
+}
+
 // The checksum takes every byte it is given: the last ones of a length that is not a multiple of
 // 32, which wait for a lane that never fills, as much as the others, and the same whichever
 // pieces they come in. So a header, a commit sector or a last record changed in any byte, its last
@@ -374,7 +426,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
   after = before;
   std::reverse(after.begin() + 8, after.begin() + 16);
   std::reverse(after.begin() + 24, after.begin() + 32);
-  undo.resize(j::EncodeUndo(before.data(), after.data(), 4096, undo.data()));
+  undo.resize(j::EncodeBlockUndo(before.data(), after.data(), 4096, 2, false, undo.data()));
   std::set<std::size_t> ends;
   for (std::uint32_t maps = 0; maps < 8; ++maps) {
     j::RecordHead head;

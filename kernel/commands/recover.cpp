@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "driver.h"
+#include "block_undo.h"
 #include "journal.h"
 #include "journal_format.h"
 #include "journaled_store.h"
@@ -253,11 +254,11 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
     for (std::uint32_t k = 0; k < e.blocks; ++k) {
       const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
       const std::uint8_t* undo = found.record.data() + at;
-      at += journal::UndoSize(undo, found.record.size() - at, blockBytes);
+      at += journal::BlockUndoSize(undo, found.record.size() - at, blockBytes);
       if (!ReadThrough(file, position, current.data(), blockBytes))
         Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
              static_cast<unsigned long long>(position), ErrorText());
-      const bool changed = journal::ApplyUndo(undo, blockBytes, current.data());
+      const bool changed = journal::ApplyBlockUndo(undo, blockBytes, BlockAt(e.volume, position, blockBytes), current.data());
       left[BlockKey(keys[e.volume], position / blockBytes)] = {
           keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
       if (!changed) continue;

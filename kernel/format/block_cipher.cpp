@@ -5,7 +5,6 @@
 
 namespace bt {
 
-namespace {
 // The CBC IV of a block: its number, big-endian whatever the database's order, then twelve
 // zeros, encrypted once under the database key. A block keeps its IV across a conversion.
 void BlockIv(std::uint32_t b, std::uint8_t iv[16]) {
@@ -13,7 +12,18 @@ void BlockIv(std::uint32_t b, std::uint8_t iv[16]) {
   StoreBE32(iv, b);
   crypto::AesEncryptBlock(iv, iv, encryptionKeySchedule);
 }
-}  // namespace
+
+void DecryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]) {
+  std::uint8_t chain[16];
+  for (int i = 0; i < 16; ++i) chain[i] = iv[i];
+  crypto::AesCbcDecrypt(in, out, length, chain, decryptionKeySchedule);
+}
+
+void EncryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]) {
+  std::uint8_t chain[16];
+  for (int i = 0; i < 16; ++i) chain[i] = iv[i];
+  crypto::AesCbcEncrypt(in, out, length, chain, encryptionKeySchedule);
+}
 
 int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b) {
   if (!databaseKeyLoaded) return 0;

@@ -6,6 +6,13 @@
 
 namespace bt {
 
+// The CBC IV of block b (a database key must be loaded).
+void BlockIv(std::uint32_t b, std::uint8_t iv[16]);
+// CBC over length bytes (a multiple of 16) from the IV given, as a block's own does from the
+// middle of the block: iv is the ciphertext's 16 bytes before them. In place when in == out.
+void DecryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]);
+void EncryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]);
+
 // In place when in == out. 0 when no database key is loaded.
 int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b);
 int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b);

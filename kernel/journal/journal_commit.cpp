@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "block_undo.h"
 #include "journal_files.h"
 #include "journal_undo.h"
 #include "journal_writer.h"
@@ -89,7 +90,7 @@ void Commit() {
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
   const Group& g = j.group;
-  Placed record{0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxUndoBytes(blockSize) : g.undoSize)};
+  Placed record{0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxBlockUndoBytes(blockSize) : g.undoSize)};
   record.offset = PlaceRecord(record.size);
   AwaitFlightsThrough(j.nextNumber - kFlights);
   Flight& f = FlightOf(j.nextNumber);

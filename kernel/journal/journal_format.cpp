@@ -1,5 +1,7 @@
 #include "journal_format.h"
 
+#include "block_undo.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -149,8 +151,11 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
     why = "it does not begin as a journal does";
     return false;
   }
-  if (r.U32() != kVersion) {
-    why = "it was written by another version of byteturn";
+  if (const std::uint32_t version = r.U32(); version != kVersion) {
+    why = version < kVersion && version != 0 ? "it was written by an earlier version of byteturn (journal version " +
+                                                   std::to_string(version) +
+                                                   "): finish the run with the byteturn-recover of that version"
+                                             : "it was written by another version of byteturn";
     return false;
   }
   header.runId = r.U64();
@@ -206,7 +211,7 @@ bool DecodeCommit(const std::uint8_t* sector, Commit& commit) {
 bool EncodeMark(const Mark& mark, std::uint8_t* sector) {
   Writer w;
   w.Raw(kMarkMagic, 8);
-  w.U32(kVersion);
+  w.U32(kMarkVersion);
   w.U64(mark.runId);
   w.U64(mark.originalSize);
   w.U64(mark.group);
@@ -224,7 +229,7 @@ bool DecodeMark(const std::uint8_t* bytes, std::uint64_t fileSize, Mark& mark) {
   for (int s = 0; s < 2; ++s) {
     Reader r{bytes + kSectorBytes * s, kSectorBytes};
     Mark m;
-    if (!r.Magic(kMarkMagic) || r.U32() != kVersion) continue;
+    if (!r.Magic(kMarkMagic) || r.U32() != kMarkVersion) continue;
     m.runId = r.U64();
     m.originalSize = r.U64();
     m.group = r.U64();
@@ -306,7 +311,7 @@ bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& h
   std::size_t at = r.at;
   for (const Entry& e : head.entries)
     for (std::uint32_t k = 0; k < e.blocks; ++k) {
-      const std::size_t n = UndoSize(bytes + at, size - at, head.blockSize);
+      const std::size_t n = BlockUndoSize(bytes + at, size - at, head.blockSize);
       if (n == 0) return false;
       at += n;
     }

@@ -9,7 +9,7 @@
 //   from kRecordsOffset        records, 4096-aligned: a group of writes, the point of the run before
 //                              them (its block, its maps), what the files must hold where the group
 //                              does not write (below), and, for each block written, the undo of
-//                              the write (undo_codec.h): the words it changes, as they were or as
+//                              the write (block_undo.h): the words it changes, as they were or as
 //                              the write reordered their bytes
 //
 // A commit sector is written only after the record it names is flushed, and the database is
@@ -30,7 +30,9 @@
 
 namespace bt::journal {
 
-inline constexpr std::uint32_t kVersion = 4;
+// Version 5 gave each block's undo a kind byte (block_undo.h); journals of version 4 are refused.
+inline constexpr std::uint32_t kVersion = 5;
+inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;

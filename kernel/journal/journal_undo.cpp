@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "block_undo.h"
 #include "journal_commit.h"
 #include "journal_files.h"
 #include "journal_writer.h"
@@ -22,7 +23,7 @@ Journal& j = state.journal;
 
 // Makes room in the group's undo for blocks more.
 void ReserveUndo(Group& g, std::size_t blocks) {
-  const std::size_t room = g.undoSize + blocks * journal::MaxUndoBytes(blockSize);
+  const std::size_t room = g.undoSize + blocks * journal::MaxBlockUndoBytes(blockSize);
   if (g.undo.size() < room) g.undo.resize(std::max(room, g.undo.size() + kRecordPieceBytes));
 }
 
@@ -115,8 +116,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
     if (g.byWriter)
       g.befores.insert(g.befores.end(), before, before + blockSize);
     else
-      end += overlaid ? journal::EncodeWholeUndo(before, blockSize, g.undo.data() + end)
-                      : journal::EncodeUndo(before, bytes + at, blockSize, g.undo.data() + end);
+      end += journal::EncodeBlockUndo(before, bytes + at, blockSize, block + k, overlaid, g.undo.data() + end);
   }
   g.undoSize = end;
   return overlaid;
@@ -138,8 +138,8 @@ void MakeUndo(Group& g) {
     for (std::uint32_t at = 0; at < w.size; at += blockSize) {
       const std::uint8_t* before = g.befores.data() + w.before + at;
       std::uint8_t* undo = g.undo.data() + g.undoSize;
-      g.undoSize += w.whole ? journal::EncodeWholeUndo(before, blockSize, undo)
-                            : journal::EncodeUndo(before, g.arena.data() + w.offset + at, blockSize, undo);
+      g.undoSize += journal::EncodeBlockUndo(before, g.arena.data() + w.offset + at, blockSize, w.block + at / blockSize,
+                                             w.whole, undo);
     }
 }
 

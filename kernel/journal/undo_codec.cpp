@@ -215,4 +215,32 @@ bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* 
   return differed;
 }
 
+std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                        std::uint8_t* undo) {
+  std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
+  MarkChanged(before, after, blockSize, undo);
+  for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
+    if (!Named(undo, word)) continue;
+    *code = CodeOf(LoadLE64(before + 8 * word), LoadLE64(after + 8 * word));
+    if (*code++ == 0) return 0;
+  }
+  return static_cast<std::size_t>(code - undo);
+}
+
+std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+  const std::size_t bitmap = UndoBitmapBytes(blockSize);
+  if (available < bitmap) return 0;
+  const std::size_t named = NamedCount(undo, blockSize);
+  if (available - bitmap < named) return 0;
+  for (std::size_t i = 0; i < named; ++i)
+    if (undo[bitmap + i] == 0 || !ValidCode(undo[bitmap + i])) return 0;
+  return bitmap + named;
+}
+
+void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
+  const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
+  for (std::uint32_t word = 0; word < blockSize / 8; ++word)
+    if (Named(undo, word)) StoreLE64(block + 8 * word, Turn(LoadLE64(block + 8 * word), *code++));
+}
+
 }  // namespace bt::journal

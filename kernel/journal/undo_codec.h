@@ -33,4 +33,13 @@ std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint3
 // Puts back into block the words the undo names (it fits, as UndoSize tells); true when any differed.
 bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
 
+// Turns: the bitmap and a code byte for each word named, none of them 0 (no word is stored, and
+// the first word of a sector is turned like the others), for a block whose written sectors are
+// known otherwise. Encoded only where every changed word is a byte order of the word it replaced
+// (0 otherwise); put back into every word named, whatever it holds.
+std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                        std::uint8_t* undo);
+std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
+void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
+
 }  // namespace bt::journal

@@ -8,6 +8,9 @@
 #include <cstring>
 
 #include "fuzz_target.h"
+#include "aes_core.h"
+#include "block_undo.h"
+#include "database.h"
 #include "journal_format.h"
 
 namespace {
@@ -57,7 +60,7 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
   // some reversed, some changed otherwise.
   std::vector<std::uint8_t> before(head.blockSize);
   for (std::size_t i = 0; i < before.size(); ++i) before[i] = static_cast<std::uint8_t>(i * 7);
-  std::vector<std::uint8_t> after(head.blockSize), undo(bt::journal::MaxUndoBytes(head.blockSize));
+  std::vector<std::uint8_t> after(head.blockSize), undo(bt::journal::MaxBlockUndoBytes(head.blockSize));
   for (const auto& e : head.entries)
     for (std::uint32_t k = 0; k < e.blocks; ++k) {
       const std::uint32_t pick = in.Next(1);
@@ -65,7 +68,7 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
         const std::size_t choice = (i / 8 * 37 + pick) % 16 < pick % 17 ? i / 8 % 2 : 2;
         after[i] = choice == 0 ? 0x5A : choice == 1 ? before[i ^ 7] : before[i];
       }
-      const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), head.blockSize, undo.data());
+      const std::size_t n = bt::journal::EncodeBlockUndo(before.data(), after.data(), head.blockSize, 1, false, undo.data());
       record.insert(record.end(), undo.begin(), undo.begin() + static_cast<std::ptrdiff_t>(n));
     }
 
@@ -97,7 +100,14 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 1) return 0;
+  // A database key, so that undos over the plaintext are put back too.
+  static const bool keyed = [] {
+    const std::uint8_t key[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    crypto::AesSetEncryptKey(key, 16, bt::encryptionKeySchedule);
+    crypto::AesSetDecryptKey(key, 16, bt::decryptionKeySchedule);
+    return bt::databaseKeyLoaded = true;
+  }();
+  if (size < 1 || !keyed) return 0;
   bt::journal::RecordHead head;
   std::size_t undoOffset = 0;
   if (bt::journal::DecodeRecordHead(data + 1, size - 1, head, undoOffset) && undoOffset > size - 1) __builtin_trap();
@@ -134,9 +144,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::size_t at = found.undoOffset;
   for (const auto& e : found.head.entries)
     for (std::uint32_t k = 0; k < e.blocks; ++k) {
-      const std::size_t n = bt::journal::UndoSize(found.record.data() + at, found.record.size() - at, found.head.blockSize);
+      const std::size_t n =
+          bt::journal::BlockUndoSize(found.record.data() + at, found.record.size() - at, found.head.blockSize);
       if (n == 0) __builtin_trap();
-      bt::journal::ApplyUndo(found.record.data() + at, found.head.blockSize, block.data());
+      bt::journal::ApplyBlockUndo(found.record.data() + at, found.head.blockSize, 1, block.data());
       at += n;
     }
   if (at != found.record.size()) __builtin_trap();

@@ -1,0 +1,156 @@
+#include "block_undo.h"
+
+#include <array>
+#include <cstring>
+
+#include "block_cipher.h"
+#include "byteorder.h"
+#include "database.h"
+#include "undo_codec.h"
+
+namespace bt::journal {
+
+namespace {
+
+constexpr std::uint8_t kDirect = 0, kOverPlaintext = 1;
+constexpr std::size_t kTailBytes = 16;
+
+std::size_t SectorBitmapBytes(std::uint32_t blockSize) { return (blockSize / kSectorBytes + 7) / 8; }
+bool Bit(const std::uint8_t* bits, std::uint32_t s) { return (bits[s / 8] >> s % 8 & 1) != 0; }
+
+// The index of the first word of sector s that differs between a and b (there is one).
+std::uint8_t FirstDiffering(const std::uint8_t* a, const std::uint8_t* b, std::uint32_t s) {
+  std::uint32_t w = 0;
+  while (LoadLE64(a + kSectorBytes * s + 8 * w) == LoadLE64(b + kSectorBytes * s + 8 * w)) ++w;
+  return static_cast<std::uint8_t>(w);
+}
+
+std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                                std::uint32_t b, std::uint8_t* undo) {
+  thread_local std::array<std::uint8_t, kMaxBlockSize> plainBefore, plainAfter;
+  std::uint8_t iv[16];
+  BlockIv(b, iv);
+  DecryptFrom(before, plainBefore.data(), blockSize, iv);
+  DecryptFrom(after, plainAfter.data(), blockSize, iv);
+  undo[0] = kOverPlaintext;
+  std::uint8_t* bits = undo + 1;
+  std::memset(bits, 0, SectorBitmapBytes(blockSize));
+  std::uint8_t* at = bits + SectorBitmapBytes(blockSize);
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    if (std::memcmp(before + kSectorBytes * s, after + kSectorBytes * s, kSectorBytes) == 0) continue;
+    bits[s / 8] = static_cast<std::uint8_t>(bits[s / 8] | 1u << s % 8);
+    const std::uint8_t w = FirstDiffering(before, after, s);
+    *at++ = w;
+    std::memcpy(at, before + kSectorBytes * s + 8 * w, 8);
+    at += 8;
+    if (s != 0) {
+      std::memcpy(at, after + kSectorBytes * s - kTailBytes, kTailBytes);
+      at += kTailBytes;
+    }
+  }
+  const std::size_t turns = EncodeTurns(plainBefore.data(), plainAfter.data(), blockSize, at);
+  return turns == 0 ? 0 : static_cast<std::size_t>(at - undo) + turns;
+}
+
+// The part of an undo over the plaintext before its plaintext undo: its size, or 0 where it does
+// not fit in available bytes.
+std::size_t SectorPartSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+  const std::size_t bitmap = SectorBitmapBytes(blockSize);
+  if (available < 1 + bitmap) return 0;
+  std::size_t size = 1 + bitmap;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s)
+    if (Bit(undo + 1, s)) size += 9 + (s != 0 ? kTailBytes : 0);
+  if (size > available) return 0;
+  // The word indexes lie within their sector.
+  const std::uint8_t* at = undo + 1 + bitmap;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    if (!Bit(undo + 1, s)) continue;
+    if (*at >= kSectorWords) return 0;
+    at += 9 + (s != 0 ? kTailBytes : 0);
+  }
+  return size;
+}
+
+bool ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
+  const std::uint8_t* bits = undo + 1;
+  const std::uint32_t sectors = blockSize / kSectorBytes;
+  // Which sectors hold the write, and from which 16 bytes each was encrypted.
+  bool written[kMaxBlockSize / kSectorBytes] = {};
+  const std::uint8_t* tail[kMaxBlockSize / kSectorBytes] = {};
+  bool any = false;
+  const std::uint8_t* at = bits + SectorBitmapBytes(blockSize);
+  for (std::uint32_t s = 0; s < sectors; ++s) {
+    if (!Bit(bits, s)) continue;
+    written[s] = LoadLE64(block + kSectorBytes * s + 8 * at[0]) != LoadLE64(at + 1);
+    any = any || written[s];
+    at += 9;
+    if (s != 0) tail[s] = at, at += kTailBytes;
+  }
+  if (!any) return false;
+  std::uint8_t blockIv[16];
+  BlockIv(b, blockIv);
+  // The plaintext of the sectors written (the others are left as they are: the undo's turns
+  // there are never used).
+  thread_local std::array<std::uint8_t, kMaxBlockSize> plain;
+  std::memcpy(plain.data(), block, blockSize);
+  for (std::uint32_t s = 0; s < sectors; ++s) {
+    if (!written[s]) continue;
+    const std::uint8_t* iv = s == 0 ? blockIv : tail[s] != nullptr ? tail[s] : block + kSectorBytes * s - kTailBytes;
+    DecryptFrom(block + kSectorBytes * s, plain.data() + kSectorBytes * s, kSectorBytes, iv);
+  }
+  ApplyTurns(at, blockSize, plain.data());
+  // Encrypted again in order: the 16 bytes before each sector are then as they were.
+  for (std::uint32_t s = 0; s < sectors; ++s) {
+    if (!written[s]) continue;
+    const std::uint8_t* iv = s == 0 ? blockIv : block + kSectorBytes * s - kTailBytes;
+    std::uint8_t chain[16];
+    std::memcpy(chain, iv, sizeof chain);
+    EncryptFrom(plain.data() + kSectorBytes * s, block + kSectorBytes * s, kSectorBytes, chain);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::size_t MaxBlockUndoBytes(std::uint32_t blockSize) {
+  return 1 + SectorBitmapBytes(blockSize) + blockSize / kSectorBytes * (9 + kTailBytes) + MaxUndoBytes(blockSize);
+}
+
+std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                            std::uint32_t b, bool whole, std::uint8_t* undo) {
+  if (whole) {
+    undo[0] = kDirect;
+    return 1 + EncodeWholeUndo(before, blockSize, undo + 1);
+  }
+  // Over the plaintext where that holds no plaintext and is smaller than the direct undo, which a
+  // block the database keeps unencrypted (its label, its volume info blocks) takes.
+  if (databaseEncrypted && databaseKeyLoaded && blockSize % 16 == 0) {
+    const std::size_t size = EncodeOverPlaintext(before, after, blockSize, b, undo);
+    if (size != 0 && size <= blockSize / 4) return size;
+  }
+  undo[0] = kDirect;
+  return 1 + EncodeUndo(before, after, blockSize, undo + 1);
+}
+
+std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+  if (available < 1) return 0;
+  if (undo[0] == kDirect) {
+    const std::size_t n = UndoSize(undo + 1, available - 1, blockSize);
+    return n == 0 ? 0 : 1 + n;
+  }
+  if (undo[0] != kOverPlaintext || blockSize % kSectorBytes != 0) return 0;
+  const std::size_t part = SectorPartSize(undo, available, blockSize);
+  if (part == 0) return 0;
+  const std::size_t n = TurnsSize(undo + part, available - part, blockSize);
+  return n == 0 ? 0 : part + n;
+}
+
+bool NeedsKey(const std::uint8_t* undo) { return undo[0] == kOverPlaintext; }
+
+bool ApplyBlockUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
+  if (undo[0] == kDirect) return ApplyUndo(undo + 1, blockSize, block);
+  if (!databaseKeyLoaded) return false;
+  return ApplyOverPlaintext(undo, blockSize, b, block);
+}
+
+}  // namespace bt::journal
