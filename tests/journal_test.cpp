@@ -395,6 +395,16 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
   header.runId = 0x5EED;
   header.volumes.push_back({0, 1, {7, 9}});
   header.lockPath = "L";
+  {
+    // A journal of the format before, whose undos had no kind byte: refused, and told so.
+    std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
+    bt::StoreLE32(bytes.data() + 8, 4);
+    j::Header back;
+    std::string why;
+    EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why));
+    EXPECT_EQ(why, "it was written by an earlier version of byteturn (journal version 4): finish the run with the "
+                   "byteturn-recover of that version");
+  }
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
