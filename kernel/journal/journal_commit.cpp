@@ -135,13 +135,13 @@ std::size_t GroupBytes() {
 void StartGroups() {
   if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
-  // As much as a group can hold before it must end (JournalGroupFull), and a block more: an arena
-  // that grew would for a moment be there twice.
   j.oldestBusy = j.nextNumber;
   {
     const std::lock_guard<std::mutex> hold(TheJournalState().handover.lock);
     TheJournalState().handover.stopped = false;
   }
+  // As much as a group can hold before it must end (JournalGroupFull), and a block more: an arena
+  // that grew would for a moment be there twice.
   j.group.arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
   for (Flight& f : j.flights) f.group.arena.reserve(kGroupBytes + kGroupBytes / 4 + kMaxBlockSize);
   SetFailureHook(CommitBeforeFailure);
