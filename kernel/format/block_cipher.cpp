@@ -29,7 +29,7 @@ int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b)
   if (!databaseKeyLoaded) return 0;
   std::uint8_t iv[16];
   BlockIv(b, iv);
-  crypto::AesCbcDecrypt(in, out, blockSize, iv, decryptionKeySchedule);  // a size that is no multiple of 16 changes nothing
+  DecryptFrom(in, out, blockSize, iv);  // a size that is no multiple of 16 changes nothing
   return 1;
 }
 
@@ -38,7 +38,7 @@ int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b)
   std::uint8_t iv[16];
   BlockIv(b, iv);
   if (blockSize % 16 != 0 || blockSize < 16) return 1;
-  crypto::AesCbcEncrypt(in, out, blockSize, iv, encryptionKeySchedule);
+  EncryptFrom(in, out, blockSize, iv);
   return 1;
 }
 

@@ -103,9 +103,7 @@ bool ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std::
   for (std::uint32_t s = 0; s < sectors; ++s) {
     if (!written[s]) continue;
     const std::uint8_t* iv = s == 0 ? blockIv : block + kSectorBytes * s - kTailBytes;
-    std::uint8_t chain[16];
-    std::memcpy(chain, iv, sizeof chain);
-    EncryptFrom(plain.data() + kSectorBytes * s, block + kSectorBytes * s, kSectorBytes, chain);
+    EncryptFrom(plain.data() + kSectorBytes * s, block + kSectorBytes * s, kSectorBytes, iv);
   }
   return true;
 }
