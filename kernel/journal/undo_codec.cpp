@@ -92,35 +92,31 @@ std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t*
 }
 
 #if defined(__x86_64__)
-// The same, a line of eight words at a time: every order is tried on the line's words at once,
-// and the line's codes and stored words are written together (the words first aside, as their
-// place follows the last code).
-__attribute__((target("avx512f,avx512bw,avx512vl,popcnt"))) std::size_t EncodeUndoByLines(
-    const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, std::uint8_t* undo) {
-  // The orders of kinds 1 to 4 on both halves of every word, and the whole word reversed, as
-  // byte shuffles of each 16 bytes.
-  static constexpr auto orders = [] {
-    constexpr std::uint8_t lanes[5][8] = {{3, 2, 1, 0, 7, 6, 5, 4}, {1, 0, 3, 2, 5, 4, 7, 6}, {1, 0, 2, 3, 5, 4, 6, 7},
-                                          {0, 1, 3, 2, 4, 5, 7, 6}, {7, 6, 5, 4, 3, 2, 1, 0}};
-    std::array<std::array<std::uint8_t, 64>, 5> all{};
-    for (std::size_t k = 0; k < 5; ++k)
-      for (std::size_t i = 0; i < 64; ++i) all[k][i] = static_cast<std::uint8_t>(i % 16 / 8 * 8 + lanes[k][i % 8]);
-    return all;
-  }();
-  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
-  __m512i halfOrders[4];
-  for (std::size_t k = 0; k < 4; ++k) halfOrders[k] = _mm512_loadu_si512(orders[k].data());
-  const __m512i wordOrder = _mm512_loadu_si512(orders[4].data());
-  const __m512i low = _mm512_set1_epi64(0x0F), high = _mm512_set1_epi64(0xF0);
-  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
-  std::uint8_t* words = aside.data();
-  bool first = true;
-  for (std::size_t line = 0; line < UndoBitmapBytes(blockSize); ++line) {
-    if (line % (kSectorWords / 8) == 0) first = true;
-    const __m512i was = _mm512_loadu_si512(before + 64 * line), now = _mm512_loadu_si512(after + 64 * line);
-    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
-    undo[line] = changed;
-    if (changed == 0) continue;
+#define BT_LINES_TARGET __attribute__((target("avx512f,avx512bw,avx512vl,popcnt")))
+
+// The orders of kinds 1 to 4 on both halves of every word, and the whole word reversed, as byte
+// shuffles of each 16 bytes.
+constexpr auto kLineOrders = [] {
+  constexpr std::uint8_t lanes[5][8] = {{3, 2, 1, 0, 7, 6, 5, 4}, {1, 0, 3, 2, 5, 4, 7, 6}, {1, 0, 2, 3, 5, 4, 6, 7},
+                                        {0, 1, 3, 2, 4, 5, 7, 6}, {7, 6, 5, 4, 3, 2, 1, 0}};
+  std::array<std::array<std::uint8_t, 64>, 5> all{};
+  for (std::size_t k = 0; k < 5; ++k)
+    for (std::size_t i = 0; i < 64; ++i) all[k][i] = static_cast<std::uint8_t>(i % 16 / 8 * 8 + lanes[k][i % 8]);
+  return all;
+}();
+
+// Every order tried on a line of eight words at once: the code of each word (CodeOf), in the low
+// byte of its lane.
+struct LineCoder {
+  __m512i halfOrders[4], wordOrder;
+
+  BT_LINES_TARGET LineCoder() {
+    for (std::size_t k = 0; k < 4; ++k) halfOrders[k] = _mm512_loadu_si512(kLineOrders[k].data());
+    wordOrder = _mm512_loadu_si512(kLineOrders[4].data());
+  }
+
+  BT_LINES_TARGET __m512i Codes(__m512i was, __m512i now) const {
+    const __m512i low = _mm512_set1_epi64(0x0F), high = _mm512_set1_epi64(0xF0);
     // Each half's kind, the first that fits laid last; then the word's code from its two halves.
     __m512i kinds = _mm512_set1_epi32(kNoKind);
     for (int kind = 4; kind >= 1; --kind)
@@ -131,21 +127,67 @@ __attribute__((target("avx512f,avx512bw,avx512vl,popcnt"))) std::size_t EncodeUn
     const __mmask8 none = _mm512_cmpeq_epi64_mask(_mm512_and_si512(code, low), _mm512_set1_epi64(kNoKind)) |
                           _mm512_cmpeq_epi64_mask(_mm512_and_si512(code, high), _mm512_set1_epi64(kNoKind << 4));
     code = _mm512_mask_mov_epi64(code, none, _mm512_setzero_si512());
-    code = _mm512_mask_mov_epi64(code, _mm512_cmpeq_epi64_mask(was, _mm512_shuffle_epi8(now, wordOrder)),
+    return _mm512_mask_mov_epi64(code, _mm512_cmpeq_epi64_mask(was, _mm512_shuffle_epi8(now, wordOrder)),
                                  _mm512_set1_epi64(kWholeWordReversed));
+  }
+};
+
+// Writes the codes of the words changed (a bit each of changed) at codes; returns how many.
+BT_LINES_TARGET unsigned PutCodes(std::uint8_t* codes, __mmask8 changed, __m512i code) {
+  const auto named = static_cast<unsigned>(__builtin_popcount(changed));
+  _mm_mask_storeu_epi8(codes, static_cast<__mmask16>((1u << named) - 1),
+                       _mm512_maskz_cvtepi64_epi8(0xFF, _mm512_maskz_compress_epi64(changed, code)));
+  return named;
+}
+
+// EncodeUndoWordByWord, a line of eight words at a time; the line's codes and stored words are
+// written together (the words first aside, as their place follows the last code).
+BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const std::uint8_t* after,
+                                              std::uint32_t blockSize, std::uint8_t* undo) {
+  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
+  const LineCoder coder;
+  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
+  std::uint8_t* words = aside.data();
+  bool first = true;
+  for (std::size_t line = 0; line < UndoBitmapBytes(blockSize); ++line) {
+    if (line % (kSectorWords / 8) == 0) first = true;
+    const __m512i was = _mm512_loadu_si512(before + 64 * line), now = _mm512_loadu_si512(after + 64 * line);
+    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
+    undo[line] = changed;
+    if (changed == 0) continue;
+    __m512i code = coder.Codes(was, now);
     // The first word named in a sector is stored.
     if (first) code = _mm512_mask_mov_epi64(code, static_cast<__mmask8>(changed & -changed), _mm512_setzero_si512());
     first = false;
-    const auto named = static_cast<unsigned>(__builtin_popcount(changed));
-    _mm_mask_storeu_epi8(codes, static_cast<__mmask16>((1u << named) - 1),
-                         _mm512_maskz_cvtepi64_epi8(0xFF, _mm512_maskz_compress_epi64(changed, code)));
-    codes += named;
+    codes += PutCodes(codes, changed, code);
     const __mmask8 stored = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
     _mm512_mask_compressstoreu_epi64(words, stored, was);
     words += 8 * __builtin_popcount(stored);
   }
   std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
   return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
+}
+
+// EncodeTurns, a line of eight words at a time.
+BT_LINES_TARGET std::size_t EncodeTurnsByLines(const std::uint8_t* before, const std::uint8_t* after,
+                                               std::uint32_t blockSize, std::uint8_t* undo) {
+  const LineCoder coder;
+  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
+  for (std::size_t line = 0; line < UndoBitmapBytes(blockSize); ++line) {
+    const __m512i was = _mm512_loadu_si512(before + 64 * line), now = _mm512_loadu_si512(after + 64 * line);
+    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
+    undo[line] = changed;
+    if (changed == 0) continue;
+    const __m512i code = coder.Codes(was, now);
+    if ((changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512())) != 0) return 0;
+    codes += PutCodes(codes, changed, code);
+  }
+  return static_cast<std::size_t>(codes - undo);
+}
+
+bool ByLines() {
+  static const bool byLines = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
+  return byLines;
 }
 #endif
 
@@ -154,8 +196,7 @@ __attribute__((target("avx512f,avx512bw,avx512vl,popcnt"))) std::size_t EncodeUn
 std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                        std::uint8_t* undo) {
 #if defined(__x86_64__)
-  static const bool byLines = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
-  if (byLines) return EncodeUndoByLines(before, after, blockSize, undo);
+  if (ByLines()) return EncodeUndoByLines(before, after, blockSize, undo);
 #endif
   return EncodeUndoWordByWord(before, after, blockSize, undo);
 }
@@ -217,6 +258,9 @@ bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* 
 
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo) {
+#if defined(__x86_64__)
+  if (ByLines()) return EncodeTurnsByLines(before, after, blockSize, undo);
+#endif
   std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
   MarkChanged(before, after, blockSize, undo);
   for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
