@@ -206,6 +206,12 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
   if (FileKeys(identities) != keys)
     Refuse("the files of " + databaseFileName +
            " are not linked to each other as they were when the run was interrupted. Nothing was changed.");
+  // A file its own run marked is not another's copy, whatever the journal beside it.
+  journal::Mark mark;
+  const bool marked = ReadMarkOf(databaseFileName, mark);
+  if (marked && mark.runId != h.runId)
+    Refuse("the journal " + journalPath + " is not the journal of the run that marked " + databaseFileName +
+           " (another database's, or an earlier run's). Nothing was changed.");
   // A copy of the main file, its original still there and marked by the same run: finishing the
   // copy would take the original's journal.
   if (FullPath(databaseFileName) != h.mainFile && platform::FileExists(h.mainFile)) {
@@ -218,11 +224,6 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
              " belongs to: finish that file's run (byteturn-recover " + h.mainFile + ") and copy it then, or move it "
              "away first. Nothing was changed.");
   }
-  journal::Mark mark;
-  const bool marked = ReadMarkOf(databaseFileName, mark);
-  if (marked && mark.runId != h.runId)
-    Refuse("the journal " + journalPath + " is not the journal of the run that marked " + databaseFileName +
-           " (another database's, or an earlier run's). Nothing was changed.");
   if (marked && mark.group > found.commit.number)
     Refuse("the journal " + journalPath + " is older than " + databaseFileName + ": the run went on past it (its files "
            "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
