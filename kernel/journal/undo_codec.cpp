@@ -185,6 +185,8 @@ BT_LINES_TARGET std::size_t EncodeTurnsByLines(const std::uint8_t* before, const
   return static_cast<std::size_t>(codes - undo);
 }
 
+#undef BT_LINES_TARGET
+
 bool ByLines() {
   static const bool byLines = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
   return byLines;
