@@ -1159,6 +1159,28 @@ TEST(Journal, DatabasesThatShareAJournalDirectoryKeepTheirOwn) {
   ExpectTwin(b);
 }
 
+// A database moved with its directory (its lock with it), and another run interrupted since in the
+// directory it left: the recovery of the moved one removes the lock beside it and leaves the
+// other's, which still guards a half-converted database until its own recovery.
+TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  CutHalfway(c);
+  ASSERT_TRUE(Exists(c.lock));
+  const std::vector<std::uint8_t> first = ReadBytes(c.files[0]);
+  fs::rename(c.dir, s.Path("moved"));
+  fs::create_directories(c.dir);
+  CutHalfway(c, "2");
+  ASSERT_TRUE(Exists(c.lock));
+  ASSERT_FALSE(ReadBytes(c.files[0]) == first);
+  const RunResult moved = RecoverAt(c, s.dir, std::string("moved") + Sep() + "ORVA.DAT");
+  EXPECT_EQ(moved.status, 0) << moved.out << moved.err;
+  EXPECT_TRUE(ReadBytes(s.Path("moved/ORVA.DAT")) == ReadBytes(c.twin[0]));
+  EXPECT_FALSE(Exists(s.Path("moved/orva.lck"))) << "the lock that moved with the database";
+  EXPECT_TRUE(Exists(c.lock)) << "the other run's lock";
+  FinishAndExpectTwin(c);
+}
+
 // The main file moved to another directory as a new file (as to another disk), and the commands
 // typed in a new shell without BYTETURN_JOURNAL, from another directory: byteturn and
 // byteturn-check refuse it, naming the journal; the recovery finds the journal and finishes, and

@@ -278,6 +278,20 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
   return landed;
 }
 
+// Whether the lock the run took for mainFile guards this file still: the file there is this one,
+// or none is there now (it was moved). A database that has come to that place since, another
+// run's say, keeps its lock.
+bool LockGuardsThisFile(const std::string& mainFile) {
+  if (FullPath(databaseFileName) == mainFile) return true;
+  const platform::File there = platform::OpenReadOnly(mainFile);
+  if (there == platform::kInvalidFile) return !platform::FileExists(mainFile);
+  const platform::File here = platform::OpenReadOnly(databaseFileName);
+  const bool same = here != platform::kInvalidFile && platform::IdentityOf(here) == platform::IdentityOf(there);
+  platform::Close(here);
+  platform::Close(there);
+  return same;
+}
+
 }  // namespace
 
 namespace {
@@ -315,7 +329,15 @@ void Recover(int argc, const char* const* argv) {
   RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
   ConvertVolumes(pass, found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
-  FinishRun(pass, found.header.lockPath.empty() ? LockPathFor(databaseFileName) : found.header.lockPath);
+  // The locks the run left: beside the file now (moved with it), and where the run took it.
+  const std::string& taken = found.header.lockPath;
+  const std::string here = LockPathFor(databaseFileName);
+  if (taken.empty()) {
+    FinishRun(pass, here);
+  } else {
+    if (!here.empty() && FullPath(here) != taken) RemoveLeftLock(here);
+    FinishRun(pass, LockGuardsThisFile(found.header.mainFile) ? taken : std::string());
+  }
 }
 }  // namespace
 
