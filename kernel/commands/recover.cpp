@@ -9,6 +9,7 @@
 #include "driver.h"
 #include "block_undo.h"
 #include "journal.h"
+#include "journal_files.h"
 #include "journal_format.h"
 #include "journaled_store.h"
 #include "label_block.h"
@@ -156,6 +157,7 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
 bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, const std::vector<std::uint32_t>& keys) {
   constexpr std::size_t n = journal::kLabelCopyBytes;
   if (std::memcmp(label, found.header.label, n) == 0) return true;
+  if (found.commit.number == 0) return false;  // nothing is written before the first commit
   if (found.commit.number != 0)
     for (const journal::Entry& e : found.head.entries)
       if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
@@ -229,6 +231,20 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
            "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
            std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
   CheckContentsOrRefuse(found, journalPath, keys);
+  // The run marks the main file before its first commit and cuts the mark off only once every file
+  // is complete: a file that takes the mark and bears none, where the journal has a commit, was
+  // converted to its end (a cut before the journal was removed, or a journal put back since). Its
+  // last record would convert again the blocks that followed it.
+  std::uint8_t sector[journal::kSectorBytes];
+  if (!marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize) &&
+      journal::EncodeMark({h.runId, h.mainFileSize, 0, FullPath(journalPath)}, sector)) {
+    const std::string lock = h.lockPath.empty() ? LockPathFor(databaseFileName) : h.lockPath;
+    Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +
+           ", which cuts the mark off only once its files are complete: if " + databaseFileName +
+           " is the database that run converted, its conversion is complete; remove the journal" +
+           (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string()) +
+           ". Nothing was changed.");
+  }
   if (marked && mark.group + 1 < found.commit.number)
     Refuse(databaseFileName + " is older than the journal " + journalPath + " (its files hold group #" +
            std::to_string(mark.group) + ", the journal ends at group #" + std::to_string(found.commit.number) +

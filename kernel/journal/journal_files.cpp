@@ -121,8 +121,8 @@ bool MainFileTakesMark(std::uint64_t size) {
   return size >= blocks * std::uint64_t{blockSize};
 }
 
-// The mark of a run resumed: the file keeps the mark it bears; one that has none (the run had cut
-// it off as it ended) is marked again.
+// The mark of a run resumed: the file keeps the mark it bears; one that has none (the run had not
+// marked it yet) is marked now.
 void ResumeMark() {
   j.marking = MainFileTakesMark(j.header.mainFileSize);
   journal::Mark mark;
