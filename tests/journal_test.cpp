@@ -899,6 +899,34 @@ TEST(Journal, DamagedOrForeignJournalsAreRefused) {
   EXPECT_TRUE(FilesEqual(c.files, c.pristine));
 }
 
+// A journal put back beside a database converted to its end since: one with a commit would convert
+// again the blocks after its last record, one made before the first commit every block. Both are
+// refused, and the database stays as it is.
+TEST(Journal, AnOldJournalBesideADatabaseConvertedToItsEndIsRefused) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  std::vector<std::uint8_t> early;  // made, no commit yet
+  for (int n = 1; n < 20 && early.empty(); ++n) {
+    Reset(c);
+    const RunResult cut = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(n) + ":1");
+    ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+    if (Exists(c.journal) && FoundIn(ReadBytes(c.journal)).commit.number == 0) early = ReadBytes(c.journal);
+  }
+  ASSERT_FALSE(early.empty());
+  const std::vector<std::uint8_t> halfway = CutHalfway(c);
+  ASSERT_GT(FoundIn(halfway).commit.number, 0u);
+  for (const std::vector<std::uint8_t>& journal : {early, halfway}) {
+    Reset(c);
+    CopyFiles(c.twin, c.files);
+    WriteBytes(c.journal, 0, journal);
+    const Snapshot before = Take(c);
+    const RunResult r = Recover(c);
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    EXPECT_NE(r.err.find("Nothing was changed."), std::string::npos) << r.err;
+    ExpectUnchanged(c, before);
+  }
+}
+
 // After a cut, an encrypted database's journal holds neither its key nor the password; the
 // recovery asks for both again, and a wrong password changes nothing.
 TEST(Journal, EncryptedDatabasesKeepTheirSecretsOutOfTheJournal) {
