@@ -158,9 +158,8 @@ bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, con
   constexpr std::size_t n = journal::kLabelCopyBytes;
   if (std::memcmp(label, found.header.label, n) == 0) return true;
   if (found.commit.number == 0) return false;  // nothing is written before the first commit
-  if (found.commit.number != 0)
-    for (const journal::Entry& e : found.head.entries)
-      if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
+  for (const journal::Entry& e : found.head.entries)
+    if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
   std::uint8_t converted[n];
   std::memcpy(converted, found.header.label, n);
   ConvertLabelBlock(Bytes(converted, n));
