@@ -3,7 +3,8 @@
 // ending with the file on stable storage as byteturn does, and prints the times, their ratios and
 // the conversion's peak resident memory. With --other DIR it also times the programs of another
 // build in the same rounds, before this build's in every other round, and prints this build's
-// times against them.
+// times against them. With --ceiling 1 it times, instead of the programs, what a journal's writes
+// and flushes alone cost on this disk (Ceiling below).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -67,6 +68,53 @@ double Median(std::vector<double> times) {
   return n % 2 == 1 ? times[n / 2] : (times[n / 2 - 1] + times[n / 2]) / 2;
 }
 
+// What the disk allows a journal: the file rewritten in place 1 MiB at a time with each byte
+// changed (inverted, as a conversion changes them), each piece sent on its way, and before every
+// window of windowMiB a journal piece of journalShare of the window's bytes (taken from them, so
+// that it is as compressible as an undo of them) written to a journal of two slots and flushed,
+// the file flushed too (the window before must be on the disk before its record is replaced);
+// the file and the journal flushed at the end. The pattern of a journal that writes its undo
+// ahead of the writes it covers, without the conversion's own work. Two calls leave the file as
+// it was. Returns the seconds it took.
+double Ceiling(const std::string& db, const std::string& journalPath, std::uint64_t windowMiB, double journalShare) {
+  const platform::File file = platform::OpenReadWrite(db), journal = platform::CreateReadWrite(journalPath);
+  if (file == platform::kInvalidFile || journal == platform::kInvalidFile) {
+    std::fprintf(stderr, "bench: cannot open %s or %s\n", db.c_str(), journalPath.c_str());
+    std::exit(1);
+  }
+  Settle(false);
+  const std::uint64_t size = static_cast<std::uint64_t>(platform::FileSize(file)), piece = std::uint64_t{1} << 20;
+  const std::uint64_t window = windowMiB * piece, journalBytes = static_cast<std::uint64_t>(journalShare * window);
+  std::vector<std::uint8_t> bytes(piece), record(journalBytes + piece);
+  std::uint64_t slot = 0;
+  bool ok = true;
+  const auto start = std::chrono::steady_clock::now();
+  for (std::uint64_t at = 0; at < size && ok; at += piece) {
+    const std::uint64_t n = std::min(piece, size - at);
+    ok = platform::ReadAt(file, bytes.data(), n, at) == static_cast<std::int64_t>(n);
+    if (journalBytes != 0 && at % window == 0) {
+      for (std::uint64_t k = 0; k < journalBytes; k += n) std::memcpy(record.data() + k, bytes.data(), n);
+      ok = ok && platform::WriteAt(journal, record.data(), journalBytes, slot * journalBytes) ==
+                     static_cast<std::int64_t>(journalBytes) &&
+           platform::Sync(journal) && platform::Sync(file);
+      slot ^= 1;
+    }
+    for (std::uint64_t k = 0; k < n; ++k) bytes[k] = static_cast<std::uint8_t>(~bytes[k]);
+    ok = ok && platform::WriteAt(file, bytes.data(), n, at) == static_cast<std::int64_t>(n);
+    platform::StartWriteBack(file, at, n);
+  }
+  ok = ok && platform::Sync(file) && platform::Sync(journal);
+  const auto end = std::chrono::steady_clock::now();
+  platform::Close(file);
+  platform::Close(journal);
+  platform::RemoveFile(journalPath);
+  if (!ok) {
+    std::fprintf(stderr, "bench: the rewrite of %s failed\n", db.c_str());
+    std::exit(1);
+  }
+  return std::chrono::duration<double>(end - start).count();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -78,7 +126,7 @@ int main(int argc, char** argv) {
   std::string dir = "/tmp";
   int rounds = 2;
   bool encrypted = false;
-  bool cold = false;
+  bool cold = false, ceiling = false;
   std::string other;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string a = argv[i];
@@ -92,10 +140,11 @@ int main(int argc, char** argv) {
     else if (a == "--encrypted") encrypted = std::strcmp(v, "1") == 0;
     else if (a == "--cold") cold = std::strcmp(v, "1") == 0;
     else if (a == "--other") other = v;
+    else if (a == "--ceiling") ceiling = std::strcmp(v, "1") == 0;
     else {
       std::fprintf(stderr,
                    "usage: bench [--size-mib N] [--code N] [--free F] [--dir DIR] [--rounds N] "
-                   "[--mix-other-only 1] [--encrypted 1] [--cold 1] [--other DIR]\n");
+                   "[--mix-other-only 1] [--encrypted 1] [--cold 1] [--other DIR] [--ceiling 1]\n");
       return 2;
     }
   }
@@ -130,6 +179,44 @@ int main(int argc, char** argv) {
     return "dd if=" + db + " of=" + db + " bs=" + bs + " conv=notrunc,fsync status=none";
   };
   const std::string rewriteBlock = rewrite(std::to_string(g.blockSize)), rewriteLarge = rewrite("1M");
+  if (ceiling) {
+    // Four rewrites per round (the file ends as it began), the copy after the first.
+    struct Pattern {
+      std::uint64_t windowMiB;
+      double share;
+      std::vector<double> times;
+    };
+    Pattern patterns[] = {{0, 0, {}}, {8, 0.22, {}}, {64, 0.22, {}}, {64, 0.08, {}}};
+    std::vector<double> timesLarge;
+    for (int r = 0; r < rounds; ++r) {
+      std::printf("round %d:", r + 1);
+      for (Pattern& pattern : patterns) {
+        pattern.times.push_back(Ceiling(db, dir + "/bench.journal", pattern.windowMiB, pattern.share));
+        std::printf(" %.3f s", pattern.times.back());
+        if (&pattern == patterns) {
+          timesLarge.push_back(TimeCommand(rewriteLarge, false));
+          std::printf(" (dd bs=1M %.3f s)", timesLarge.back());
+        }
+        std::fflush(stdout);
+      }
+      std::printf("\n");
+    }
+    std::printf("dd conv=notrunc,fsync bs=1M: %.3f s (median %.3f s)\n", Best(timesLarge), Median(timesLarge));
+    for (const Pattern& pattern : patterns) {
+      if (pattern.windowMiB == 0)
+        std::printf("rewritten, one flush at the end:          ");
+      else
+        std::printf("journal of %2.0f%%, flushed every %3llu MiB:  ", pattern.share * 100,
+                    static_cast<unsigned long long>(pattern.windowMiB));
+      std::printf("%.3f s (median %.3f s), against dd %.2f (median of rounds: %.2f), against the rewrite alone %.2f "
+                  "(%.2f)\n",
+                  Best(pattern.times), Median(pattern.times), Best(pattern.times) / Best(timesLarge),
+                  Median(pattern.times) / Median(timesLarge), Best(pattern.times) / Best(patterns[0].times),
+                  Median(pattern.times) / Median(patterns[0].times));
+    }
+    platform::RemoveFile(db);
+    return 0;
+  }
   // GNU time measures the conversion's own peak resident memory (its child's, from a small process).
   const std::string peakFile = dir + "/bench.peak";
   const std::string convert = "/usr/bin/time -f %M -o " + peakFile + " " + byteturn + " -t " + db + " > /dev/null" +

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "gendb.h"
 
@@ -20,7 +21,22 @@ void Usage() {
       "  --converted       write the image a conversion from the other order must give\n"
       "  --mix K=W,...     weights of block kinds: other, data, gdir, pointer, mirror, loosebig, badoffset\n"
       "  --compress F      share of blocks stored compressed (methods zlib, zstd, lz4, deflate)\n"
-      "  --key HEX --keyid ID  encrypt with this database key (16, 24 or 32 bytes)");
+      "  --key HEX --keyid ID  encrypt with this database key (16, 24 or 32 bytes)\n"
+      "  --volumes N       further volume files (ORVA-0001.VOL ...), placed in turn in the main file's\n"
+      "                    directory and each of --volume-dirs\n"
+      "  --volume-dirs D,...  additional volume directories (relative ones from the main file's; each\n"
+      "                    must exist), stored in the volume info block's list");
+}
+
+std::vector<std::string> SplitList(const std::string& text) {
+  std::vector<std::string> items;
+  for (std::size_t i = 0; i <= text.size();) {
+    std::size_t comma = text.find(',', i);
+    if (comma == std::string::npos) comma = text.size();
+    if (comma > i) items.push_back(text.substr(i, comma - i));
+    i = comma + 1;
+  }
+  return items;
 }
 
 bool ParseMix(const char* text, gendb::Mix& mix) {
@@ -81,6 +97,12 @@ int main(int argc, char** argv) {
         Usage();
         return 2;
       }
+    } else if (a == "--volumes") {
+      p.volumeSet.volumes = static_cast<unsigned>(std::strtoul(value(), nullptr, 10));
+    } else if (a == "--volume-dirs") {
+      p.volumeSet.directories.clear();
+      for (std::string dir : SplitList(value())) p.volumeSet.directories.push_back(dir.back() == '/' ? dir : dir + "/");
+      p.volumeSet.storedList = p.volumeSet.directories;
     } else if (a == "--help" || a == "-h") {
       Usage();
       return 0;
@@ -95,6 +117,8 @@ int main(int argc, char** argv) {
     Usage();
     return 2;
   }
+  for (unsigned v = 0; v < p.volumeSet.volumes; ++v)
+    p.volumeSet.placement.push_back(v % static_cast<unsigned>(p.volumeSet.directories.size() + 1));
   std::string error = gendb::GenerateDatabase(p, out);
   if (!error.empty()) {
     std::fprintf(stderr, "gendb: %s\n", error.c_str());
