@@ -1008,6 +1008,37 @@ TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
   EXPECT_FALSE(Exists(s.Path("elsewhere/" + journals[0])));
   ExpectTwin(c);
 
+  // A journal whose full path is too long for the mark: the file is marked all the same, naming no
+  // journal; without the variable byteturn sends the operator to the place beside the file, and
+  // the recovery finds the journal where the variable says. (Windows paths do not reach that far.)
+  if (!UnderTest().windows) {
+    Reset(c);
+    std::string deep = s.Path("elsewhere");
+    while (deep.size() < 600) deep += Sep() + std::string(60, 'd');
+    fs::create_directories(deep);
+    const std::string far = "BYTETURN_JOURNAL='" + deep + "' ";
+    CutHalfway(c, "5", far);
+    EXPECT_EQ(fs::file_size(c.files[0]), fs::file_size(c.pristine[0]) + bt::journal::kMarkBytes) << "the mark";
+    const RunResult refused = Convert(c, UnderTest().exe, "");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("An interrupted conversion left its journal ORVA.DAT.journal, which is not there now"),
+              std::string::npos)
+        << refused.err;
+    const RunResult r = Recover(c, far);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    ExpectTwin(c);
+    // A database moved with its journal to where the journal's path no longer fits in the mark:
+    // the recovery marks on naming none, and cuts the mark off at its end.
+    Reset(c);
+    CutHalfway(c, "7");
+    const std::string moved = deep + Sep() + "db";
+    fs::rename(c.dir, moved);
+    const RunResult m = RunByteturn({"ORVA.DAT"}, c.answers, moved, UnderTest().recoverExe);
+    EXPECT_EQ(m.status, 0) << m.out << m.err;
+    fs::rename(moved, c.dir);
+    ExpectTwin(c);
+  }
+
   // Off: no journal, the run as without the journal.
   Reset(c);
   ASSERT_EQ(Convert(c, UnderTest().faultsExe, "BYTETURN_JOURNAL=off " + kSmallGroups + "BYTETURN_POWERCUT=40:1").status, 99);

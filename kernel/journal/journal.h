@@ -50,7 +50,8 @@ std::string DirectoryOf(const std::string& path);
 // Where this run's journal lies ("" when BYTETURN_JOURNAL is "off").
 std::string JournalPathFor(const std::string& fileName);
 // The journal that stops a run of the database named fileName: the one its mark names (whether it
-// is there or not), else one lying where this run's would go. "" when there is none.
+// is there or not; beside the file where the mark names none), else one lying where this run's
+// would go. "" when there is none.
 struct JournalFound {
   std::string path;
   bool marked = false;  // the main file bears the mark of an interrupted run

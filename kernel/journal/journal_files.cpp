@@ -47,16 +47,23 @@ void SyncJournalOrFail() {
   if (!platform::Sync(j.file)) JournalFailed("flushing");
 }
 
+// The mark of this run's journal at group: it names the journal's full path, or none where the
+// path does not fit in its sector (the journal is then looked for under the names a journal of
+// the file takes, and in their directories).
+journal::Mark MarkAt(std::uint64_t runId, std::uint64_t originalSize, std::uint64_t group) {
+  journal::Mark mark{runId, originalSize, group, FullPath(j.path)};
+  std::uint8_t sector[journal::kSectorBytes];
+  if (!journal::EncodeMark(mark, sector)) mark.journalPath.clear();
+  return mark;
+}
+
 // The mark goes to the end of the main file, and is flushed, before the run writes anything: the
 // group of the commit in effect in its sector, the other sector empty.
 void MarkMainFile() {
   if (!j.marking) return;
   std::uint8_t bytes[journal::kMarkBytes] = {};
-  j.mark = journal::Mark{j.header.runId, j.header.mainFileSize, j.nextNumber - 1, FullPath(j.path)};
-  if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) {
-    j.marking = false;  // a journal path too long to name: the journal beside it must do
-    return;
-  }
+  j.mark = MarkAt(j.header.runId, j.header.mainFileSize, j.nextNumber - 1);
+  if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) MarkFailed("writing");
   platform::ClearLastError();
   j.markFile = platform::OpenReadWrite(databaseFileName);
   if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
@@ -127,7 +134,7 @@ void ResumeMark() {
   j.marking = MainFileTakesMark(j.header.mainFileSize);
   journal::Mark mark;
   if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
-    j.mark = journal::Mark{mark.runId, mark.originalSize, mark.group, FullPath(j.path)};
+    j.mark = MarkAt(mark.runId, mark.originalSize, mark.group);
     j.markFile = platform::OpenReadWrite(databaseFileName);
     if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
     platform::ClearLastError();
@@ -144,7 +151,7 @@ bool StampGroup(std::uint64_t number) {
   std::uint8_t sector[journal::kSectorBytes];
   journal::Mark mark = j.mark;
   mark.group = number;
-  journal::EncodeMark(mark, sector);
+  if (!journal::EncodeMark(mark, sector)) return false;
   if (!WriteThrough(j.markFile, mark.originalSize + journal::kSectorBytes * (mark.group % 2), sector, sizeof sector))
     return false;
   j.markUnflushed = true;
@@ -264,7 +271,7 @@ JournalFound FindJournal(const std::string& fileName) {
       }
     return found;
   }
-  names.push_back(found.mark.journalPath);
+  if (!found.mark.journalPath.empty()) names.push_back(found.mark.journalPath);
   for (const std::string& name : names)
     if (platform::FileExists(name) && RunOfJournal(name) == found.mark.runId) {
       found.path = name;
@@ -281,7 +288,9 @@ JournalFound FindJournal(const std::string& fileName) {
         return found;
       }
     }
-  found.path = found.mark.journalPath;  // not there: where it was
+  // Not there: where it was, or, where the mark names no journal, beside the file (a journal put
+  // there is found).
+  found.path = found.mark.journalPath.empty() ? names[0] : found.mark.journalPath;
   return found;
 }
 
