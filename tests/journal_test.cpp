@@ -972,6 +972,17 @@ TEST(Journal, AnInterruptedRunIsNotStartedAgain) {
       ExpectUnchanged(c, before);
     }
   }
+  // Its label block is converted, its other blocks in part: asked for the order the run was
+  // converting to, or for a report, byteturn refuses as above instead of answering about its order.
+  for (const char* option : {"-l", "-r"}) {
+    const RunResult asked = RunByteturn({option, "ORVA.DAT"}, "", c.dir, UnderTest().exe);
+    EXPECT_EQ(asked.status, 1) << option;
+    EXPECT_EQ(asked.err, line) << option;
+  }
+  const RunResult checked = RunByteturn({"-l", "ORVA.DAT"}, "", c.dir, UnderTest().checkExe);
+  EXPECT_EQ(checked.status, 1);
+  EXPECT_EQ(checked.err, line);
+  ExpectUnchanged(c, before);
   // The database under another name still has its journal beside it under the old one.
   fs::rename(c.files[0], s.Path("db/RENAMED.DAT"));
   const RunResult renamed = RunByteturn({"RENAMED.DAT"}, "", c.dir, UnderTest().exe);
@@ -1297,6 +1308,16 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
               std::string::npos)
         << refused.err;
   }
+  // A backup put where the database was: its recovery finds the journal under that place's name,
+  // refuses, and says that a database moved elsewhere is to be finished first.
+  fs::copy_file(c.pristine[0], c.files[0]);
+  const RunResult backup = Recover(c, elsewhere);
+  EXPECT_EQ(backup.status, 1);
+  EXPECT_NE(backup.err.find("If the database that run converted was moved or copied elsewhere, it bears the run's "
+                            "mark: finish it there with byteturn-recover before removing anything"),
+            std::string::npos)
+      << backup.err;
+  fs::remove(c.files[0]);
   const RunResult r = RecoverAt(c, s.dir, std::string("moved") + Sep() + "ORVA.DAT");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_FALSE(Exists(c.lock)) << "the lock the run took";

@@ -107,8 +107,8 @@ std::uint32_t BlockAt(std::uint32_t v, std::uint64_t position, std::uint32_t siz
 // Every block the last record names outside its own writes must hold what the run last wrote
 // there: otherwise a file was put back from a backup, rolled back, or replaced since. Where every
 // sampled block holds what it held before the run, the database looks as it was before it.
-void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
-                           const std::vector<std::uint32_t>& keys) {
+void CheckContentsOrRefuse(const journal::Found& found, const std::string& path, const std::vector<std::uint32_t>& keys,
+                           const std::string& caution) {
   if (found.commit.number == 0) return;
   const std::uint32_t size = found.head.blockSize;
   std::vector<std::uint64_t> written;
@@ -147,7 +147,7 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
   else
     text += " Put back the files as the run left them; or restore the whole database from a backup taken before "
             "the run, " + remove + " and run byteturn again.";
-  Refuse(text + " Nothing was changed.");
+  Refuse(text + caution + " Nothing was changed.");
 }
 
 // Whether label (the main file's first bytes) is the label block as the run found it or left it:
@@ -188,6 +188,16 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     volumeDirIndex[v] = h.volumes[v].directory;
     volumeFirstBlock[v] = h.volumes[v].firstBlock;
   }
+  // A run marks its main file before its first commit: where this one bears no mark of it, the
+  // run's database may be another file, moved or copied elsewhere with the mark, which only this
+  // journal can finish. Every refusal that could lead to the journal's removal says so.
+  journal::Mark mark;
+  const bool marked = ReadMarkOf(databaseFileName, mark);
+  const std::string caution = !marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize)
+                                  ? " If the database that run converted was moved or copied elsewhere, it bears the "
+                                    "run's mark: finish it there with byteturn-recover before removing anything, as "
+                                    "only this journal can."
+                                  : "";
   std::vector<platform::FileIdentity> identities;
   for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {
     const std::string path = VolumePath(v);
@@ -199,8 +209,8 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     const bool labelRead = v != 0 || ReadThrough(file, 0, label, sizeof label);
     platform::Close(file);
     if (v == 0 && !(labelRead && BeginsWithLabel(label, found, keys)))
-      Refuse(path + " does not begin with the label block of the database the journal was written for. Nothing was "
-                    "changed.");
+      Refuse(path + " does not begin with the label block of the database the journal was written for." + caution +
+             " Nothing was changed.");
   }
   // A volume that was a link to another must still be one, and only then: the writes through
   // either name went to one file.
@@ -208,8 +218,6 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     Refuse("the files of " + databaseFileName +
            " are not linked to each other as they were when the run was interrupted. Nothing was changed.");
   // A file its own run marked is not another's copy, whatever the journal beside it.
-  journal::Mark mark;
-  const bool marked = ReadMarkOf(databaseFileName, mark);
   if (marked && mark.runId != h.runId)
     Refuse("the journal " + journalPath + " is not the journal of the run that marked " + databaseFileName +
            " (another database's, or an earlier run's). Nothing was changed.");
@@ -229,7 +237,7 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     Refuse("the journal " + journalPath + " is older than " + databaseFileName + ": the run went on past it (its files "
            "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
            std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
-  CheckContentsOrRefuse(found, journalPath, keys);
+  CheckContentsOrRefuse(found, journalPath, keys, caution);
   // The run marks the main file before its first commit and cuts the mark off only once every file
   // is complete: a file that takes the mark and bears none, where the journal has a commit, was
   // converted to its end (a cut before the journal was removed, or a journal put back since). Its
@@ -241,8 +249,8 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +
            ", which cuts the mark off only once its files are complete: if " + databaseFileName +
            " is the database that run converted, its conversion is complete; remove the journal" +
-           (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string()) +
-           ". Nothing was changed.");
+           (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string()) + "." + caution +
+           " Nothing was changed.");
   }
   if (marked && mark.group + 1 < found.commit.number)
     Refuse(databaseFileName + " is older than the journal " + journalPath + " (its files hold group #" +

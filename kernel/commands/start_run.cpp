@@ -5,6 +5,7 @@
 #include "database.h"
 #include "driver.h"
 #include "journal.h"
+#include "label_check.h"
 #include "lock_file.h"
 #include "messages.h"
 #include "store.h"
@@ -20,6 +21,7 @@ std::string RecoverAdvice(const std::string& fileName) {
 
 std::string StartRun(int argc, const char* const* argv, CommandLine& commandLine) {
   SetLockedAdvice(RecoverAdvice);
+  SetInterruptedAdvice(RecoverAdvice);
   const std::string lockPath = PrepareRun(argc, argv, commandLine);
   const JournalFound journal = FindJournal(databaseFileName);
   if (journal.marked || !journal.path.empty()) {

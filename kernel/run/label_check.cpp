@@ -9,8 +9,15 @@
 
 namespace bt {
 
+namespace {
+std::string (*interruptedAdvice)(const std::string&) = nullptr;
+}  // namespace
+
+void SetInterruptedAdvice(std::string (*advice)(const std::string& fileName)) { interruptedAdvice = advice; }
+
 void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
   using namespace label;
+  const std::string interrupted = interruptedAdvice != nullptr ? interruptedAdvice(databaseFileName) : std::string();
   swapFlag = labelCopy[kEndianFlag] != 0 ? 0 : 1;
   const bool big = swapFlag != 0;
   const char* orderName = big ? "big-endian" : "little-endian";
@@ -20,12 +27,12 @@ void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
   if (DbLoad16(labelCopy + kOldVolumeCount) > 1)
     Fail("This is a multivolume database and is no longer supported by byteturn\r\n");
 
-  if (cl.statedOrderCheck) {
+  if (cl.statedOrderCheck && interrupted.empty()) {
     char first = cl.orderWord.empty() ? '\0' : cl.orderWord[0];
     if (big && first == 'l') Fail("This is a big-endian database but you have specified little-endian\r\n");
     if (!big && first == 'b') Fail("This is a little-endian database but you have specified big-endian\r\n");
   }
-  if (cl.alreadyConvertedCheck) {
+  if (cl.alreadyConvertedCheck && interrupted.empty()) {
     if (big && cl.direction == kDirectionBig)
       Fail("This database is already big-endian and does not require conversion.\r\n");
     if (!big && cl.direction == kDirectionLittle)
@@ -41,7 +48,10 @@ void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
     Print("This database has a block size of %d Bytes.\r\n", static_cast<int>(blockSize));
   else
     Print("%s <%d Bytes>\r\n", orderName, static_cast<int>(blockSize));
-  if (cl.alreadyConvertedCheck && cl.direction == kDirectionReport) EndRun(0);
+  if (cl.alreadyConvertedCheck && cl.direction == kDirectionReport) {
+    if (!interrupted.empty()) FailTo(stderr, "%s", interrupted.c_str());
+    EndRun(0);
+  }
 
   if (DbLoad16(labelCopy + kFlagsWord) & kEncryptedFlag) {
     Print("Database is marked as encrypted.\n");

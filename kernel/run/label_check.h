@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "command_line.h"
 
@@ -11,5 +12,11 @@ namespace bt {
 // the database key of an encrypted database and publishes the label values. Ends the run on a
 // refusal (status 1) and after a report (status 0).
 void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& commandLine);
+
+// Where an interrupted run left the database (advice, given the file's name, returns the line
+// that names byteturn-recover, or "" where none did), its label block is converted and its other
+// blocks only in part: CheckLabel then answers nothing about its order, and a report ends with
+// that line (status 1).
+void SetInterruptedAdvice(std::string (*advice)(const std::string& fileName));
 
 }  // namespace bt
