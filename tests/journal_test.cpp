@@ -1378,16 +1378,19 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
     }
   EXPECT_TRUE(removed) << "no cut left anything to remove";
   Reset(c);
-  fs::create_hard_link(c.files[0], s.Path("db/OTHER.DAT"));
+  // The link in another directory: the refused run leaves no lock of its own there either.
+  fs::create_directories(s.Path("link"));
+  fs::create_hard_link(c.files[0], s.Path("link/ORVA.DAT"));
   auto first = std::async(std::launch::async, [&] {
     return Convert(c, UnderTest().faultsExe, "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(300 * 4096) + ":slow'");
   });
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  const RunResult second = RunByteturn({"OTHER.DAT"}, "", c.dir, UnderTest().exe);
+  const RunResult second = RunByteturn({"ORVA.DAT"}, "", s.Path("link"), UnderTest().exe);
   EXPECT_EQ(second.status, 1) << second.out << second.err;
-  EXPECT_EQ(second.err, "OTHER.DAT is in use by another run of byteturn.\n");
+  EXPECT_EQ(second.err, "ORVA.DAT is in use by another run of byteturn.\n");
+  EXPECT_FALSE(Exists(s.Path("link/orva.lck")));
   EXPECT_EQ(first.get().status, 0);
-  fs::remove(s.Path("db/OTHER.DAT"));
+  fs::remove(s.Path("link/ORVA.DAT"));
   ExpectTwin(c);
   CutHalfway(c);
   fs::rename(c.files[0], s.Path("db/OTHER.DAT"));

@@ -52,6 +52,7 @@ void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
   CapHeldOutput(w.cap);
   ReleaseHeldOutput(UINT64_MAX);
   CapHeldOutput(UINT64_MAX);
+  platform::SetLastError(o.error);  // the messages shown since may have set another
   if (w.failure == nullptr) FailWritingBlock(o.block);
   DiscardHeldOutput();
   Fail(w.failure, w.block, text.c_str());

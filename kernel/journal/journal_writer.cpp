@@ -101,11 +101,11 @@ bool WriteFailed(Flight& f, std::size_t i) {
     const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
     if (!WriteThrough(file, position, f.group.arena.data() + w.offset + std::size_t{k} * blockSize, blockSize)) {
       f.outcome.block = w.block + k;
+      f.outcome.error = platform::LastError();
       break;
     }
   }
-  f.outcome.error = platform::LastError();
-  return false;
+  return false;  // where each block went through alone, the first failure is the one told
 }
 
 // The run, where it waits for the flight, shows the messages made before each write once the

@@ -13,6 +13,7 @@ constexpr char kLockText[] = "\tsealturn";
 // The lock taken, held open with a lock of the system's on it while the run lasts: byteturn-recover
 // tells a lock left by a run that ended from the lock of a run still going.
 platform::File heldLock = platform::kInvalidFile;
+std::string takenLock;  // the lock this process created, while it stands
 std::string (*lockedAdvice)(const std::string&) = nullptr;
 }  // namespace
 
@@ -51,6 +52,7 @@ void TakeLock(const std::string& lockPath, const std::string& fileName) {
     FailTo(stderr, "Error writing to lockfile %s.\n", lockPath.c_str());
   }
   std::fclose(lock);
+  takenLock = lockPath;
   heldLock = platform::OpenReadWrite(lockPath);
   if (heldLock != platform::kInvalidFile && !platform::TryLockExclusive(heldLock)) {
     platform::Close(heldLock);
@@ -77,6 +79,9 @@ platform::File LockedDatabaseFile(const std::string& fileName, platform::File fi
   if (file == platform::kInvalidFile) return file;
   if (!platform::TryLockExclusive(file)) {
     platform::Close(file);
+    // The other run holds the file through another name: the lock just taken beside this one
+    // guards nothing.
+    if (!takenLock.empty()) ReleaseLock(takenLock);
     FailTo(stderr, "%s is in use by another run of byteturn.\n", fileName.c_str());
   }
   return file;
@@ -103,6 +108,7 @@ void ReleaseLock(const std::string& lockPath) {
   platform::Close(heldLock);
   heldLock = platform::kInvalidFile;
   platform::RemoveFile(lockPath);
+  takenLock.clear();  // after the removal: lockPath may be it
 }
 
 }  // namespace bt
