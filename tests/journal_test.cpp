@@ -1117,6 +1117,21 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   EXPECT_TRUE(ReadBytes(c.journal) == before.journal);
   fs::remove(volume);
   fs::copy_file(s.Path("away.vol"), volume);
+  // The volume the run had not reached, converted since from its first block on (or swapped, or
+  // another database's): its volume info block tells, and nothing is changed; as the run left it,
+  // it is converted.
+  const bt::journal::Found found = FoundIn(before.journal);
+  ASSERT_LT(found.head.resumeBlock, bt::LoadBE64(ReadBytes(c.pristine[2]).data() + 56)) << "the last volume reached";
+  const std::vector<std::uint8_t> left = ReadBytes(c.files[2]);
+  const std::vector<std::uint8_t> twin = ReadBytes(c.twin[2]);
+  WriteBytes(c.files[2], 0, std::vector<std::uint8_t>(twin.begin(), twin.begin() + gendb::GeometryFor(c.params.sizeCode).blockSize));
+  const RunResult ahead = Recover(c, "", "");
+  EXPECT_EQ(ahead.status, 1);
+  EXPECT_NE(ahead.err.find(Shown(c.files[2]) + " does not hold the volume info block of volume #2 of this database"),
+            std::string::npos)
+      << ahead.err;
+  EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.journal) == before.journal);
+  WriteBytes(c.files[2], 0, left);
   const RunResult r = Recover(c, "", "");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   fs::remove(c.lock);
@@ -1174,7 +1189,9 @@ TEST(Journal, FilesOrAJournalPutBackFromAnotherTimeAreRefused) {
         << r.err;
     EXPECT_NE(r.err.find(", the label block among them) holds what it held before the run, as in a database restored "
                          "from a backup taken before it: if that is what it is, remove the journal ORVA.DAT.journal and "
-                         "the lock " + Shown(c.lock) + " and run byteturn again. Nothing was changed."),
+                         "the lock " + Shown(c.lock) + " and run byteturn again. If the database that run converted was "
+                         "moved or copied elsewhere, it bears the run's mark: finish it there with byteturn-recover "
+                         "before removing anything, as only this journal can. Nothing was changed."),
               std::string::npos)
         << r.err;
     ExpectUnchanged(c, before);

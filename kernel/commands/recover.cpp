@@ -104,6 +104,17 @@ std::uint32_t BlockAt(std::uint32_t v, std::uint64_t position, std::uint32_t siz
   return (v == 0 ? 1 : volumeFirstBlock[v]) + static_cast<std::uint32_t>(position / size);
 }
 
+// The blocks the last record writes, by key (BlockKey), sorted; none before the first commit.
+std::vector<std::uint64_t> WrittenByLastRecord(const journal::Found& found, const std::vector<std::uint32_t>& keys) {
+  std::vector<std::uint64_t> written;
+  if (found.commit.number == 0) return written;
+  for (const journal::Entry& e : found.head.entries)
+    for (std::uint32_t k = 0; k < e.blocks && e.volume < keys.size(); ++k)
+      written.push_back(BlockKey(keys[e.volume], e.position / found.head.blockSize + k));
+  std::sort(written.begin(), written.end());
+  return written;
+}
+
 // Every block the last record names outside its own writes must hold what the run last wrote
 // there: otherwise a file was put back from a backup, rolled back, or replaced since. Where every
 // sampled block holds what it held before the run, the database looks as it was before it.
@@ -111,11 +122,7 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
                            const std::string& caution) {
   if (found.commit.number == 0) return;
   const std::uint32_t size = found.head.blockSize;
-  std::vector<std::uint64_t> written;
-  for (const journal::Entry& e : found.head.entries)
-    for (std::uint32_t k = 0; k < e.blocks; ++k)
-      written.push_back(BlockKey(keys[e.volume], e.position / size + k));
-  std::sort(written.begin(), written.end());
+  const std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
   std::vector<platform::File> files(keys.size(), platform::kInvalidFile);
   std::uint8_t sector[journal::kCheckedBytes];
   const journal::Check* differs = nullptr;
@@ -148,6 +155,70 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
     text += " Put back the files as the run left them; or restore the whole database from a backup taken before "
             "the run, " + remove + " and run byteturn again.";
   Refuse(text + caution + " Nothing was changed.");
+}
+
+// The order in which the run left block b at position of the file of key: converted where the
+// run had passed it, as it was where it had not; either where the last record writes it (the
+// put-back settles it).
+enum class Left { kAsFound, kConverted, kEither };
+Left LeftAs(const journal::Found& found, const std::vector<std::uint64_t>& written, std::uint32_t key,
+            std::uint64_t position, std::uint32_t b) {
+  if (std::binary_search(written.begin(), written.end(), BlockKey(key, position / blockSize))) return Left::kEither;
+  return found.commit.number != 0 && b < found.head.resumeBlock ? Left::kConverted : Left::kAsFound;
+}
+
+// The checkpoint of the primary volume info block, where it was read.
+struct Checkpoint {
+  bool known = false;
+  std::uint32_t value = 0;
+};
+
+// Whether p, read in the order big, is the volume info block of volume v (0: the primary, which
+// gives the checkpoint) of this database, starting at block start, at the primary's checkpoint.
+bool IsVolumeInfo(const std::uint8_t* p, bool big, std::uint32_t v, std::uint64_t start, Checkpoint& checkpoint) {
+  constexpr std::uint8_t kVolumeInfoType = 18;
+  if (p[4] != kVolumeInfoType || Load32(p + volinfo::kVolumeNumber, big) != v ||
+      Load64(p + volinfo::kStartingBlock, big) != start)
+    return false;
+  if (v == 0) {
+    checkpoint = {true, Load32(p + volinfo::kCheckpoint, big)};
+    return true;
+  }
+  return Load32(p + volinfo::kSetFieldA, big) == volumeSetFieldA &&
+         Load32(p + volinfo::kSetFieldB, big) == volumeSetFieldB &&
+         (!checkpoint.known || Load32(p + volinfo::kCheckpoint, big) == checkpoint.value);
+}
+
+// Every volume's info block must be this database's, for that volume, in the order the run left
+// it: a volume the run had not reached is converted from there on, and one swapped for another,
+// taken from another database or time, or converted further since (a snapshot of part of the
+// files rolled back) would be converted wrongly, or again. A volume linked to another file of the
+// set is left to the checks of links.
+void CheckVolumeInfoOrRefuse(const journal::Found& found, const std::vector<std::uint32_t>& keys) {
+  const std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
+  const bool asFoundBig = swapFlag != 0;
+  Checkpoint checkpoint;
+  std::vector<std::uint8_t> block(blockSize);
+  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {
+    if (std::count(keys.begin(), keys.end(), keys[v]) != 1) continue;
+    const std::uint32_t b = v == 0 ? volumeInfoBlockNumber : volumeFirstBlock[v];
+    const std::uint64_t position = v == 0 ? (std::uint64_t{b} - 1) * block.size() : 0;
+    const std::string path = VolumePath(v);
+    const platform::File file = platform::OpenReadOnly(path);
+    const bool read = file != platform::kInvalidFile &&
+                      ReadThrough(file, position, block.data(), static_cast<std::uint32_t>(block.size()));
+    platform::Close(file);
+    const Left left = LeftAs(found, written, keys[v], position, b);
+    const std::uint64_t start = v == 0 ? 1 : volumeFirstBlock[v];
+    const bool fits = read && ((left != Left::kConverted && IsVolumeInfo(block.data(), asFoundBig, v, start, checkpoint)) ||
+                               (left != Left::kAsFound && IsVolumeInfo(block.data(), !asFoundBig, v, start, checkpoint)));
+    if (!fits)
+      Refuse(path + " does not hold the volume info block of volume #" + std::to_string(v) +
+             " of this database as the interrupted run left it (" +
+             (left == Left::kAsFound ? "not converted yet" : left == Left::kConverted ? "converted" : "either order") +
+             "): a volume swapped for another, from another database or time, or converted further since. Put back "
+             "the volumes as the run left them. Nothing was changed.");
+  }
 }
 
 // Whether label (the main file's first bytes) is the label block as the run found it or left it:
@@ -238,6 +309,7 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
            "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
            std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
   CheckContentsOrRefuse(found, journalPath, keys, caution);
+  if (furtherVolumeCount != 0) CheckVolumeInfoOrRefuse(found, keys);
   // The run marks the main file before its first commit and cuts the mark off only once every file
   // is complete: a file that takes the mark and bears none, where the journal has a commit, was
   // converted to its end (a cut before the journal was removed, or a journal put back since). Its
