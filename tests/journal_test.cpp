@@ -1094,6 +1094,11 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   Scratch s;
   const Case c = Prepare(s, SmallSet());
   CutHalfway(c);
+  // byteturn refuses it as interrupted, without asking about its volumes (in either order now).
+  const RunResult again = Convert(c, UnderTest().exe, "");
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.err.find("finish it with byteturn-recover ORVA.DAT."), std::string::npos) << again.out << again.err;
+  EXPECT_EQ(again.out.find("Are volumes in their expected locations?"), std::string::npos) << again.out;
   const std::string volume = c.files[1];  // in more/
   ASSERT_NE(volume.find("more"), std::string::npos);
   fs::rename(volume, s.Path("away.vol"));
@@ -1132,6 +1137,11 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
       << ahead.err;
   EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.journal) == before.journal);
   WriteBytes(c.files[2], 0, left);
+  // A volume that cannot be opened for writing is refused before anything is written.
+  const RunResult readOnly = Recover(c, "BYTETURN_FAULTS='openrw:ORVA-0002.VOL:0:EACCES'", "");
+  EXPECT_EQ(readOnly.status, 1);
+  EXPECT_NE(readOnly.err.find("cannot open " + Shown(c.files[2])), std::string::npos) << readOnly.out << readOnly.err;
+  EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.files[1]) == ReadBytes(s.Path("away.vol")));
   const RunResult r = Recover(c, "", "");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   fs::remove(c.lock);

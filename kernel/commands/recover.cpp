@@ -273,7 +273,9 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
   for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {
     const std::string path = VolumePath(v);
     platform::ClearLastError();
-    const platform::File file = platform::OpenReadOnly(path);
+    // Opened for writing, as the run writes every volume: one that cannot be is refused before
+    // anything is written, not where the run comes to it.
+    const platform::File file = platform::OpenReadWrite(path);
     if (file == platform::kInvalidFile) Refuse("cannot open " + path + ". " + ErrorText() + " Nothing was changed.");
     identities.push_back(platform::IdentityOf(file));
     std::uint8_t label[journal::kLabelCopyBytes] = {};

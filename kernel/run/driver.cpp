@@ -173,7 +173,7 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
   if (furtherVolumeCount > kMaxVolumes)
     Fail("\r\nThis database names %u further volumes; at most %u are supported.\r\n", furtherVolumeCount,
          kMaxVolumes);
-  if (furtherVolumeCount != 0) DiscoverVolumeSet();
+  if (furtherVolumeCount != 0 && !LeftByInterruptedRun()) DiscoverVolumeSet();
 
   const std::string lockPath = LockPathFor(databaseFileName);
   TheStore().Lock(lockPath, databaseFileName);

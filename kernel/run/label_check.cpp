@@ -11,13 +11,16 @@ namespace bt {
 
 namespace {
 std::string (*interruptedAdvice)(const std::string&) = nullptr;
+bool leftByInterruptedRun = false;
 }  // namespace
 
 void SetInterruptedAdvice(std::string (*advice)(const std::string& fileName)) { interruptedAdvice = advice; }
+bool LeftByInterruptedRun() { return leftByInterruptedRun; }
 
 void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& cl) {
   using namespace label;
   const std::string interrupted = interruptedAdvice != nullptr ? interruptedAdvice(databaseFileName) : std::string();
+  leftByInterruptedRun = !interrupted.empty();
   swapFlag = labelCopy[kEndianFlag] != 0 ? 0 : 1;
   const bool big = swapFlag != 0;
   const char* orderName = big ? "big-endian" : "little-endian";

@@ -18,5 +18,8 @@ void CheckLabel(const std::uint8_t* labelCopy, const CommandLine& commandLine);
 // blocks only in part: CheckLabel then answers nothing about its order, and a report ends with
 // that line (status 1).
 void SetInterruptedAdvice(std::string (*advice)(const std::string& fileName));
+// Whether the last CheckLabel found such a database: its volume set is not discovered either (its
+// volumes are in either order), and the run goes on to its refusal.
+bool LeftByInterruptedRun();
 
 }  // namespace bt
