@@ -1146,6 +1146,29 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   fs::remove(c.lock);
   ExpectTwin(c);
+
+  // A volume put back from a time before its last blocks were written: the last block the run
+  // wrote in each volume is checked, whatever the spread sample takes (the main file here, passed
+  // long before the run was cut).
+  Reset(c);
+  const RunResult whole = Convert(c, UnderTest().faultsExe, kSmallGroups + "BYTETURN_POWERCUT=1000000");
+  Reset(c);
+  ASSERT_EQ(Convert(c, UnderTest().faultsExe,
+                    kSmallGroups + "BYTETURN_POWERCUT=" + std::to_string(OperationsOf(whole) * 9 / 10) + ":1")
+                .status,
+            99);
+  const std::size_t size = gendb::GeometryFor(c.params.sizeCode).blockSize;
+  const std::vector<std::uint8_t> now = ReadBytes(c.files[0]), was = ReadBytes(c.pristine[0]);
+  std::size_t last = 0;
+  for (std::size_t i = 1; (i + 1) * size <= was.size(); ++i)
+    if (!std::equal(was.begin() + i * size, was.begin() + (i + 1) * size, now.begin() + i * size)) last = i;
+  ASSERT_NE(last, 0u);
+  WriteBytes(c.files[0], last * size, std::vector<std::uint8_t>(was.begin() + last * size, was.begin() + (last + 1) * size));
+  const RunResult behind = Recover(c, "", "");
+  EXPECT_EQ(behind.status, 1);
+  EXPECT_NE(behind.err.find("block #" + std::to_string(last + 1) + " holds other bytes"), std::string::npos) << behind.err;
+  WriteBytes(c.files[0], last * size, std::vector<std::uint8_t>(now.begin() + last * size, now.begin() + (last + 1) * size));
+  FinishAndExpectTwin(c);
 }
 
 namespace {

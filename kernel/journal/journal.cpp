@@ -106,22 +106,34 @@ void ContinueJournal(const JournalResume& resume) {
   j.groupBlock = resume.resumeBlock;
   j.groupMaps = found.commit.number == 0 ? MapState{} : found.head.maps;
   StartKeys(j.header.volumes);
+  // The sample goes on; the blocks of it that its modulus does not take are the volumes' tails.
+  std::vector<journal::Check> tails;
   if (found.commit.number != 0) {
     j.sampleModulus = std::max<std::uint64_t>(found.head.sampleModulus, 1);
-    for (const journal::Check& c : found.head.sample)
-      j.sample[BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize)] = c;
+    for (const journal::Check& c : found.head.sample) {
+      const std::uint64_t key = BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize);
+      if (Sampled(key, j.sampleModulus))
+        j.sample[key] = c;
+      else
+        tails.push_back(c);
+    }
   }
   ResumeMark();
   StartGroups();
+  for (const journal::Check& c : tails)
+    if (c.volume < j.tails.size()) j.tails[c.volume] = Journal::Tail{true, false, c, 0};
 }
 
 void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
   StampResumedGroup();
   j.landed = landed;
   // What the put-back left is what the disk holds now.
-  for (const journal::Check& c : landed)
-    if (const auto it = j.sample.find(BlockKey(j.fileKey[c.volume], c.position / blockSize)); it != j.sample.end())
-      it->second.after = c.after;
+  for (const journal::Check& c : landed) {
+    const std::uint64_t key = BlockKey(j.fileKey[c.volume], c.position / blockSize);
+    if (const auto it = j.sample.find(key); it != j.sample.end()) it->second.after = c.after;
+    for (Journal::Tail& t : j.tails)
+      if (t.set && BlockKey(t.check.volume, t.check.position / blockSize) == key) t.check.after = c.after;
+  }
 }
 
 bool JournalHoldsWrites() { return j.active; }

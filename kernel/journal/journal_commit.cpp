@@ -11,6 +11,7 @@
 #include "journal_writer.h"
 #include "messages.h"
 #include "database.h"
+#include "volume_io.h"
 
 namespace bt {
 
@@ -86,6 +87,11 @@ void Commit() {
   head.landed = std::move(j.landed);
   head.sampleModulus = j.sampleModulus;
   for (const auto& [key, check] : j.sample) head.sample.push_back(check);
+  for (Journal::Tail& t : j.tails) {
+    if (t.pending) t.check.after = journal::ChecksumOf(j.group.arena.data() + t.offset, journal::kCheckedBytes);
+    t.pending = false;
+    if (t.set && !j.sample.contains(BlockKey(t.check.volume, t.check.position / blockSize))) head.sample.push_back(t.check);
+  }
   j.landed = Landed(j.group);
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
@@ -135,6 +141,7 @@ std::size_t GroupBytes() {
 void StartGroups() {
   if (platform::TestGroupBytes() != 0) j.groupLimit = platform::TestGroupBytes();
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
+  j.tails.assign(std::size_t{furtherVolumeCount} + 1, {});
   j.oldestBusy = j.nextNumber;
   {
     const std::lock_guard<std::mutex> hold(TheJournalState().handover.lock);

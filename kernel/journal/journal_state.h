@@ -116,6 +116,15 @@ struct Journal {
   std::vector<journal::Check> landed;
   std::unordered_map<std::uint64_t, journal::Check> sample;
   std::uint64_t sampleModulus = 1;
+  // By volume: the block written at the highest position so far, which every record's sample
+  // names too: a volume put back from a time before its last blocks were written shows there,
+  // where the spread sample may miss it. Its after is taken at the commit, from the arena.
+  struct Tail {
+    bool set = false, pending = false;
+    journal::Check check;
+    std::size_t offset = 0;  // in the arena, while pending
+  };
+  std::vector<Tail> tails;
   // The main file's mark (none where the file is shorter than its blocks), through a handle of its own.
   bool marking = false;
   journal::Mark mark;

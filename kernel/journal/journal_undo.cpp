@@ -167,6 +167,11 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
     const std::uint64_t at = position + std::uint64_t{k} * blockSize, key = KeyOf(volume, at);
     g.latest[key] = offset + std::size_t{k} * blockSize;
     if (Sampled(key, j.sampleModulus)) SampleWrite(key, volume, at, beforeSums[k], bytes + std::size_t{k} * blockSize);
+    Journal::Tail& t = j.tails[volume];
+    if (t.set && at < t.check.position) continue;
+    if (!t.set || at > t.check.position) t.check = journal::Check{j.fileKey[volume], at, beforeSums[k], 0};
+    t.set = t.pending = true;
+    t.offset = offset + std::size_t{k} * blockSize;
   }
 }
 
