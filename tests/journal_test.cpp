@@ -1032,7 +1032,9 @@ TEST(Journal, TheVariableChoosesWhereTheJournalLies) {
     EXPECT_EQ(fs::file_size(c.files[0]), fs::file_size(c.pristine[0]) + bt::journal::kMarkBytes) << "the mark";
     const RunResult refused = Convert(c, UnderTest().exe, "");
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.err.find("An interrupted conversion left its journal ORVA.DAT.journal, which is not there now"),
+    EXPECT_NE(refused.err.find("An interrupted conversion left a journal whose path is too long for the mark of "
+                               "ORVA.DAT: put the journal beside it as ORVA.DAT.journal, or name its directory in "
+                               "BYTETURN_JOURNAL"),
               std::string::npos)
         << refused.err;
     const RunResult r = Recover(c, far);
@@ -1439,6 +1441,10 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
   EXPECT_EQ(second.status, 1) << second.out << second.err;
   EXPECT_EQ(second.err, "ORVA.DAT is in use by another run of byteturn.\n");
   EXPECT_FALSE(Exists(s.Path("link/orva.lck")));
+  // A report meanwhile tells the run going on, not an interrupted one.
+  const RunResult report = RunByteturn({"-r", "ORVA.DAT"}, "", s.Path("link"), UnderTest().exe);
+  EXPECT_EQ(report.status, 1);
+  EXPECT_EQ(report.err, "ORVA.DAT is in use by another run of byteturn.\n");
   EXPECT_EQ(first.get().status, 0);
   fs::remove(s.Path("link/ORVA.DAT"));
   ExpectTwin(c);

@@ -304,6 +304,11 @@ std::vector<std::string> TemporaryJournalsOf(const std::string& journalPath) {
 }
 
 std::string RecoverLine(const JournalFound& found, const std::string& fileName) {
+  if (found.marked && found.mark.journalPath.empty() && !platform::FileExists(found.path))
+    return "An interrupted conversion left a journal whose path is too long for the mark of " + fileName +
+           ": put the journal beside it as " + found.path +
+           ", or name its directory in BYTETURN_JOURNAL, then finish the conversion with byteturn-recover " + fileName +
+           ".\n";
   if (found.marked && !platform::FileExists(found.path))
     return "An interrupted conversion left its journal " + found.path +
            ", which is not there now: put it back there, then finish the conversion with byteturn-recover " +

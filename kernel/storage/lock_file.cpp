@@ -94,6 +94,14 @@ void HoldDatabaseFile(const std::string& fileName) {
   held = LockedDatabaseFile(fileName, platform::OpenReadWrite(fileName));
 }
 
+std::string InUseLine(const std::string& fileName) {
+  const platform::File file = platform::OpenReadOnly(fileName);
+  if (file == platform::kInvalidFile) return "";
+  const bool inUse = !platform::TryLockExclusive(file);
+  platform::Close(file);
+  return inUse ? fileName + " is in use by another run of byteturn.\n" : "";
+}
+
 void RefuseWhenInUse(const std::string& fileName) {
   platform::Close(LockedDatabaseFile(fileName, platform::OpenReadOnly(fileName)));
 }

@@ -18,6 +18,9 @@ void SetLockedAdvice(std::string (*advice)(const std::string& fileName));
 // use by another run of byteturn." before it writes anything. RefuseWhenInUse only looks.
 void HoldDatabaseFile(const std::string& fileName);
 void RefuseWhenInUse(const std::string& fileName);
+// The refusal's line where another process holds the file so (a run going on), else "". Not for
+// a process that holds it itself.
+std::string InUseLine(const std::string& fileName);
 // Removes the lock this process took, or else one a run of byteturn left.
 void ReleaseLock(const std::string& lockPath);
 // Removes a lock that a run of byteturn left (its text, and no run holding it); true when removed.
