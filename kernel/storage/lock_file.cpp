@@ -73,25 +73,22 @@ bool RemoveLeftLock(const std::string& lockPath) {
 }
 
 namespace {
-// Opens the main file and takes the system's lock on it; invalid when it cannot be opened (the
-// run's own open tells why).
-platform::File LockedDatabaseFile(const std::string& fileName, platform::File file) {
-  if (file == platform::kInvalidFile) return file;
-  if (!platform::TryLockExclusive(file)) {
-    platform::Close(file);
-    // The other run holds the file through another name: the lock just taken beside this one
-    // guards nothing.
-    if (!takenLock.empty()) ReleaseLock(takenLock);
-    FailTo(stderr, "%s is in use by another run of byteturn.\n", fileName.c_str());
-  }
-  return file;
-}
+std::string InUseText(const std::string& fileName) { return fileName + " is in use by another run of byteturn.\n"; }
 }  // namespace
 
+// Opens the main file and takes the system's lock on it, held while the process lasts; nothing
+// where it cannot be opened (the run's own open tells why).
 void HoldDatabaseFile(const std::string& fileName) {
   static platform::File held = platform::kInvalidFile;
   if (held != platform::kInvalidFile) return;
-  held = LockedDatabaseFile(fileName, platform::OpenReadWrite(fileName));
+  held = platform::OpenReadWrite(fileName);
+  if (held == platform::kInvalidFile || platform::TryLockExclusive(held)) return;
+  platform::Close(held);
+  held = platform::kInvalidFile;
+  // The other run holds the file through another name: the lock just taken beside this one
+  // guards nothing.
+  if (!takenLock.empty()) ReleaseLock(std::string(takenLock));
+  FailTo(stderr, "%s", InUseText(fileName).c_str());
 }
 
 std::string InUseLine(const std::string& fileName) {
@@ -99,11 +96,11 @@ std::string InUseLine(const std::string& fileName) {
   if (file == platform::kInvalidFile) return "";
   const bool inUse = !platform::TryLockExclusive(file);
   platform::Close(file);
-  return inUse ? fileName + " is in use by another run of byteturn.\n" : "";
+  return inUse ? InUseText(fileName) : "";
 }
 
 void RefuseWhenInUse(const std::string& fileName) {
-  platform::Close(LockedDatabaseFile(fileName, platform::OpenReadOnly(fileName)));
+  if (const std::string line = InUseLine(fileName); !line.empty()) FailTo(stderr, "%s", line.c_str());
 }
 
 // A lock this process took is removed; any other only where a run of byteturn left it.
@@ -116,7 +113,7 @@ void ReleaseLock(const std::string& lockPath) {
   platform::Close(heldLock);
   heldLock = platform::kInvalidFile;
   platform::RemoveFile(lockPath);
-  takenLock.clear();  // after the removal: lockPath may be it
+  takenLock.clear();
 }
 
 }  // namespace bt
