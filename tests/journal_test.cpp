@@ -416,13 +416,34 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_EQ(why, "it was written by an earlier version of byteturn (journal version 4): finish the run with the "
                    "byteturn-recover of that version");
   }
+  {
+    // One of version 5, before the key check: read as it is, with no key to check.
+    header.keyChecked = true;
+    header.keyCheck = 0x1234;
+    std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
+    j::Header back;
+    std::string why;
+    ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
+    EXPECT_TRUE(back.keyChecked);
+    EXPECT_EQ(back.keyCheck, 0x1234u);
+    bytes.resize(bytes.size() - 8 - 12);
+    bt::StoreLE32(bytes.data() + 8, 5);
+    const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
+    for (int k = 0; k < 8; ++k) bytes.push_back(static_cast<std::uint8_t>(sum >> (8 * k)));
+    back = j::Header{};
+    ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
+    EXPECT_FALSE(back.keyChecked);
+    EXPECT_EQ(back.lockPath, "L");
+    header.keyChecked = false;
+    header.keyCheck = 0;
+  }
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
-    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the lock's name
+    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the key check's
     EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << "main file name of " << name;
     EXPECT_EQ(why, "its header is damaged");
   }
@@ -928,7 +949,8 @@ TEST(Journal, AnOldJournalBesideADatabaseConvertedToItsEndIsRefused) {
 }
 
 // After a cut, an encrypted database's journal holds neither its key nor the password; the
-// recovery asks for both again, and a wrong password changes nothing.
+// recovery asks for both again, and a wrong password, or a keyfile whose key of the same ID is
+// another, changes nothing.
 TEST(Journal, EncryptedDatabasesKeepTheirSecretsOutOfTheJournal) {
   for (const char* id : {"one", "two"}) {
     SCOPED_TRACE(id);
@@ -947,6 +969,18 @@ TEST(Journal, EncryptedDatabasesKeepTheirSecretsOutOfTheJournal) {
     const RunResult wrong = Recover(c, "", Shown(c.keyfile) + "\nadmin\nnot it\n");
     EXPECT_EQ(wrong.status, 1) << wrong.out << wrong.err;
     EXPECT_NE(wrong.err.find("Keyfile: Username: Password: "), std::string::npos) << wrong.err;
+    ExpectUnchanged(c, before);
+    std::vector<std::uint8_t> otherKey = p.databaseKey;
+    otherKey[31] ^= 1;
+    const std::string other = s.Path("other.key");
+    ASSERT_EQ(gendb::WriteKeyfile(other, id == std::string("two") ? "2.0" : "1.0", id, "admin", "pw", otherKey), "");
+    const RunResult another = Recover(c, "", Shown(other) + "\nadmin\npw\n");
+    EXPECT_EQ(another.status, 1) << another.out << another.err;
+    EXPECT_NE(another.err.find("byteturn-recover: the keyfile gives another key than the one the interrupted run "
+                               "converted ORVA.DAT with, under the same key ID: give the keyfile that run was given. "
+                               "Nothing was changed.\n"),
+              std::string::npos)
+        << another.err;
     ExpectUnchanged(c, before);
     FinishAndExpectTwin(c);
   }

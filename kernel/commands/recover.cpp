@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "driver.h"
+#include "block_cipher.h"
 #include "block_undo.h"
 #include "journal.h"
 #include "journal_files.h"
@@ -411,6 +412,11 @@ void Recover(int argc, const char* const* argv) {
   commandLine.verbose = found.header.verbose;
   commandLine.fileName = databaseFileName;
   CheckLabel(found.header.label, commandLine);  // asks for the keyfile again where there is one
+  // Another key of the same key ID (a keyfile of another database, or of before the key was
+  // changed) would take every block from here on for garbage and pass it over, or write it so.
+  if (found.header.keyChecked && KeyCheck(found.header.runId) != found.header.keyCheck)
+    Refuse("the keyfile gives another key than the one the interrupted run converted " + databaseFileName +
+           " with, under the same key ID: give the keyfile that run was given. Nothing was changed.");
   if (found.commit.number != 0 && found.head.blockSize != blockSize)
     Refuse("the journal " + path + " cannot be used: its last record is damaged. Nothing was changed.");
   CheckFilesOrRefuse(found, path);

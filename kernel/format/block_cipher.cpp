@@ -13,6 +13,15 @@ void BlockIv(std::uint32_t b, std::uint8_t iv[16]) {
   crypto::AesEncryptBlock(iv, iv, encryptionKeySchedule);
 }
 
+std::uint64_t KeyCheck(std::uint64_t salt) {
+  if (!databaseKeyLoaded) return 0;
+  std::uint8_t block[16];
+  StoreLE64(block, salt);
+  for (int i = 8; i < 16; ++i) block[i] = 0xC5;
+  crypto::AesEncryptBlock(block, block, encryptionKeySchedule);
+  return LoadLE64(block);
+}
+
 void DecryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]) {
   std::uint8_t chain[16];
   for (int i = 0; i < 16; ++i) chain[i] = iv[i];

@@ -6,6 +6,11 @@
 
 namespace bt {
 
+// A value that tells one database key from another and gives nothing of it away: the database
+// key's encryption of salt (little-endian) followed by eight bytes 0xC5, its first eight bytes
+// taken little-endian. 0 when no database key is loaded.
+std::uint64_t KeyCheck(std::uint64_t salt);
+
 // The CBC IV of block b (a database key must be loaded).
 void BlockIv(std::uint32_t b, std::uint8_t iv[16]);
 // CBC over length bytes (a multiple of 16) from the IV given, as a block's own does from the

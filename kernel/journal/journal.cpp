@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "block_cipher.h"
 #include "journal_commit.h"
 #include "journal_files.h"
 #include "journal_state.h"
@@ -80,6 +81,8 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
     j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
                                 VolumeIdentity(v)});
   j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
+  j.header.keyChecked = databaseEncrypted && databaseKeyLoaded;
+  j.header.keyCheck = KeyCheck(j.header.runId);
   const platform::File main = platform::OpenReadOnly(databaseFileName);
   const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
   platform::Close(main);

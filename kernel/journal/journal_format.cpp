@@ -141,6 +141,8 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
   }
   w.U64(header.mainFileSize);
   w.Text(header.lockPath);
+  w.U32(header.keyChecked ? 1 : 0);
+  w.U64(header.keyCheck);
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   return w.bytes;
 }
@@ -151,11 +153,12 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
     why = "it does not begin as a journal does";
     return false;
   }
-  if (const std::uint32_t version = r.U32(); version != kVersion) {
-    why = version < kVersion && version != 0 ? "it was written by an earlier version of byteturn (journal version " +
-                                                   std::to_string(version) +
-                                                   "): finish the run with the byteturn-recover of that version"
-                                             : "it was written by another version of byteturn";
+  const std::uint32_t version = r.U32();
+  if (version < kOldestVersion || version > kVersion) {
+    why = version < kOldestVersion && version != 0
+              ? "it was written by an earlier version of byteturn (journal version " + std::to_string(version) +
+                    "): finish the run with the byteturn-recover of that version"
+              : "it was written by another version of byteturn";
     return false;
   }
   header.runId = r.U64();
@@ -175,6 +178,10 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
   }
   header.mainFileSize = r.U64();
   header.lockPath = r.Text();
+  if (version >= 6) {
+    header.keyChecked = r.U32() != 0;
+    header.keyCheck = r.U64();
+  }
   const std::size_t content = r.at;
   if (!r.ok || r.U64() != ChecksumOf(bytes, content) || !r.ok || header.volumes.empty()) {
     why = "its header is damaged";

@@ -31,7 +31,8 @@
 namespace bt::journal {
 
 // Version 5 gave each block's undo a kind byte (block_undo.h); journals of version 4 are refused.
-inline constexpr std::uint32_t kVersion = 5;
+// Version 6 added the key check to the header; a journal of version 5 is read without it.
+inline constexpr std::uint32_t kVersion = 6, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
@@ -72,6 +73,10 @@ struct Header {
   std::vector<VolumeRecord> volumes;  // the main file first, then volumes 1..n
   std::uint64_t mainFileSize = 0;     // before the run; the run's mark lies there (mark.h)
   std::string lockPath;               // the lock the run took, "" for none
+  // Of an encrypted database: KeyCheck(runId) under the key the run was given, so that a recovery
+  // given another key of the same key ID is refused. None in a journal of version 5.
+  bool keyChecked = false;
+  std::uint64_t keyCheck = 0;
 };
 std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.
