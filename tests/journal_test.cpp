@@ -420,19 +420,26 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     // One of version 5, before the key check: read as it is, with no key to check.
     header.keyChecked = true;
     header.keyCheck = 0x1234;
+    header.mainFileSize = 0x3000;
+    header.volumes[0].size = 0x2000;
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_TRUE(back.keyChecked);
     EXPECT_EQ(back.keyCheck, 0x1234u);
+    EXPECT_EQ(back.volumes[0].size, 0x2000u);
+    // Its end: the volume's size, the main file's size, the lock "L", the key check, the checksum.
     bytes.resize(bytes.size() - 8 - 12);
+    bytes.erase(bytes.end() - 3 - 8 - 8, bytes.end() - 3 - 8);
     bt::StoreLE32(bytes.data() + 8, 5);
     const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
     for (int k = 0; k < 8; ++k) bytes.push_back(static_cast<std::uint8_t>(sum >> (8 * k)));
     back = j::Header{};
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_FALSE(back.keyChecked);
+    EXPECT_EQ(back.volumes[0].size, 0u);
+    EXPECT_EQ(back.mainFileSize, 0x3000u);
     EXPECT_EQ(back.lockPath, "L");
     header.keyChecked = false;
     header.keyCheck = 0;
@@ -1171,6 +1178,17 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   EXPECT_NE(ahead.err.find(Shown(c.files[2]) + " does not hold the volume info block of volume #2 of this database"),
             std::string::npos)
       << ahead.err;
+  EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.journal) == before.journal);
+  WriteBytes(c.files[2], 0, left);
+  // A volume cut short since (its last block, which the run may never read) is refused as it is.
+  fs::resize_file(c.files[2], left.size() - gendb::GeometryFor(c.params.sizeCode).blockSize);
+  const RunResult cut = Recover(c, "", "");
+  EXPECT_EQ(cut.status, 1);
+  EXPECT_NE(cut.err.find(Shown(c.files[2]) + " is not as the interrupted run left it: it holds " +
+                         std::to_string(left.size() - gendb::GeometryFor(c.params.sizeCode).blockSize) +
+                         " bytes, where the run found " + std::to_string(left.size())),
+            std::string::npos)
+      << cut.err;
   EXPECT_TRUE(ReadBytes(c.files[0]) == before.files[0] && ReadBytes(c.journal) == before.journal);
   WriteBytes(c.files[2], 0, left);
   // A volume that cannot be opened for writing is refused before anything is written.

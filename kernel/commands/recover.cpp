@@ -279,6 +279,16 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
     const platform::File file = platform::OpenReadWrite(path);
     if (file == platform::kInvalidFile) Refuse("cannot open " + path + ". " + ErrorText() + " Nothing was changed.");
     identities.push_back(platform::IdentityOf(file));
+    // A further volume holds as many bytes as when the run began (one that is the main file bears
+    // its mark, and is the main file's to check).
+    const std::uint64_t was = v == 0 || keys[v] == keys[0] ? 0 : h.volumes[v].size;
+    const std::int64_t size = platform::FileSize(file);
+    if (was != 0 && size >= 0 && static_cast<std::uint64_t>(size) != was) {
+      platform::Close(file);
+      Refuse(path + " is not as the interrupted run left it: it holds " + std::to_string(size) +
+             " bytes, where the run found " + std::to_string(was) +
+             " (cut short or added to since). Put back the files as the run left them. Nothing was changed.");
+    }
     std::uint8_t label[journal::kLabelCopyBytes] = {};
     const bool labelRead = v != 0 || ReadThrough(file, 0, label, sizeof label);
     platform::Close(file);

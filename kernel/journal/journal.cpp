@@ -77,9 +77,11 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   j.header.mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
   j.header.primaryDirectory = FullPath(primaryDirectory);
   for (const std::string& d : volumeDirectories) j.header.directories.push_back(FullPath(d));
+  // A further volume's size, which the run does not change: a recovery refuses one cut short (or
+  // grown) since, where the blocks lost may be some the run never reads.
   for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v)
     j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
-                                VolumeIdentity(v)});
+                                VolumeIdentity(v), v == 0 ? 0 : VolumeSize(v)});
   j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
   j.header.keyChecked = databaseEncrypted && databaseKeyLoaded;
   j.header.keyCheck = KeyCheck(j.header.runId);

@@ -138,6 +138,7 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
     w.U32(v.firstBlock);
     w.U64(v.identity.device);
     w.U64(v.identity.index);
+    w.U64(v.size);
   }
   w.U64(header.mainFileSize);
   w.Text(header.lockPath);
@@ -175,6 +176,7 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
     v.firstBlock = r.U32();
     v.identity.device = r.U64();
     v.identity.index = r.U64();
+    if (version >= 6) v.size = r.U64();
   }
   header.mainFileSize = r.U64();
   header.lockPath = r.Text();

@@ -31,7 +31,8 @@
 namespace bt::journal {
 
 // Version 5 gave each block's undo a kind byte (block_undo.h); journals of version 4 are refused.
-// Version 6 added the key check to the header; a journal of version 5 is read without it.
+// Version 6 added the key check and the volumes' sizes to the header; a journal of version 5 is
+// read without them.
 inline constexpr std::uint32_t kVersion = 6, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;
@@ -61,6 +62,7 @@ struct VolumeRecord {
   std::uint16_t directory = 0;  // 0: the primary directory, k: additional directory k - 1
   std::uint32_t firstBlock = 0;
   platform::FileIdentity identity;
+  std::uint64_t size = 0;  // a further volume's bytes before the run (0: not known, as in version 5)
 };
 
 // Paths are full paths, as the run resolved them: a recovery started anywhere finds the files.

@@ -46,10 +46,14 @@ platform::FileIdentity IdentityOfDatabaseFile(platform::File file) {
 
 namespace {
 platform::FileIdentity volumeIdentities[kMaxVolumes + 1];
+std::uint64_t volumeSizes[kMaxVolumes + 1];
 }
 
 void NoteVolumeIdentity(std::uint32_t volume, platform::File file) {
-  if (volume <= kMaxVolumes) volumeIdentities[volume] = IdentityOfDatabaseFile(file);
+  if (volume > kMaxVolumes) return;
+  volumeIdentities[volume] = IdentityOfDatabaseFile(file);
+  const std::int64_t size = platform::FileSize(file);
+  volumeSizes[volume] = size < 0 ? 0 : static_cast<std::uint64_t>(size);
 }
 
 namespace {
@@ -84,6 +88,7 @@ std::vector<std::uint32_t> FileKeys(const std::vector<platform::FileIdentity>& i
 platform::FileIdentity VolumeIdentity(std::uint32_t volume) {
   return volume <= kMaxVolumes ? volumeIdentities[volume] : platform::FileIdentity{};
 }
+std::uint64_t VolumeSize(std::uint32_t volume) { return volume <= kMaxVolumes ? volumeSizes[volume] : 0; }
 
 platform::File OpenVolumeFile(std::uint32_t volume) {
   std::string path = VolumePath(volume);

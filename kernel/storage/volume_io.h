@@ -19,9 +19,11 @@ platform::File OpenDatabaseFile(const std::string& path);
 // The identity of a file opened by OpenDatabaseFile (asked of the system for any other handle).
 platform::FileIdentity IdentityOfDatabaseFile(platform::File file);
 platform::File OpenVolumeFile(std::uint32_t volume);
-// The identity of volume's file as its check before the run found it (the main file is volume 0).
+// The identity and size of volume's file as its check before the run found them (the main file is
+// volume 0; size 0 where it could not be told).
 void NoteVolumeIdentity(std::uint32_t volume, platform::File file);
 platform::FileIdentity VolumeIdentity(std::uint32_t volume);
+std::uint64_t VolumeSize(std::uint32_t volume);
 
 // Which volume a handle opened by OpenVolumeFile is (the main file is volume 0; 0 for another).
 void NoteVolumeOfFile(platform::File file, std::uint32_t volume);
