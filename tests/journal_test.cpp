@@ -417,11 +417,13 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
                    "byteturn-recover of that version");
   }
   {
-    // One of version 5, before the key check: read as it is, with no key to check.
+    // One of version 5, before the key check, the volumes' sizes and the table of written blocks:
+    // read as it is, with none of them.
     header.keyChecked = true;
     header.keyCheck = 0x1234;
     header.mainFileSize = 0x3000;
     header.volumes[0].size = 0x2000;
+    header.tableBlocks = 3000;
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
@@ -429,8 +431,10 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_TRUE(back.keyChecked);
     EXPECT_EQ(back.keyCheck, 0x1234u);
     EXPECT_EQ(back.volumes[0].size, 0x2000u);
-    // Its end: the volume's size, the main file's size, the lock "L", the key check, the checksum.
-    bytes.resize(bytes.size() - 8 - 12);
+    EXPECT_EQ(j::RecordsStart(back), j::kRecordsOffset + 8192);
+    // Its end: the volume's size, the main file's size, the lock "L", the key check, the table's
+    // size, the checksum.
+    bytes.resize(bytes.size() - 8 - 4 - 12);
     bytes.erase(bytes.end() - 3 - 8 - 8, bytes.end() - 3 - 8);
     bt::StoreLE32(bytes.data() + 8, 5);
     const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
@@ -439,10 +443,12 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_FALSE(back.keyChecked);
     EXPECT_EQ(back.volumes[0].size, 0u);
+    EXPECT_EQ(j::RecordsStart(back), j::kRecordsOffset);
     EXPECT_EQ(back.mainFileSize, 0x3000u);
     EXPECT_EQ(back.lockPath, "L");
     header.keyChecked = false;
     header.keyCheck = 0;
+    header.tableBlocks = 0;
   }
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
@@ -450,7 +456,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
-    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the key check's
+    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the table's size
     EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << "main file name of " << name;
     EXPECT_EQ(why, "its header is damaged");
   }
@@ -834,9 +840,13 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
 TEST(Journal, AJournalThatFailsEndsTheRunWhichTheRecoveryFinishes) {
   Scratch s;
   const Case c = Prepare(s, Rich());
+  bt::journal::Header header;  // the records begin after the table of written blocks
+  header.tableBlocks = c.params.lastBlock + 1;
+  const std::string inRecord = std::to_string(bt::journal::RecordsStart(header) + 3136);
   for (const std::string& byRun : {std::string(), kRecordByRun})
-    for (const auto& [plan, message] : {std::pair{"write:ORVA.DAT.journal:40000:EIO", "\r\nError writing journal "},
-                                        std::pair{"sync:ORVA.DAT.journal:4:EIO", "\r\nError flushing journal "}}) {
+    for (const auto& [plan, message] :
+         {std::pair{"write:ORVA.DAT.journal:" + inRecord + ":EIO", "\r\nError writing journal "},
+          std::pair{std::string("sync:ORVA.DAT.journal:4:EIO"), "\r\nError flushing journal "}}) {
       SCOPED_TRACE(byRun + plan);
       Reset(c);
       const RunResult stopped = Convert(c, UnderTest().faultsExe, byRun + kSmallGroups + "BYTETURN_FAULTS='" + plan + "'");
@@ -1222,6 +1232,29 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   EXPECT_EQ(behind.status, 1);
   EXPECT_NE(behind.err.find("block #" + std::to_string(last + 1) + " holds other bytes"), std::string::npos) << behind.err;
   WriteBytes(c.files[0], last * size, std::vector<std::uint8_t>(now.begin() + last * size, now.begin() + (last + 1) * size));
+  // A block as it was before the run amid converted ones, as in a file put back from a copy taken
+  // while the run went on (read in turn, some blocks before the run reached them): every block the
+  // run wrote is checked, not only those the journal's last record names.
+  const bt::journal::Found nine = FoundIn(ReadBytes(c.journal));
+  std::set<std::uint64_t> named;  // positions in the main file
+  for (const auto* checks : {&nine.head.sample, &nine.head.landed})
+    for (const bt::journal::Check& check : *checks)
+      if (check.volume == 0) named.insert(check.position);
+  for (const bt::journal::Entry& e : nine.head.entries)
+    for (std::uint32_t k = 0; k < e.blocks && e.volume == 0; ++k) named.insert(e.position + std::uint64_t{k} * size);
+  std::size_t band = 0;
+  for (std::size_t i = 1; i < last && band == 0; ++i)
+    if (!named.contains(i * size) && !std::equal(was.begin() + i * size, was.begin() + (i + 1) * size, now.begin() + i * size))
+      band = i;
+  ASSERT_NE(band, 0u);
+  WriteBytes(c.files[0], band * size, std::vector<std::uint8_t>(was.begin() + band * size, was.begin() + (band + 1) * size));
+  const RunResult copied = Recover(c, "", "");
+  EXPECT_EQ(copied.status, 1);
+  EXPECT_NE(copied.err.find("byteturn-recover: ORVA.DAT is not as the interrupted run left it: block #" +
+                            std::to_string(band + 1) + " holds other bytes than the run wrote there. Put back the files"),
+            std::string::npos)
+      << copied.err;
+  WriteBytes(c.files[0], band * size, std::vector<std::uint8_t>(now.begin() + band * size, now.begin() + (band + 1) * size));
   FinishAndExpectTwin(c);
 }
 

@@ -116,6 +116,29 @@ std::vector<std::uint64_t> WrittenByLastRecord(const journal::Found& found, cons
   return written;
 }
 
+// Refuses the files: block at position of volume holds other bytes than the run wrote there. Where
+// every block the journal sampled (sampled of them, SIZE_MAX: not known) holds what it held before
+// the run, the database looks restored from a backup taken before it.
+[[noreturn]] void RefuseChangedBlock(const journal::Found& found, const std::string& path, std::uint32_t volume,
+                                     std::uint64_t position, std::size_t sampledAsBefore, const std::string& caution) {
+  const std::string file = VolumePath(volume);
+  std::string text = file + " is not as the interrupted run left it: block #" +
+                     std::to_string(BlockAt(volume, position, found.head.blockSize)) +
+                     " holds other bytes than the run wrote there.";
+  const std::string& lock = found.header.lockPath;
+  const std::string remove = "remove the journal " + path +
+                             (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string());
+  if (sampledAsBefore != SIZE_MAX) {
+    text += " Every block the journal sampled (" + std::to_string(sampledAsBefore) +
+            ", the label block among them) holds what it held before the run, as in a database restored from a "
+            "backup taken before it: if that is what it is, " + remove + " and run byteturn again.";
+  } else {
+    text += " Put back the files as the run left them; or restore the whole database from a backup taken before "
+            "the run, " + remove + " and run byteturn again.";
+  }
+  Refuse(text + caution + " Nothing was changed.");
+}
+
 // Every block the last record names outside its own writes must hold what the run last wrote
 // there: otherwise a file was put back from a backup, rolled back, or replaced since. Where every
 // sampled block holds what it held before the run, the database looks as it was before it.
@@ -141,22 +164,54 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
     }
   for (const platform::File file : files) platform::Close(file);
   if (differs == nullptr) return;
-  const std::string file = VolumePath(differs->volume);
-  std::string text = file + " is not as the interrupted run left it: block #" +
-                     std::to_string(BlockAt(differs->volume, differs->position, size)) +
-                     " holds other bytes than the run wrote there.";
-  const std::string& lock = found.header.lockPath;
-  const std::string remove = "remove the journal " + path +
-                             (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string());
-  if (asBefore == sampled)
-    text += " Every block the journal sampled (" + std::to_string(sampled) +
-            ", the label block among them) holds what it held before the run, as in a database restored from a "
-            "backup taken before it: if that is what it is, " + remove + " and run byteturn again.";
-  else
-    text += " Put back the files as the run left them; or restore the whole database from a backup taken before "
-            "the run, " + remove + " and run byteturn again.";
-  Refuse(text + caution + " Nothing was changed.");
+  RefuseChangedBlock(found, path, differs->volume, differs->position, asBefore == sampled ? sampled : SIZE_MAX, caution);
 }
+
+// The table of written blocks: every block the run wrote before its resume point (outside the last
+// record's writes) must still hold what the run wrote there. A file put back from a copy taken
+// while the run went on (its blocks read in turn, some before the run reached them) holds a band
+// of blocks as they were before the run, which the sample may miss. A volume that is another's
+// file too is left to the checks of links: its blocks are written through both names.
+void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File journalFile, const std::string& path,
+                                const std::vector<std::uint32_t>& keys, const std::string& caution) {
+  const journal::Header& h = found.header;
+  if (found.commit.number == 0 || h.tableBlocks == 0) return;
+  const std::uint32_t size = found.head.blockSize;
+  const std::uint64_t end = std::min<std::uint64_t>(found.head.resumeBlock, h.tableBlocks);
+  const std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
+  constexpr std::uint32_t kRun = 128;
+  std::vector<std::uint8_t> entries(2 * kRun), blocks(std::size_t{kRun} * size);
+  for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {
+    if (std::count(keys.begin(), keys.end(), keys[v]) != 1) continue;
+    const std::uint64_t first = v == 0 ? 1 : volumeFirstBlock[v];
+    const std::uint64_t last = std::min<std::uint64_t>(
+        v == furtherVolumeCount ? lastBlock : volumeFirstBlock[v + 1] - std::uint64_t{1}, end - 1);
+    platform::File file = platform::kInvalidFile;
+    for (std::uint64_t b = first; b <= last; b += kRun) {
+      const std::uint32_t n = static_cast<std::uint32_t>(std::min<std::uint64_t>(kRun, last - b + 1));
+      std::fill(entries.begin(), entries.end(), 0);
+      if (platform::ReadAt(journalFile, entries.data(), std::size_t{2} * n, journal::kTableOffset + 2 * b) <= 0) continue;
+      bool any = false;
+      for (std::uint32_t k = 0; k < n && !any; ++k) any = LoadLE16(entries.data() + 2 * k) != 0;
+      if (!any) continue;
+      if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(v));
+      const std::uint64_t position = (b - first) * size;
+      const bool read = ReadThrough(file, position, blocks.data(), n * size);
+      for (std::uint32_t k = 0; k < n; ++k) {
+        const std::uint16_t entry = LoadLE16(entries.data() + 2 * k);
+        const std::uint64_t at = position + std::uint64_t{k} * size;
+        if (entry == 0 || std::binary_search(written.begin(), written.end(), BlockKey(keys[v], at / size))) continue;
+        if (read && journal::Fingerprint(journal::ChecksumOf(blocks.data() + std::size_t{k} * size,
+                                                             journal::kCheckedBytes)) == entry)
+          continue;
+        platform::Close(file);
+        RefuseChangedBlock(found, path, v, at, SIZE_MAX, caution);
+      }
+    }
+    platform::Close(file);
+  }
+}
+
 
 // The order in which the run left block b at position of the file of key: converted where the
 // run had passed it, as it was where it had not; either where the last record writes it (the
@@ -247,7 +302,7 @@ bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, con
 // The files of the database must be those the interrupted run converted, wherever they are now:
 // linked to each other as they were, the main file beginning with its label block as the run found
 // it or converts it, and every block the journal names as the run left it.
-void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalPath) {
+void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile, const std::string& journalPath) {
   const journal::Header& h = found.header;
   if (h.volumes.size() != std::size_t{furtherVolumeCount} + 1)
     Refuse("the journal does not describe the volume set of " + databaseFileName + ". Nothing was changed.");
@@ -323,6 +378,7 @@ void CheckFilesOrRefuse(const journal::Found& found, const std::string& journalP
            std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
   CheckContentsOrRefuse(found, journalPath, keys, caution);
   if (furtherVolumeCount != 0) CheckVolumeInfoOrRefuse(found, keys);
+  CheckWrittenBlocksOrRefuse(found, journalFile, journalPath, keys, caution);
   // The run marks the main file before its first commit and cuts the mark off only once every file
   // is complete: a file that takes the mark and bears none, where the journal has a commit, was
   // converted to its end (a cut before the journal was removed, or a journal put back since). Its
@@ -429,7 +485,7 @@ void Recover(int argc, const char* const* argv) {
            " with, under the same key ID: give the keyfile that run was given. Nothing was changed.");
   if (found.commit.number != 0 && found.head.blockSize != blockSize)
     Refuse("the journal " + path + " cannot be used: its last record is damaged. Nothing was changed.");
-  CheckFilesOrRefuse(found, path);
+  CheckFilesOrRefuse(found, file, path);
 
   const std::uint32_t resume = found.commit.number == 0 ? 1 : found.head.resumeBlock;
   Print("\r\nResuming the interrupted conversion at block #%u.\r\n", resume);

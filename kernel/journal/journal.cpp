@@ -85,6 +85,7 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
   j.header.keyChecked = databaseEncrypted && databaseKeyLoaded;
   j.header.keyCheck = KeyCheck(j.header.runId);
+  j.header.tableBlocks = lastBlock < UINT32_MAX ? lastBlock + 1 : UINT32_MAX;
   const platform::File main = platform::OpenReadOnly(databaseFileName);
   const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
   platform::Close(main);

@@ -33,10 +33,9 @@ std::uint64_t PlaceRecord(std::uint64_t size) {
     return false;
   };
   std::uint64_t best = UINT64_MAX;
-  for (std::uint64_t at : {journal::kRecordsOffset, j.placed[0].offset + j.placed[0].size,
-                           j.placed[1].offset + j.placed[1].size}) {
-    at = (std::max(at, journal::kRecordsOffset) + journal::kRecordAlignment - 1) / journal::kRecordAlignment *
-         journal::kRecordAlignment;
+  const std::uint64_t start = journal::RecordsStart(j.header);
+  for (std::uint64_t at : {start, j.placed[0].offset + j.placed[0].size, j.placed[1].offset + j.placed[1].size}) {
+    at = (std::max(at, start) + journal::kRecordAlignment - 1) / journal::kRecordAlignment * journal::kRecordAlignment;
     if (at < best && !overlaps(at)) best = at;
   }
   return best;  // the end of the one that ends last always fits
@@ -56,14 +55,23 @@ void ClearGroup(Group& g) {
 }
 
 void CommitBeforeFailure();
-// The blocks of a group as its writes leave them (the last write of each), for the next record.
-std::vector<journal::Check> Landed(const Group& g) {
-  std::vector<journal::Check> landed;
+// The blocks of a group as its writes leave them (the last write of each): for the next record,
+// and by block number for the table of written blocks.
+void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<TableEntry>& table) {
+  landed.clear();
+  table.clear();
   landed.reserve(g.latest.size());
-  for (const auto& [key, offset] : g.latest)
-    landed.push_back({static_cast<std::uint32_t>(key >> 40), (key & ((std::uint64_t{1} << 40) - 1)) * blockSize, 0,
-                      journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes)});
-  return landed;
+  table.reserve(g.latest.size());
+  for (const HeldWrite& w : g.held)
+    for (std::uint32_t k = 0; k < w.size / blockSize; ++k) {
+      const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
+      const std::size_t offset = w.offset + std::size_t{k} * blockSize;
+      const auto latest = g.latest.find(BlockKey(j.fileKey[w.volume], position / blockSize));
+      if (latest == g.latest.end() || latest->second != offset) continue;  // written again in the group
+      const std::uint64_t sum = journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes);
+      landed.push_back({j.fileKey[w.volume], position, 0, sum});
+      table.push_back({w.block + k, journal::Fingerprint(sum)});
+    }
 }
 
 // Hands the group on its way, once the group that last used its flight has landed: where the run
@@ -92,7 +100,8 @@ void Commit() {
     t.pending = false;
     if (t.set && !j.sample.contains(BlockKey(t.check.volume, t.check.position / blockSize))) head.sample.push_back(t.check);
   }
-  j.landed = Landed(j.group);
+  std::vector<TableEntry> table;
+  Landed(j.group, j.landed, table);
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
   const Group& g = j.group;
@@ -106,6 +115,7 @@ void Commit() {
   f.checksum = 0;
   f.flushing = {};
   f.head = std::move(headBytes);
+  f.table = std::move(table);
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;
@@ -143,6 +153,7 @@ void StartGroups() {
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
   j.tails.assign(std::size_t{furtherVolumeCount} + 1, {});
   j.oldestBusy = j.nextNumber;
+  TheJournalState().tableDue.clear();  // no flight is on its way
   {
     const std::lock_guard<std::mutex> hold(TheJournalState().handover.lock);
     TheJournalState().handover.stopped = false;

@@ -120,6 +120,16 @@ std::uint64_t ChecksumOf(const std::uint8_t* bytes, std::size_t size) {
   return sum.Value();
 }
 
+std::uint64_t RecordsStart(const Header& header) {
+  const std::uint64_t end = kTableOffset + std::uint64_t{2} * header.tableBlocks;
+  return (end + kRecordAlignment - 1) / kRecordAlignment * kRecordAlignment;
+}
+
+std::uint16_t Fingerprint(std::uint64_t checksum) {
+  const auto f = static_cast<std::uint16_t>(checksum ^ checksum >> 16 ^ checksum >> 32 ^ checksum >> 48);
+  return f == 0 ? 1 : f;
+}
+
 std::vector<std::uint8_t> EncodeHeader(const Header& header) {
   Writer w;
   w.Raw(kHeaderMagic, 8);
@@ -144,6 +154,7 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
   w.Text(header.lockPath);
   w.U32(header.keyChecked ? 1 : 0);
   w.U64(header.keyCheck);
+  w.U32(header.tableBlocks);
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   return w.bytes;
 }
@@ -183,6 +194,7 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
   if (version >= 6) {
     header.keyChecked = r.U32() != 0;
     header.keyCheck = r.U64();
+    header.tableBlocks = r.U32();
   }
   const std::size_t content = r.at;
   if (!r.ok || r.U64() != ChecksumOf(bytes, content) || !r.ok || header.volumes.empty()) {
@@ -345,7 +357,7 @@ bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found,
   found.commit = commits[0].number >= commits[1].number ? commits[0] : commits[1];
   if (found.commit.number == 0) return true;
   const Commit& c = found.commit;
-  if (c.recordOffset < kRecordsOffset || c.recordOffset > fileSize || c.recordSize > fileSize - c.recordOffset) {
+  if (c.recordOffset < RecordsStart(found.header) || c.recordOffset > fileSize || c.recordSize > fileSize - c.recordOffset) {
     why = "its last record is cut short";
     return false;
   }

@@ -6,7 +6,10 @@
 //   kCommitOffset + 512 * s    two commit sectors (s = 0, 1; the commit of number n is in sector
 //                              n % 2), each naming the last record that is whole on disk and the
 //                              checksum of that record, checksummed itself
-//   from kRecordsOffset        records, 4096-aligned: a group of writes, the point of the run before
+//   kTableOffset               (version 6) the table of written blocks: by block number, 2 bytes
+//                              each, the fingerprint of the block's first sector as the run last
+//                              wrote it (0: not written), of every group whose files were flushed
+//   from RecordsStart(header)  records, 4096-aligned: a group of writes, the point of the run before
 //                              them (its block, its maps), what the files must hold where the group
 //                              does not write (below), and, for each block written, the undo of
 //                              the write (block_undo.h): the words it changes, as they were or as
@@ -40,6 +43,7 @@ inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
 inline constexpr std::size_t kCommitBytes = 512;
 inline constexpr std::uint64_t kRecordsOffset = kHeaderBytes + 4096;
+inline constexpr std::uint64_t kTableOffset = kRecordsOffset;
 inline constexpr std::uint64_t kRecordAlignment = 4096;
 
 // A checksum of 64 bits over a stream of bytes (four lanes of multiply-rotate rounds): it tells a
@@ -79,7 +83,12 @@ struct Header {
   // given another key of the same key ID is refused. None in a journal of version 5.
   bool keyChecked = false;
   std::uint64_t keyCheck = 0;
+  std::uint32_t tableBlocks = 0;  // entries of the table of written blocks (0: none, as in version 5)
 };
+// Where the records begin: after the table of written blocks.
+std::uint64_t RecordsStart(const Header& header);
+// A block's entry in the table of written blocks, from the checksum of its first sector: never 0.
+std::uint16_t Fingerprint(std::uint64_t checksum);
 std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.
 bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, std::string& why);

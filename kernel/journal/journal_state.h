@@ -56,6 +56,12 @@ struct Outcome {
   std::uint32_t block = 0;   // and the block to name
 };
 
+// A block's entry in the table of written blocks (journal_format.h).
+struct TableEntry {
+  std::uint32_t block;
+  std::uint16_t fingerprint;
+};
+
 // A group committed, on its way through two threads while the run gathers the next group. Where
 // flushes cost much, the recorder writes and flushes the group's record (the record of the next
 // group can then be on its way to the disk while this one is written); then the writer flushes
@@ -67,6 +73,7 @@ inline constexpr std::size_t kFlights = 2;
 struct Flight {
   Group group;
   std::vector<std::uint8_t> head;  // the record's head
+  std::vector<TableEntry> table;   // the group's blocks as its writes leave them
   std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
   Stage stage = Stage::kFree;  // under the handover's lock
   std::size_t applied = 0;     // the writes made so far, under the handover's lock
@@ -169,6 +176,10 @@ struct JournalState {
   BatchOriginals originals;
   std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
   std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
+  // The writer's: the table entries of the group written last, which the next commit makes durable
+  // once that group's files are flushed; and the piece of the table it rewrites.
+  std::vector<TableEntry> tableDue;
+  std::vector<std::uint8_t> tablePiece;
 };
 JournalState& TheJournalState();
 

@@ -157,6 +157,29 @@ void RecordFlight(Flight& f) {
   if (stop != Stop::kNone) f.outcome.stop = stop;
 }
 
+// The table entries of the group written last, whose files were just flushed: each piece of the
+// table that they fall in is read, changed and written back (what the journal does not hold yet
+// reads as zeros, and so does a piece that cannot be read: its entries are then only not checked).
+bool WriteTable(Outcome& outcome) {
+  std::vector<TableEntry>& due = state.tableDue;
+  std::erase_if(due, [](const TableEntry& e) { return e.block >= j.header.tableBlocks; });
+  std::sort(due.begin(), due.end(), [](const TableEntry& a, const TableEntry& b) { return a.block < b.block; });
+  constexpr std::uint32_t kGap = 2048;  // entries closer than this share a piece
+  std::vector<std::uint8_t>& piece = state.tablePiece;
+  for (std::size_t i = 0, end = 0; i < due.size(); i = end) {
+    for (end = i + 1; end < due.size() && due[end].block - due[end - 1].block <= kGap;) ++end;
+    const std::uint32_t first = due[i].block;
+    const std::uint64_t at = journal::kTableOffset + std::uint64_t{2} * first;
+    piece.assign(std::size_t{2} * (due[end - 1].block - first + 1), 0);
+    const std::int64_t read = platform::ReadAt(j.file, piece.data(), piece.size(), at);
+    if (read < 0) std::fill(piece.begin(), piece.end(), 0);
+    for (std::size_t k = i; k < end; ++k) StoreLE16(piece.data() + 2 * (due[k].block - first), due[k].fingerprint);
+    if (!WriteJournal(outcome, piece.data(), piece.size(), at)) return false;
+  }
+  due.clear();
+  return true;
+}
+
 // The writer's step.
 void WriteFlight(Flight& f) {
   if (f.group.byWriter) {
@@ -169,8 +192,8 @@ void WriteFlight(Flight& f) {
     }
   }
   const auto start = Clock::now();
-  // The group before is on disk before a commit names this one.
-  if (!SyncWrittenFiles(f.outcome)) return;
+  // The group before is on disk before a commit names this one, and so is its table entries.
+  if (!SyncWrittenFiles(f.outcome) || !WriteTable(f.outcome)) return;
   std::uint8_t sector[journal::kCommitBytes];
   journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, f.checksum}, sector);
   if (!WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)) ||
@@ -178,6 +201,7 @@ void WriteFlight(Flight& f) {
     return;
   f.flushing += Clock::now() - start;
   if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
+  state.tableDue = std::move(f.table);
 }
 
 // The oldest flight in stage, under the handover's lock; nullptr where there is none.
