@@ -167,18 +167,22 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
   RefuseChangedBlock(found, path, differs->volume, differs->position, asBefore == sampled ? sampled : SIZE_MAX, caution);
 }
 
-// The table of written blocks: every block the run wrote before its resume point (outside the last
-// record's writes) must still hold what the run wrote there. A file put back from a copy taken
-// while the run went on (its blocks read in turn, some before the run reached them) holds a band
-// of blocks as they were before the run, which the sample may miss. A volume that is another's
-// file too is left to the checks of links: its blocks are written through both names.
+// The table of written blocks: every block the run wrote before its resume point must still hold
+// what the run wrote there. A file put back from a copy taken while the run went on (its blocks
+// read in turn, some before the run reached them) holds a band of blocks as they were before the
+// run, which the sample may miss. Left out: the last record's writes (put back), and the blocks of
+// the group before it, whose entries were written with the last commit and may be lost with it
+// where the power went (the record names them, checked whole). A volume that is another's file
+// too is left to the checks of links: its blocks are written through both names.
 void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File journalFile, const std::string& path,
                                 const std::vector<std::uint32_t>& keys, const std::string& caution) {
   const journal::Header& h = found.header;
   if (found.commit.number == 0 || h.tableBlocks == 0) return;
   const std::uint32_t size = found.head.blockSize;
   const std::uint64_t end = std::min<std::uint64_t>(found.head.resumeBlock, h.tableBlocks);
-  const std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
+  std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
+  for (const journal::Check& c : found.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
+  std::sort(written.begin(), written.end());
   constexpr std::uint32_t kRun = 128;
   std::vector<std::uint8_t> entries(2 * kRun), blocks(std::size_t{kRun} * size);
   for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {
