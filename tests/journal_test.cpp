@@ -1251,10 +1251,51 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   const RunResult copied = Recover(c, "", "");
   EXPECT_EQ(copied.status, 1);
   EXPECT_NE(copied.err.find("byteturn-recover: ORVA.DAT is not as the interrupted run left it: block #" +
-                            std::to_string(band + 1) + " holds other bytes than the run wrote there. Put back the files"),
+                            std::to_string(band + 1) + " holds other bytes than the run wrote there (the block at byte " +
+                            std::to_string(band * size) + " of the file). Put back the files"),
             std::string::npos)
       << copied.err;
   WriteBytes(c.files[0], band * size, std::vector<std::uint8_t>(now.begin() + band * size, now.begin() + (band + 1) * size));
+  // So is a block of which the copy took the second half as it was (read as the write was half
+  // made), and, after a cut halfway, a block past the resume point that the run wrote out of turn
+  // (a big string that a node before it named: the recovery's run passes it over).
+  std::size_t split = 0;
+  for (std::size_t i = 1; i < last && split == 0; ++i)
+    if (!named.contains(i * size) && !std::equal(was.begin() + i * size + size / 2, was.begin() + (i + 1) * size,
+                                                 now.begin() + i * size + size / 2))
+      split = i;
+  ASSERT_NE(split, 0u);
+  WriteBytes(c.files[0], split * size + size / 2,
+             std::vector<std::uint8_t>(was.begin() + split * size + size / 2, was.begin() + (split + 1) * size));
+  const RunResult torn = Recover(c, "", "");
+  EXPECT_EQ(torn.status, 1);
+  EXPECT_NE(torn.err.find("block #" + std::to_string(split + 1) + " holds other bytes"), std::string::npos) << torn.err;
+  WriteBytes(c.files[0], split * size, std::vector<std::uint8_t>(now.begin() + split * size, now.begin() + (split + 1) * size));
+  const bt::journal::Found midway = FoundIn(CutHalfway(c));
+  std::set<std::pair<std::uint32_t, std::uint64_t>> recorded;  // by volume and position
+  for (const auto* checks : {&midway.head.sample, &midway.head.landed})
+    for (const bt::journal::Check& check : *checks) recorded.insert({check.volume, check.position});
+  for (const bt::journal::Entry& e : midway.head.entries)
+    for (std::uint32_t k = 0; k < e.blocks; ++k) recorded.insert({e.volume, e.position + std::uint64_t{k} * size});
+  std::uint32_t outOfTurn = 0, aheadVolume = 0;
+  std::uint64_t aheadAt = 0;
+  for (std::uint32_t v = 0; v < c.files.size() && outOfTurn == 0; ++v) {
+    const std::vector<std::uint8_t> left = ReadBytes(c.files[v]), before = ReadBytes(c.pristine[v]);
+    const std::uint32_t first = v == 0 ? 1 : midway.header.volumes[v].firstBlock;
+    for (std::uint64_t at = 0; at + size <= before.size() && outOfTurn == 0; at += size)
+      if (first + at / size >= midway.head.resumeBlock && !recorded.contains({v, at}) &&
+          !std::equal(before.begin() + at, before.begin() + at + size, left.begin() + at))
+        outOfTurn = first + static_cast<std::uint32_t>(at / size), aheadVolume = v, aheadAt = at;
+  }
+  ASSERT_NE(outOfTurn, 0u) << "a block written out of turn past the resume point";
+  const std::vector<std::uint8_t> aheadLeft = ReadBytes(c.files[aheadVolume]), aheadWas = ReadBytes(c.pristine[aheadVolume]);
+  WriteBytes(c.files[aheadVolume], aheadAt,
+             std::vector<std::uint8_t>(aheadWas.begin() + aheadAt, aheadWas.begin() + aheadAt + size));
+  const RunResult passedOver = Recover(c, "", "");
+  EXPECT_EQ(passedOver.status, 1);
+  EXPECT_NE(passedOver.err.find("block #" + std::to_string(outOfTurn) + " holds other bytes"), std::string::npos)
+      << passedOver.err;
+  WriteBytes(c.files[aheadVolume], 0, aheadLeft);
   FinishAndExpectTwin(c);
 
   // The table entries of the group before the last commit go to the disk with that commit, and

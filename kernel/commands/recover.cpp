@@ -2,6 +2,7 @@
 #include "pass.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <unordered_map>
@@ -27,6 +28,7 @@ namespace bt {
 namespace {
 
 [[noreturn]] void Refuse(const std::string& text) {
+  std::fflush(stdout);  // the label's lines before the refusal, where both go to one place
   FailTo(stderr, "byteturn-recover: %s\n", text.c_str());
 }
 
@@ -124,7 +126,8 @@ std::vector<std::uint64_t> WrittenByLastRecord(const journal::Found& found, cons
   const std::string file = VolumePath(volume);
   std::string text = file + " is not as the interrupted run left it: block #" +
                      std::to_string(BlockAt(volume, position, found.head.blockSize)) +
-                     " holds other bytes than the run wrote there.";
+                     " holds other bytes than the run wrote there (the block at byte " + std::to_string(position) +
+                     " of the file).";
   const std::string& lock = found.header.lockPath;
   const std::string remove = "remove the journal " + path +
                              (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string());
@@ -167,10 +170,12 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
   RefuseChangedBlock(found, path, differs->volume, differs->position, asBefore == sampled ? sampled : SIZE_MAX, caution);
 }
 
-// The table of written blocks: every block the run wrote before its resume point must still hold
-// what the run wrote there. A file put back from a copy taken while the run went on (its blocks
-// read in turn, some before the run reached them) holds a band of blocks as they were before the
-// run, which the sample may miss. Left out: the last record's writes (put back), and the blocks of
+// The table of written blocks: every block the run wrote must still hold what the run wrote
+// there, before its resume point as well as after it (blocks written out of turn, such as big
+// strings that a node before the resume point named: the recovery's run passes them over). A file
+// put back from a copy taken while the run went on (its blocks read in turn, some before the run
+// reached them, one maybe as a write was half made) holds blocks or parts of blocks as they were
+// before the run, which the sample may miss. Left out: the last record's writes (put back), and the blocks of
 // the group before it, whose entries were written with the last commit and may be lost with it
 // where the power went (the record names them, checked whole). A volume that is another's file
 // too is left to the checks of links: its blocks are written through both names.
@@ -179,7 +184,7 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
   const journal::Header& h = found.header;
   if (found.commit.number == 0 || h.tableBlocks == 0) return;
   const std::uint32_t size = found.head.blockSize;
-  const std::uint64_t end = std::min<std::uint64_t>(found.head.resumeBlock, h.tableBlocks);
+  const std::uint64_t end = h.tableBlocks;
   std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
   for (const journal::Check& c : found.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
   std::sort(written.begin(), written.end());
@@ -205,9 +210,7 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
         const std::uint16_t entry = LoadLE16(entries.data() + 2 * k);
         const std::uint64_t at = position + std::uint64_t{k} * size;
         if (entry == 0 || std::binary_search(written.begin(), written.end(), BlockKey(keys[v], at / size))) continue;
-        if (read && journal::Fingerprint(journal::ChecksumOf(blocks.data() + std::size_t{k} * size,
-                                                             journal::kCheckedBytes)) == entry)
-          continue;
+        if (read && journal::Fingerprint(blocks.data() + std::size_t{k} * size, size) == entry) continue;
         platform::Close(file);
         RefuseChangedBlock(found, path, v, at, SIZE_MAX, caution);
       }

@@ -70,7 +70,7 @@ void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<Tab
       if (latest == g.latest.end() || latest->second != offset) continue;  // written again in the group
       const std::uint64_t sum = journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes);
       landed.push_back({j.fileKey[w.volume], position, 0, sum});
-      table.push_back({w.block + k, journal::Fingerprint(sum)});
+      table.push_back({w.block + k, journal::Fingerprint(g.arena.data() + offset, blockSize)});
     }
 }
 

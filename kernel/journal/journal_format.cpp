@@ -125,8 +125,14 @@ std::uint64_t RecordsStart(const Header& header) {
   return (end + kRecordAlignment - 1) / kRecordAlignment * kRecordAlignment;
 }
 
-std::uint16_t Fingerprint(std::uint64_t checksum) {
-  const auto f = static_cast<std::uint16_t>(checksum ^ checksum >> 16 ^ checksum >> 32 ^ checksum >> 48);
+std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size) {
+  constexpr std::size_t kLine = 64, kTaken = 8;
+  std::uint8_t taken[65536 / kLine * kTaken];
+  std::size_t n = 0;
+  for (std::size_t at = 0; at + kTaken <= size && n < sizeof taken; at += kLine, n += kTaken)
+    std::memcpy(taken + n, block + at, kTaken);
+  const std::uint64_t sum = ChecksumOf(taken, n);
+  const auto f = static_cast<std::uint16_t>(sum ^ sum >> 16 ^ sum >> 32 ^ sum >> 48);
   return f == 0 ? 1 : f;
 }
 

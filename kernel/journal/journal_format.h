@@ -7,8 +7,8 @@
 //                              n % 2), each naming the last record that is whole on disk and the
 //                              checksum of that record, checksummed itself
 //   kTableOffset               (version 6) the table of written blocks: by block number, 2 bytes
-//                              each, the fingerprint of the block's first sector as the run last
-//                              wrote it (0: not written), of every group whose files were flushed
+//                              each, the fingerprint of the block as the run last wrote it (0: not
+//                              written), of every group whose files were flushed
 //   from RecordsStart(header)  records, 4096-aligned: a group of writes, the point of the run before
 //                              them (its block, its maps), what the files must hold where the group
 //                              does not write (below), and, for each block written, the undo of
@@ -87,8 +87,10 @@ struct Header {
 };
 // Where the records begin: after the table of written blocks.
 std::uint64_t RecordsStart(const Header& header);
-// A block's entry in the table of written blocks, from the checksum of its first sector: never 0.
-std::uint16_t Fingerprint(std::uint64_t checksum);
+// A block's entry in the table of written blocks: a checksum of the first 8 bytes of each of its
+// 64-byte lines (so that a sector or a page of it as it was before the run shows, not only its
+// header), folded to 2 bytes, never 0.
+std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size);
 std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.
 bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, std::string& why);
