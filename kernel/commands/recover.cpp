@@ -205,12 +205,18 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
       if (!any) continue;
       if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(v));
       const std::uint64_t position = (b - first) * size;
+      // Where the run of blocks cannot be read (a bad place of the disk, say), each block checked
+      // is read alone: one that cannot be is told as the put-back tells it.
       const bool read = ReadThrough(file, position, blocks.data(), n * size);
       for (std::uint32_t k = 0; k < n; ++k) {
         const std::uint16_t entry = LoadLE16(entries.data() + 2 * k);
         const std::uint64_t at = position + std::uint64_t{k} * size;
+        std::uint8_t* block = blocks.data() + std::size_t{k} * size;
         if (entry == 0 || std::binary_search(written.begin(), written.end(), BlockKey(keys[v], at / size))) continue;
-        if (read && journal::Fingerprint(blocks.data() + std::size_t{k} * size, size) == entry) continue;
+        if (!read && !ReadThrough(file, at, block, size))
+          Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(v),
+               static_cast<unsigned long long>(at), ErrorText());
+        if (journal::Fingerprint(block, size) == entry) continue;
         platform::Close(file);
         RefuseChangedBlock(found, path, v, at, SIZE_MAX, caution);
       }
