@@ -461,6 +461,23 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_EQ(why, "its header is damaged");
   }
 
+  // A block's fingerprint in the table of written blocks takes every byte: a block changed in any
+  // one byte (its header, an order mark, a field anywhere in any sector) shows, but for the odd
+  // change that a 2-byte fingerprint cannot tell (one in 65,536).
+  {
+    std::vector<std::uint8_t> block(8192);
+    std::mt19937 rng(7);
+    for (std::uint8_t& b : block) b = static_cast<std::uint8_t>(rng() % 7 == 0 ? rng() : 0);
+    const std::uint16_t whole = j::Fingerprint(block.data(), block.size());
+    std::size_t unseen = 0;
+    for (std::size_t at = 0; at < block.size(); ++at) {
+      block[at] ^= 0x11;
+      unseen += j::Fingerprint(block.data(), block.size()) == whole;
+      block[at] ^= 0x11;
+    }
+    EXPECT_LE(unseen, 2u) << "bytes whose change leaves the fingerprint as it was";
+  }
+
   // A commit sector: 48 bytes of content, the last 16 of them the record's size and checksum.
   std::uint8_t sector[j::kCommitBytes];
   j::EncodeCommit({0x5EED, 1, j::kRecordsOffset, 4000, 0xABCDEF}, sector);
@@ -1256,17 +1273,16 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
             std::string::npos)
       << copied.err;
   WriteBytes(c.files[0], band * size, std::vector<std::uint8_t>(now.begin() + band * size, now.begin() + (band + 1) * size));
-  // So is a block of which the copy took the second half as it was (read as the write was half
-  // made), and, after a cut halfway, a block past the resume point that the run wrote out of turn
+  // So is a block of which the copy took a sector in its middle as it was (read as the write was
+  // half made), and, after a cut halfway, a block past the resume point that the run wrote out of turn
   // (a big string that a node before it named: the recovery's run passes it over).
-  std::size_t split = 0;
+  std::size_t split = 0, sector = 0;
   for (std::size_t i = 1; i < last && split == 0; ++i)
-    if (!named.contains(i * size) && !std::equal(was.begin() + i * size + size / 2, was.begin() + (i + 1) * size,
-                                                 now.begin() + i * size + size / 2))
-      split = i;
+    for (std::size_t at = i * size + 1024; at + 512 < (i + 1) * size && split == 0; at += 512)
+      if (!named.contains(i * size) && !std::equal(was.begin() + at, was.begin() + at + 512, now.begin() + at))
+        split = i, sector = at;
   ASSERT_NE(split, 0u);
-  WriteBytes(c.files[0], split * size + size / 2,
-             std::vector<std::uint8_t>(was.begin() + split * size + size / 2, was.begin() + (split + 1) * size));
+  WriteBytes(c.files[0], sector, std::vector<std::uint8_t>(was.begin() + sector, was.begin() + sector + 512));
   const RunResult torn = Recover(c, "", "");
   EXPECT_EQ(torn.status, 1);
   EXPECT_NE(torn.err.find("block #" + std::to_string(split + 1) + " holds other bytes"), std::string::npos) << torn.err;

@@ -56,7 +56,7 @@ void ClearGroup(Group& g) {
 
 void CommitBeforeFailure();
 // The blocks of a group as its writes leave them (the last write of each): for the next record,
-// and by block number for the table of written blocks.
+// and by block number for the table of written blocks (whose fingerprints the writer takes).
 void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<TableEntry>& table) {
   landed.clear();
   table.clear();
@@ -70,7 +70,7 @@ void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<Tab
       if (latest == g.latest.end() || latest->second != offset) continue;  // written again in the group
       const std::uint64_t sum = journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes);
       landed.push_back({j.fileKey[w.volume], position, 0, sum});
-      table.push_back({w.block + k, journal::Fingerprint(g.arena.data() + offset, blockSize)});
+      table.push_back({w.block + k, 0, offset});
     }
 }
 

@@ -87,9 +87,9 @@ struct Header {
 };
 // Where the records begin: after the table of written blocks.
 std::uint64_t RecordsStart(const Header& header);
-// A block's entry in the table of written blocks: a checksum of the first 8 bytes of each of its
-// 64-byte lines (so that a sector or a page of it as it was before the run shows, not only its
-// header), folded to 2 bytes, never 0.
+// A block's entry in the table of written blocks: a sum over every word of the block, each
+// weighed by its place (so that any sector or byte of it as it was before the run shows, not only
+// its header), mixed and folded to 2 bytes, never 0.
 std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size);
 std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.

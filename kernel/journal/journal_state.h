@@ -59,7 +59,8 @@ struct Outcome {
 // A block's entry in the table of written blocks (journal_format.h).
 struct TableEntry {
   std::uint32_t block;
-  std::uint16_t fingerprint;
+  std::uint16_t fingerprint;  // taken by the writer, from the group's arena at offset
+  std::size_t offset;
 };
 
 // A group committed, on its way through two threads while the run gathers the next group. Where

@@ -201,6 +201,7 @@ void WriteFlight(Flight& f) {
     return;
   f.flushing += Clock::now() - start;
   if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
+  for (TableEntry& e : f.table) e.fingerprint = journal::Fingerprint(f.group.arena.data() + e.offset, blockSize);
   state.tableDue = std::move(f.table);
 }
 
