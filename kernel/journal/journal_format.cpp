@@ -129,10 +129,13 @@ std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size) {
   // Each word times a multiplier of its own place (odd, so no change of a word is lost), summed in
   // four lanes; the bytes after the last whole word are taken one at a time.
   constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15u;
-  std::uint64_t lanes[4] = {0, 0, 0, 0};
+  std::uint64_t lanes[4] = {0, 0, 0, 0}, weights[4] = {kStep, 3 * kStep, 5 * kStep, 7 * kStep};
   std::size_t at = 0;
   for (; at + 32 <= size; at += 32)
-    for (std::size_t l = 0; l < 4; ++l) lanes[l] += LoadLE64(block + at + 8 * l) * (kStep * (2 * (at / 8 + l) + 1));
+    for (std::size_t l = 0; l < 4; ++l) {
+      lanes[l] += LoadLE64(block + at + 8 * l) * weights[l];
+      weights[l] += 8 * kStep;  // word i's weight: kStep * (2i + 1)
+    }
   for (; at < size; ++at) lanes[at % 4] += std::uint64_t{block[at]} * (kStep * (2 * at + 1));
   std::uint64_t h = size;
   for (const std::uint64_t lane : lanes) {

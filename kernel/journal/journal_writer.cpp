@@ -191,9 +191,13 @@ void WriteFlight(Flight& f) {
       return;
     }
   }
-  const auto start = Clock::now();
-  // The group before is on disk before a commit names this one, and so is its table entries.
-  if (!SyncWrittenFiles(f.outcome) || !WriteTable(f.outcome)) return;
+  // The group before is on disk before a commit names this one, and so are its table entries.
+  // The flushes' time, not the table's, tells how large groups should grow.
+  auto start = Clock::now();
+  if (!SyncWrittenFiles(f.outcome)) return;
+  f.flushing += Clock::now() - start;
+  if (!WriteTable(f.outcome)) return;
+  start = Clock::now();
   std::uint8_t sector[journal::kCommitBytes];
   journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, f.checksum}, sector);
   if (!WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)) ||
