@@ -106,6 +106,12 @@ void CreateJournal() {
   j.file = platform::CreateNewReadWrite(fresh);
   if (j.file == platform::kInvalidFile) JournalFailed("creating");
   WriteJournalOrFail(start.data(), start.size(), 0);
+  // The table of written blocks, zeros: its places on the disk are taken now, so that the flush
+  // of each commit after a piece of it was written has no new place of the file to record.
+  const std::uint64_t tableEnd = journal::RecordsStart(j.header);
+  std::fill(start.begin(), start.end(), 0);
+  for (std::uint64_t at = journal::kTableOffset; at < tableEnd; at += start.size())
+    WriteJournalOrFail(start.data(), static_cast<std::size_t>(std::min<std::uint64_t>(start.size(), tableEnd - at)), at);
   SyncJournalOrFail();
   platform::Close(j.file);
   platform::ClearLastError();
