@@ -62,18 +62,13 @@ void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<Tab
   table.clear();
   landed.reserve(g.latest.size());
   table.reserve(g.latest.size());
-  for (const HeldWrite& w : g.held)
-    for (std::uint32_t k = 0; k < w.size / blockSize; ++k) {
-      const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
-      const std::size_t offset = w.offset + std::size_t{k} * blockSize;
-      const auto latest = g.latest.find(BlockKey(j.fileKey[w.volume], position / blockSize));
-      if (latest == g.latest.end() || latest->second != offset) continue;  // written again in the group
-      const std::uint64_t sum = journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes);
-      landed.push_back({j.fileKey[w.volume], position, 0, sum});
-      table.push_back({w.block + k, 0, offset});
-    }
+  for (const auto& [key, offset] : g.latest) {
+    const auto volume = static_cast<std::uint32_t>(key >> 40);  // of the file: the first volume it is
+    const std::uint64_t blockOfFile = key & ((std::uint64_t{1} << 40) - 1);
+    landed.push_back({volume, blockOfFile * blockSize, 0, journal::ChecksumOf(g.arena.data() + offset, journal::kCheckedBytes)});
+    table.push_back({static_cast<std::uint32_t>((volume == 0 ? 1 : volumeFirstBlock[volume]) + blockOfFile), 0, offset});
+  }
 }
-
 // Hands the group on its way, once the group that last used its flight has landed: where the run
 // made its undo, the recorder writes its record while the group before is written. A failure
 // there shows what the group before shows first, as its writes come before it.
