@@ -175,16 +175,15 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
 // strings that a node before the resume point named: the recovery's run passes them over). A file
 // put back from a copy taken while the run went on (its blocks read in turn, some before the run
 // reached them, one maybe as a write was half made) holds blocks or parts of blocks as they were
-// before the run, which the sample may miss. Left out: the last record's writes (put back), and the blocks of
-// the group before it, whose entries were written with the last commit and may be lost with it
-// where the power went (the record names them, checked whole). A volume that is another's file
-// too is left to the checks of links: its blocks are written through both names.
+// before the run, which the sample may miss. Left out: the last record's writes (put back), and
+// the blocks of the group before it, whose entries were written with the last commit and may be
+// lost with it where the power went (the record names them, checked whole). A volume that is
+// another's file too is left to the checks of links: its blocks are written through both names.
 void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File journalFile, const std::string& path,
                                 const std::vector<std::uint32_t>& keys, const std::string& caution) {
   const journal::Header& h = found.header;
   if (found.commit.number == 0 || h.tableBlocks == 0) return;
   const std::uint32_t size = found.head.blockSize;
-  const std::uint64_t end = h.tableBlocks;
   std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
   for (const journal::Check& c : found.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
   std::sort(written.begin(), written.end());
@@ -194,7 +193,7 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
     if (std::count(keys.begin(), keys.end(), keys[v]) != 1) continue;
     const std::uint64_t first = v == 0 ? 1 : volumeFirstBlock[v];
     const std::uint64_t last = std::min<std::uint64_t>(
-        v == furtherVolumeCount ? lastBlock : volumeFirstBlock[v + 1] - std::uint64_t{1}, end - 1);
+        v == furtherVolumeCount ? lastBlock : volumeFirstBlock[v + 1] - std::uint64_t{1}, h.tableBlocks - std::uint64_t{1});
     platform::File file = platform::kInvalidFile;
     for (std::uint64_t b = first; b <= last; b += kRun) {
       const std::uint32_t n = static_cast<std::uint32_t>(std::min<std::uint64_t>(kRun, last - b + 1));
