@@ -788,6 +788,17 @@ bt::journal::Found FoundIn(const std::vector<std::uint8_t>& journal) {
   return found;
 }
 
+// The blocks, by volume and position, that a journal's last record names: its writes, the group
+// before as written and the sample. A block it names nowhere is the table's alone to check.
+std::set<std::pair<std::uint32_t, std::uint64_t>> NamedByLastRecord(const bt::journal::Found& found, std::uint64_t size) {
+  std::set<std::pair<std::uint32_t, std::uint64_t>> named;
+  for (const auto* checks : {&found.head.sample, &found.head.landed})
+    for (const bt::journal::Check& check : *checks) named.insert({check.volume, check.position});
+  for (const bt::journal::Entry& e : found.head.entries)
+    for (std::uint32_t k = 0; k < e.blocks; ++k) named.insert({e.volume, e.position + std::uint64_t{k} * size});
+  return named;
+}
+
 struct Snapshot {
   std::vector<std::vector<std::uint8_t>> files;
   std::vector<std::uint8_t> journal;
@@ -1253,15 +1264,10 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   // while the run went on (read in turn, some blocks before the run reached them): every block the
   // run wrote is checked, not only those the journal's last record names.
   const bt::journal::Found nine = FoundIn(ReadBytes(c.journal));
-  std::set<std::uint64_t> named;  // positions in the main file
-  for (const auto* checks : {&nine.head.sample, &nine.head.landed})
-    for (const bt::journal::Check& check : *checks)
-      if (check.volume == 0) named.insert(check.position);
-  for (const bt::journal::Entry& e : nine.head.entries)
-    for (std::uint32_t k = 0; k < e.blocks && e.volume == 0; ++k) named.insert(e.position + std::uint64_t{k} * size);
+  const std::set<std::pair<std::uint32_t, std::uint64_t>> named = NamedByLastRecord(nine, size);
   std::size_t band = 0;
   for (std::size_t i = 1; i < last && band == 0; ++i)
-    if (!named.contains(i * size) && !std::equal(was.begin() + i * size, was.begin() + (i + 1) * size, now.begin() + i * size))
+    if (!named.contains({0, i * size}) && !std::equal(was.begin() + i * size, was.begin() + (i + 1) * size, now.begin() + i * size))
       band = i;
   ASSERT_NE(band, 0u);
   WriteBytes(c.files[0], band * size, std::vector<std::uint8_t>(was.begin() + band * size, was.begin() + (band + 1) * size));
@@ -1279,7 +1285,7 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   std::size_t split = 0, sector = 0;
   for (std::size_t i = 1; i < last && split == 0; ++i)
     for (std::size_t at = i * size + 1024; at + 512 < (i + 1) * size && split == 0; at += 512)
-      if (!named.contains(i * size) && !std::equal(was.begin() + at, was.begin() + at + 512, now.begin() + at))
+      if (!named.contains({0, i * size}) && !std::equal(was.begin() + at, was.begin() + at + 512, now.begin() + at))
         split = i, sector = at;
   ASSERT_NE(split, 0u);
   WriteBytes(c.files[0], sector, std::vector<std::uint8_t>(was.begin() + sector, was.begin() + sector + 512));
@@ -1288,11 +1294,7 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   EXPECT_NE(torn.err.find("block #" + std::to_string(split + 1) + " holds other bytes"), std::string::npos) << torn.err;
   WriteBytes(c.files[0], split * size, std::vector<std::uint8_t>(now.begin() + split * size, now.begin() + (split + 1) * size));
   const bt::journal::Found midway = FoundIn(CutHalfway(c));
-  std::set<std::pair<std::uint32_t, std::uint64_t>> recorded;  // by volume and position
-  for (const auto* checks : {&midway.head.sample, &midway.head.landed})
-    for (const bt::journal::Check& check : *checks) recorded.insert({check.volume, check.position});
-  for (const bt::journal::Entry& e : midway.head.entries)
-    for (std::uint32_t k = 0; k < e.blocks; ++k) recorded.insert({e.volume, e.position + std::uint64_t{k} * size});
+  const std::set<std::pair<std::uint32_t, std::uint64_t>> recorded = NamedByLastRecord(midway, size);
   std::uint32_t outOfTurn = 0, aheadVolume = 0;
   std::uint64_t aheadAt = 0;
   for (std::uint32_t v = 0; v < c.files.size() && outOfTurn == 0; ++v) {
