@@ -207,7 +207,7 @@ const std::string kRecordsInTurn = "BYTETURN_RECORD_BY_RUN=2 ";
 // Cut points of a run of operations: the first and the last ones, where the journal is made and
 // removed, and others spread between them, picked by rng.
 std::vector<std::uint64_t> CutPoints(std::uint64_t operations, std::mt19937_64& rng) {
-  const std::uint64_t ends = Emulated() || Sanitized() ? 2 : 5, between = Emulated() ? 3 : Sanitized() ? 2 : 14;
+  const std::uint64_t ends = Emulated() || Sanitized() ? 2 : 5, between = Emulated() ? 3 : Sanitized() ? 2 : 10;
   std::vector<std::uint64_t> points;
   for (std::uint64_t n = 1; n <= ends; ++n) points.push_back(n);
   for (std::uint64_t n = operations - ends + 1; n <= operations; ++n) points.push_back(n);
@@ -579,22 +579,23 @@ TEST(Journal, PowerCutAnywhereIsFinishedByTheRecovery) {
   }
 }
 
-// Every write, flush and rename of a small run, its records written by the writer thread, and by
-// the run and the writer in turn: every point with one seed (the two take turns); under the
-// sanitizers every sixteenth point, and on the emulated platforms, which run each process slowly,
-// every twentieth.
+// Every write, flush and rename of a small run, its records written by the writer thread or by
+// the run and the writer in turn: every point once, the two ways taking every other point each and
+// the seeds taking turns; under the sanitizers every sixteenth point of each way, and on the
+// emulated platforms, which run each process slowly, every twentieth.
 TEST(Journal, PowerCutAtEveryPointOfASmallRun) {
   Scratch s;
   const Case c = Prepare(s, SmallRun());
   const std::string groups = "BYTETURN_GROUP_BYTES=16384 ";
-  const std::uint64_t step = Emulated() ? 20 : Sanitized() ? 16 : 1;
+  const std::uint64_t step = Emulated() ? 20 : Sanitized() ? 16 : 2;
+  std::uint64_t cuts = 0;
   for (const std::string& byRun : {std::string(), kRecordsInTurn}) {
     Reset(c);
     const RunResult whole = Convert(c, UnderTest().faultsExe, groups + byRun + "BYTETURN_POWERCUT=1000000");
     ASSERT_EQ(whole.status, 0);
     const std::uint64_t operations = OperationsOf(whole);
     for (std::uint64_t n = byRun.empty() ? 1 : 1 + step / 2; n <= operations; n += step) {
-      const std::uint64_t seed = 1 + n % 2;
+      const std::uint64_t seed = 1 + cuts++ % 2;
       SCOPED_TRACE("cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", seed " + std::to_string(seed) +
                    (byRun.empty() ? "" : ", records by the run and the writer in turn"));
       Reset(c);
