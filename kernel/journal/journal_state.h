@@ -140,10 +140,12 @@ struct Journal {
   bool markUnflushed = false;  // the writer wrote a group's mark since the main file's last flush
 };
 
-// The run and the two threads hand flights to each other under this lock.
+// The run and the two threads hand flights to each other under this lock. Each waits on its own
+// condition, woken only by a hand-over to it: a flight to record, a flight to write, a flight
+// landed or a write made.
 struct Handover {
   std::mutex lock;
-  std::condition_variable wake;
+  std::condition_variable recorderWake, writerWake, runWake;
   bool stopped = false;   // a stage failed: no later group is recorded or written
   bool watching = false;  // the run waits to show messages as a flight's writes are made
 };

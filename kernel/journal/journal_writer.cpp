@@ -118,7 +118,7 @@ void TellApplied(Flight& f, std::size_t writes) {
     f.applied = writes;
     tell = h.watching;
   }
-  if (tell) h.wake.notify_all();
+  if (tell) h.runWake.notify_one();
 }
 
 // The writes in the run's order, sent on their way to the disk a piece at a time as they are
@@ -217,6 +217,12 @@ Flight* OldestIn(Stage stage) {
   return oldest;
 }
 
+// Who waits for a flight in stage: the recorder, the writer, or the run for it to land.
+std::condition_variable& WaiterFor(Stage stage) {
+  Handover& h = state.handover;
+  return stage == Stage::kToRecord ? h.recorderWake : stage == Stage::kToWrite ? h.writerWake : h.runWake;
+}
+
 // A thread's loop: it takes the oldest flight in stage from, runs step on it and passes it on to
 // stage to. After a failure (its own or the other thread's) flights only pass: a group after one
 // that failed is neither committed nor written.
@@ -227,16 +233,18 @@ Flight* OldestIn(Stage stage) {
     bool stopped = false;
     {
       std::unique_lock<std::mutex> hold(h.lock);
-      h.wake.wait(hold, [&] { return (f = OldestIn(from)) != nullptr; });
+      WaiterFor(from).wait(hold, [&] { return (f = OldestIn(from)) != nullptr; });
       stopped = h.stopped;
     }
     if (!stopped) step(*f);
+    Stage next = to;
     {
       const std::lock_guard<std::mutex> hold(h.lock);
       if (f->outcome.stop != Stop::kNone) h.stopped = true;
-      f->stage = f->outcome.stop != Stop::kNone || h.stopped ? Stage::kLanded : to;
+      if (f->outcome.stop != Stop::kNone || h.stopped) next = Stage::kLanded;
+      f->stage = next;
     }
-    h.wake.notify_all();
+    WaiterFor(next).notify_one();
   }
 }
 
@@ -256,6 +264,8 @@ bool ThreadsRunning() {
 }
 
 // The flight goes on its way. Without the threads, the run records and writes it itself, here.
+// A flight whose record the writer writes goes straight to it, unless a flight before it is still
+// with the recorder (the writer takes them in their order).
 void Start(Flight& f) {
   f.outcome = Outcome{};
   f.applied = 0;
@@ -265,11 +275,16 @@ void Start(Flight& f) {
     f.stage = Stage::kLanded;
     return;
   }
+  Stage stage = Stage::kToRecord;
   {
     const std::lock_guard<std::mutex> hold(state.handover.lock);
-    f.stage = Stage::kToRecord;
+    const bool recorderBusy = std::any_of(std::begin(j.flights), std::end(j.flights), [&](const Flight& c) {
+      return c.number < f.number && (c.stage == Stage::kToRecord || c.stage == Stage::kHeld);
+    });
+    if (f.group.byWriter && !recorderBusy) stage = Stage::kToWrite;
+    f.stage = stage;
   }
-  state.handover.wake.notify_all();
+  WaiterFor(stage).notify_one();
 }
 
 // Waits for flight f, the oldest on its way, showing the messages made before each of its writes
@@ -281,7 +296,7 @@ void AwaitOldest(Flight& f) {
   for (std::size_t shown = 0;;) {
     std::unique_lock<std::mutex> hold(h.lock);
     h.watching = watching;
-    h.wake.wait(hold, [&] { return f.stage == Stage::kLanded || (watching && f.applied > shown); });
+    h.runWake.wait(hold, [&] { return f.stage == Stage::kLanded || (watching && f.applied > shown); });
     h.watching = false;
     if (f.stage == Stage::kLanded) {
       f.stage = Stage::kFree;
