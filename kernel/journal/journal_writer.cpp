@@ -44,11 +44,12 @@ bool SyncJournal(Outcome& outcome) {
 
 }  // namespace
 
+// The mark lies in the main file, and a flush takes the whole file, whichever handle it is made
+// through: where the group wrote the main file, its flush takes the mark too.
 bool SyncWrittenFiles(Outcome& outcome) {
-  if (j.markUnflushed) {
+  if (j.markUnflushed && !j.files[0].unflushed) {
     platform::ClearLastError();
     if (!platform::Sync(j.markFile)) return Stopped(outcome, Stop::kVolumeFlushing, 0);
-    j.markUnflushed = false;
   }
   for (std::size_t v = 0; v < j.files.size(); ++v) {
     if (!j.files[v].unflushed) continue;
@@ -56,6 +57,7 @@ bool SyncWrittenFiles(Outcome& outcome) {
     if (!platform::Sync(j.files[v].handle)) return Stopped(outcome, Stop::kVolumeFlushing, static_cast<std::uint32_t>(v));
     j.files[v].unflushed = false;
   }
+  j.markUnflushed = false;
   return true;
 }
 
