@@ -836,8 +836,12 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
   Scratch s;
   const Case c = Prepare(s, Rich());
   const std::uint32_t size = gendb::GeometryFor(Rich().sizeCode).blockSize;
+  // A write the system ends part way inside a sector (of a block; of the label block): the
+  // sector holds the first part of the write, and the rest as it was, until the run puts it back.
   for (const std::string& plan : {"read:ORVA.DAT:" + std::to_string(300 * size + 5) + ":EIO",
-                                  "write:ORVA.DAT:" + std::to_string(450 * size + 9) + ":ENOSPC"}) {
+                                  "write:ORVA.DAT:" + std::to_string(450 * size + 9) + ":ENOSPC",
+                                  "write:ORVA.DAT:" + std::to_string(450 * size + 1009) + ":short",
+                                  std::string("write:ORVA.DAT:1037:short")}) {
     SCOPED_TRACE(plan);
     Reset(c);
     const RunResult stopped = Convert(c, UnderTest().faultsExe, "BYTETURN_FAULTS='" + plan + "'");

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <thread>
 
+#include "block_undo.h"
 #include "journal_commit.h"
 #include "journal_files.h"
 #include "journal_undo.h"
@@ -90,16 +91,35 @@ Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uin
 
 namespace {
 
+// Block k of the group's write i, whose write failed, is written as it was before it, from its
+// undo, as far as the disk takes it. A write that the system ended part way inside a sector left
+// that sector holding the first part of the write and the rest as it was, which the recovery would
+// take for a sector holding the whole write; put back, the block is as it was.
+void PutBackFailedBlock(const Group& g, std::size_t i, std::uint32_t k) {
+  std::size_t at = 0;
+  for (std::size_t n = 0; n <= i; ++n)
+    for (std::uint32_t m = 0; m < (n < i ? g.held[n].size / blockSize : k); ++m) {
+      const std::size_t size = journal::BlockUndoSize(g.undo.data() + at, g.undoSize - at, blockSize);
+      if (size == 0) return;
+      at += size;
+    }
+  const HeldWrite& w = g.held[i];
+  if (k >= w.size / blockSize || journal::BlockUndoSize(g.undo.data() + at, g.undoSize - at, blockSize) == 0) return;
+  const std::uint8_t* written = g.arena.data() + w.offset + std::size_t{k} * blockSize;
+  std::vector<std::uint8_t> block(written, written + blockSize);
+  journal::ApplyBlockUndo(g.undo.data() + at, blockSize, w.block + k, block.data());
+  (void)WriteThrough(j.files[w.volume].handle, w.position + std::uint64_t{k} * blockSize, block.data(), blockSize);
+}
+
 // A write of the group failed. A run of blocks written in their turn is written again block by
-// block, so that the message names the block that fails alone.
+// block, so that the message names the block that fails alone; then that block is put back.
 bool WriteFailed(Flight& f, std::size_t i) {
   const HeldWrite& w = f.group.held[i];
   Stopped(f.outcome, Stop::kWriteFailed, w.volume);
   f.outcome.write = i;
   f.outcome.block = w.block;
-  if (w.failure != nullptr) return false;
   const platform::File file = j.files[w.volume].handle;
-  for (std::uint32_t k = 0; k < w.size / blockSize; ++k) {
+  for (std::uint32_t k = 0; w.failure == nullptr && k < w.size / blockSize; ++k) {
     const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
     if (!WriteThrough(file, position, f.group.arena.data() + w.offset + std::size_t{k} * blockSize, blockSize)) {
       f.outcome.block = w.block + k;
@@ -107,6 +127,7 @@ bool WriteFailed(Flight& f, std::size_t i) {
       break;
     }
   }
+  PutBackFailedBlock(f.group, i, f.outcome.block - w.block);
   return false;  // where each block went through alone, the first failure is the one told
 }
 
