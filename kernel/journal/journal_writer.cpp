@@ -118,16 +118,17 @@ bool WriteFailed(Flight& f, std::size_t i) {
   Stopped(f.outcome, Stop::kWriteFailed, w.volume);
   f.outcome.write = i;
   f.outcome.block = w.block;
+  bool failedAlone = w.failure != nullptr;  // a write with a message of its own is not written again
   const platform::File file = j.files[w.volume].handle;
-  for (std::uint32_t k = 0; w.failure == nullptr && k < w.size / blockSize; ++k) {
+  for (std::uint32_t k = 0; !failedAlone && k < w.size / blockSize; ++k) {
     const std::uint64_t position = w.position + std::uint64_t{k} * blockSize;
     if (!WriteThrough(file, position, f.group.arena.data() + w.offset + std::size_t{k} * blockSize, blockSize)) {
       f.outcome.block = w.block + k;
       f.outcome.error = platform::LastError();
-      break;
+      failedAlone = true;
     }
   }
-  PutBackFailedBlock(f.group, i, f.outcome.block - w.block);
+  if (failedAlone) PutBackFailedBlock(f.group, i, f.outcome.block - w.block);
   return false;  // where each block went through alone, the first failure is the one told
 }
 
