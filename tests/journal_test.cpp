@@ -871,6 +871,27 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
       << unreadable.out << unreadable.err;
   ExpectUnchanged(c, before);
   FinishAndExpectTwin(c);
+  // A put-back that the system ends part way inside a sector (the first, the second) leaves it
+  // holding part of the block as it was and part as the run wrote it: the next recovery writes
+  // the block again, whole, from the record its put-back was given.
+  for (const std::uint64_t into : {std::uint64_t{9}, std::uint64_t{512 + 9}}) {
+    SCOPED_TRACE(into);
+    const bt::journal::Found cut = FoundIn(CutHalfway(c));
+    const std::vector<std::uint8_t> left = ReadBytes(c.files[0]), pristine = ReadBytes(c.pristine[0]);
+    std::uint64_t converted = 0;  // a block of the last record that the files hold as written
+    for (const bt::journal::Entry& e : cut.head.entries)
+      for (std::uint32_t k = 0; k < e.blocks && converted == 0 && e.volume == 0; ++k) {
+        const std::uint64_t at = e.position + std::uint64_t{k} * size;
+        if (at != 0 && !std::equal(left.begin() + at, left.begin() + at + size, pristine.begin() + at)) converted = at;
+      }
+    ASSERT_NE(converted, 0u);
+    fs::remove(c.lock);
+    const RunResult torn = Recover(c, "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(converted + into) + ":short'");
+    EXPECT_EQ(torn.status, 1) << torn.out << torn.err;
+    EXPECT_NE(torn.out.find("Error writing block " + std::to_string(converted / size + 1) + ". "), std::string::npos)
+        << torn.out;
+    FinishAndExpectTwin(c);
+  }
 }
 
 // A journal that cannot be written or flushed ends the run with its message, whichever thread

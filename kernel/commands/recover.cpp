@@ -411,10 +411,12 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
            "). Put back the files as the run left them. Nothing was changed.");
 }
 
-// Puts back the words that the writes of the last record changed, and flushes them. A block that
-// still holds them is left alone: the write that failed on a bad place of the disk is not tried
-// again here, but where the run meets it, with the run's own message. Returns the blocks as it
-// leaves them, for the journal's next record.
+// Puts back the words that the writes of the last record changed. A block that still holds them
+// is left alone: the write that failed on a bad place of the disk is not tried again here, but
+// where the run meets it, with the run's own message. The others are written through the journal,
+// whose next record names each with the bytes put back, whole: a recovery stopped while it writes
+// them, or whose write the system ended part way inside a sector, is finished by the next one from
+// that record, whatever the disk then holds. Returns the blocks as it leaves them, for that record.
 std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
   const std::uint32_t blockBytes = found.head.blockSize;
   const std::vector<std::uint32_t> keys = KeysOfVolumes(found.header);
@@ -422,12 +424,19 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
   std::size_t at = found.undoOffset;
   std::vector<platform::File> files(std::size_t{furtherVolumeCount} + 1, platform::kInvalidFile);
   std::unordered_map<std::uint64_t, journal::Check> left;
+  struct PutBack {
+    std::uint32_t volume, block;
+    std::uint64_t position;
+    std::size_t offset;
+  };
+  std::vector<PutBack> putBacks;
+  std::vector<std::uint8_t> bytes;
   for (const journal::Entry& e : found.head.entries) {
     if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
     platform::File& file = files[e.volume];
-    if (file == platform::kInvalidFile) file = OpenVolumeFile(e.volume);
+    if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(e.volume));
     if (file == platform::kInvalidFile)
-      Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(e.volume), ErrorText());
+      Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(e.volume), ErrorText());
     for (std::uint32_t k = 0; k < e.blocks; ++k) {
       const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
       const std::uint8_t* undo = found.record.data() + at;
@@ -435,22 +444,20 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
       if (!ReadThrough(file, position, current.data(), blockBytes))
         Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
              static_cast<unsigned long long>(position), ErrorText());
-      const bool changed = journal::ApplyBlockUndo(undo, blockBytes, BlockAt(e.volume, position, blockBytes), current.data());
-      left[BlockKey(keys[e.volume], position / blockBytes)] = {
-          keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
+      const std::uint32_t b = BlockAt(e.volume, position, blockBytes);
+      const bool changed = journal::ApplyBlockUndo(undo, blockBytes, b, current.data());
+      const std::uint64_t key = BlockKey(keys[e.volume], position / blockBytes);
+      left[key] = {keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
       if (!changed) continue;
-      if (!WriteThrough(file, position, current.data(), blockBytes))
-        Fail("\r\nError writing volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
-             static_cast<unsigned long long>(position), ErrorText());
+      putBacks.push_back({e.volume, b, position, bytes.size()});
+      bytes.insert(bytes.end(), current.begin(), current.end());
     }
   }
-  for (std::uint32_t v = 0; v < files.size(); ++v) {
-    if (files[v] == platform::kInvalidFile) continue;
-    SyncVolumeOrFail(files[v], v);
-    platform::Close(files[v]);
-  }
+  for (const platform::File file : files) platform::Close(file);
   std::vector<journal::Check> landed;
   for (const auto& [key, check] : left) landed.push_back(check);
+  NoteResumedBlocks(landed);
+  for (const PutBack& p : putBacks) HoldPutBack(p.volume, p.position, bytes.data() + p.offset, p.block);
   return landed;
 }
 
@@ -506,8 +513,9 @@ void Recover(int argc, const char* const* argv) {
   Pass pass;
   ContinueJournal({file, path, &found, resume, &pass.maps});
   UseStore(JournaledStore());
-  if (found.commit.number != 0) NoteResumedBlocks(PutBackOrFail(found));
+  if (found.commit.number != 0) PutBackOrFail(found);
   RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
+  TheStore().Settle(resume, 0);
   ConvertVolumes(pass, found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
   // The locks the run left: beside the file now (moved with it), and where the run took it.

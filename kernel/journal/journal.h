@@ -89,6 +89,10 @@ bool JournalHoldsWrites();
 // in their turn, block being the first.
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block);
+// A block the recovery puts back (bytes, at position of volume, block number block): its record
+// names it with the bytes it writes, whole, so that a recovery stopped while it wrote them, or
+// whose write the system ended part way inside a sector, writes them again whatever the disk holds.
+void HoldPutBack(std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t block);
 // The bytes of size at position of file (the volume's write handle) as a batch read them, before
 // anything changes them: the undo of writes over them is taken from here while the group lasts.
 void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size);

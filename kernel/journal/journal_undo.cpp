@@ -84,12 +84,15 @@ Group& GatheringGroup() {
 // make it the bytes the write replaces (beforeAt tells where they begin among the befores): those
 // the batch read or a read of the block alone kept, unless a write held earlier in the group lies
 // over them; then the undo names every word, for each sector may hold either write (true is
-// returned). beforeSums takes the checksum of each block's first sector as it was.
+// returned). A put-back (file invalid) takes for its undo the bytes it writes, every word named:
+// the record then writes them again over whatever the disk holds. beforeSums takes the checksum
+// of each block's first sector as it was.
 bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
               std::uint32_t size, std::uint32_t block, std::size_t& beforeAt, std::uint64_t* beforeSums) {
   Group& g = j.group;
   const std::uint32_t blocks = size / blockSize;
-  bool overlaid = false;
+  const bool putBack = file == platform::kInvalidFile;
+  bool overlaid = putBack;
   for (std::uint32_t k = 0; k < blocks && !overlaid; ++k)
     overlaid = g.latest.contains(KeyOf(volume, position + std::uint64_t{k} * blockSize));
   const BatchOriginals& o = state.originals;
@@ -109,6 +112,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   for (std::uint32_t k = 0; k < blocks; ++k) {
     const std::size_t at = std::size_t{k} * blockSize;
     const std::uint8_t* before = batched    ? o.bytes.data() + (position - o.position) + at
+                                 : putBack  ? bytes + at
                                  : overlaid ? nullptr
                                             : ReadAsideFor(volume, position + at);
     if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
@@ -147,10 +151,10 @@ void MakeUndo(Group& g) {
 
 using namespace journaling;
 
-void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
-                        const char* failure, std::uint32_t block) {
-  const std::uint64_t cap = failure == nullptr ? FirstHeldAfter(block) : MessagesMade();
-  const std::uint32_t volume = VolumeOfFile(file);
+namespace {
+
+void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
+               std::uint32_t size, const char* failure, std::uint32_t block, std::uint64_t cap) {
   Group& g = GatheringGroup();
   std::size_t before = 0;
   std::vector<std::uint64_t>& beforeSums = state.beforeSums;
@@ -173,6 +177,18 @@ void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::
     t.set = t.pending = true;
     t.offset = offset + std::size_t{k} * blockSize;
   }
+}
+
+}  // namespace
+
+void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
+                        const char* failure, std::uint32_t block) {
+  HoldWrite(file, VolumeOfFile(file), position, bytes, size, failure, block,
+            failure == nullptr ? FirstHeldAfter(block) : MessagesMade());
+}
+
+void HoldPutBack(std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t block) {
+  HoldWrite(platform::kInvalidFile, volume, position, bytes, blockSize, nullptr, block, MessagesMade());
 }
 
 void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size) {
