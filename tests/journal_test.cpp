@@ -251,6 +251,7 @@ std::vector<std::pair<std::string, gendb::Params>> EveryKind() {
 // 512-byte boundaries leaves, and again over what an interrupted put-back left; a word the write
 // only reversed in parts takes a byte, and one stored as it was tells each sector's state.
 TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
+  using bt::journal::Undone;
   std::mt19937_64 rng(7);
   const auto turned = [&](std::vector<std::uint8_t>& block, std::uint32_t w) {
     static const std::vector<std::vector<int>> orders = {
@@ -278,20 +279,32 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
           sectors += !std::equal(before.begin() + s, before.begin() + s + 512, after.begin() + s);
         std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
         const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, undo.data());
-        EXPECT_LE(n, size / 64 + changed + (reversing ? 8 * sectors : 8 * changed));
+        EXPECT_LE(n, size / 64 + changed + (reversing ? 16 * sectors : 8 * changed));
         EXPECT_GE(n, size / 64 + changed + 8 * sectors);
-        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size), n);
-        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size), 0u);
+        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size, true), n);
+        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size, true), 0u);
         for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
           std::vector<std::uint8_t> torn = after;
           for (std::uint32_t sector = 0; sector < size / 512; ++sector)
             if (cut == 1 || (cut > 1 && rng() % 2))
               std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
-          const bool differs = torn != before;
-          EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, torn.data()), differs);
+          const Undone put = torn != before ? Undone::kPutBack : Undone::kAsItWas;
+          EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, true, torn.data()), put);
           EXPECT_EQ(torn, before) << "cut " << cut;
-          EXPECT_FALSE(bt::journal::ApplyUndo(undo.data(), size, torn.data()));  // a second put-back changes nothing
+          // a second put-back changes nothing
+          EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, true, torn.data()), Undone::kAsItWas);
         }
+        // A write the system ended part way, at any byte, and a put-back ended so over the whole
+        // write: the block is put back, or the sector that holds part of the write is told.
+        std::size_t told = 0;
+        for (std::uint32_t at = 1; at < size; at += 97)
+          for (bool putBackTorn : {false, true}) {
+            std::vector<std::uint8_t> torn = putBackTorn ? before : after;
+            std::copy((putBackTorn ? after : before).begin() + at, (putBackTorn ? after : before).end(), torn.begin() + at);
+            if (bt::journal::ApplyUndo(undo.data(), size, true, torn.data()) == Undone::kTorn) ++told;
+            else EXPECT_EQ(torn, before) << "ended at " << at << (putBackTorn ? ", put back" : "");
+          }
+        EXPECT_EQ(told != 0, share != 0) << told;
         // Written twice in a group: each sector holds either write or neither. The first write's
         // undo, then the second's, which names every word, give the block as it was.
         std::vector<std::uint8_t> again = after, whole(bt::journal::MaxUndoBytes(size)), mixed(size);
@@ -300,30 +313,37 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
         const std::vector<std::uint8_t>* states[] = {&before, &after, &again};
         for (std::uint32_t sector = 0; sector < size / 512; ++sector)
           std::copy_n(states[rng() % 3]->begin() + 512 * sector, 512, mixed.begin() + 512 * sector);
-        bt::journal::ApplyUndo(undo.data(), size, mixed.data());
-        bt::journal::ApplyUndo(whole.data(), size, mixed.data());
+        bt::journal::ApplyUndo(undo.data(), size, true, mixed.data());
+        bt::journal::ApplyUndo(whole.data(), size, false, mixed.data());
         EXPECT_EQ(mixed, before);
       }
-  // A sector's first word named must be stored as it was, and every code must be one of the orders.
+  // A sector's first and last words named must be stored as they were (the first only, in the
+  // earlier format), and every code must be one of the orders.
   std::vector<std::uint8_t> before(4096, 1), after(4096, 1), undo(bt::journal::MaxUndoBytes(4096));
-  after[8] = 2, after[9] = 3, after[16] = 3, after[17] = 2, before[16] = 2, before[17] = 3;
+  after[8] = 2, after[9] = 3, after[16] = 3, after[17] = 2, before[16] = 2, before[17] = 3, after[24] = 7;
   before[18] = after[18] = 5, before[19] = after[19] = 6;
   const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, undo.data());
-  ASSERT_EQ(n, 4096 / 64 + 9 + 1);
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), n);
-  const std::size_t codes = 4096 / 64;  // one per word named, then the word stored
+  ASSERT_EQ(n, 4096 / 64 + 3 + 16);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), n);
+  const std::size_t codes = 4096 / 64;  // one per word named, then the words stored
   EXPECT_EQ(undo[codes], 0);
   EXPECT_EQ(undo[codes + 1], 0x03);  // its bytes 0 and 1 swapped
+  EXPECT_EQ(undo[codes + 2], 0);
   undo[codes + 1] = 0x55;
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
-  undo[codes + 1] = 0x03, undo[codes] = 0xFF;
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096), 0u);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
+  undo[codes + 1] = 0x03, undo[codes + 2] = 0x03;
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, false), n - 8);
+  undo[codes + 2] = 0, undo[codes] = 0xFF;
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, false), 0u);
 }
 
 // An encrypted block's undo over its plaintext puts the block back over whatever a write lost,
 // kept or torn at 512-byte boundaries leaves, and holds no byte of the plaintext: a block whose
 // plaintext changed otherwise than in the order of its words' bytes takes the direct undo.
 TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
+  using bt::journal::Undone;
   std::mt19937_64 rng(11);
   std::vector<std::uint8_t> key(32);
   for (auto& k : key) k = static_cast<std::uint8_t>(rng());
@@ -359,11 +379,20 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
         for (std::uint32_t sector = 0; sector < size / 512; ++sector)
           if (cut == 1 || (cut > 1 && rng() % 2))
             std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
-        const bool differs = torn != before;
-        EXPECT_EQ(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()), differs) << "cut " << cut;
+        const Undone put = torn != before ? Undone::kPutBack : Undone::kAsItWas;
+        EXPECT_EQ(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()), put) << "cut " << cut;
         EXPECT_EQ(torn, before) << "cut " << cut;
-        EXPECT_FALSE(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()));
+        EXPECT_EQ(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()), Undone::kAsItWas);
       }
+      // A write ended part way inside a sector: put back, or told.
+      std::size_t told = 0;
+      for (std::uint32_t at = 5; at < size; at += 211) {
+        std::vector<std::uint8_t> torn = after;
+        std::copy(before.begin() + at, before.end(), torn.begin() + at);
+        if (bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()) == Undone::kTorn) ++told;
+        else EXPECT_EQ(torn, before) << "ended at " << at;
+      }
+      EXPECT_NE(told, 0u);
     }
   bt::databaseKeyLoaded = bt::databaseEncrypted = false;
 }
@@ -874,16 +903,19 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
   // A put-back that the system ends part way inside a sector (the first, the second) leaves it
   // holding part of the block as it was and part as the run wrote it: the next recovery writes
   // the block again, whole, from the record its put-back was given.
-  for (const std::uint64_t into : {std::uint64_t{9}, std::uint64_t{512 + 9}}) {
-    SCOPED_TRACE(into);
+  const auto cutWithBlockWritten = [&] {  // a block of the last record that the files hold as written
     const bt::journal::Found cut = FoundIn(CutHalfway(c));
     const std::vector<std::uint8_t> left = ReadBytes(c.files[0]), pristine = ReadBytes(c.pristine[0]);
-    std::uint64_t converted = 0;  // a block of the last record that the files hold as written
     for (const bt::journal::Entry& e : cut.head.entries)
-      for (std::uint32_t k = 0; k < e.blocks && converted == 0 && e.volume == 0; ++k) {
+      for (std::uint32_t k = 0; k < e.blocks && e.volume == 0; ++k) {
         const std::uint64_t at = e.position + std::uint64_t{k} * size;
-        if (at != 0 && !std::equal(left.begin() + at, left.begin() + at + size, pristine.begin() + at)) converted = at;
+        if (at != 0 && !std::equal(left.begin() + at, left.begin() + at + size, pristine.begin() + at)) return at;
       }
+    return std::uint64_t{0};
+  };
+  for (const std::uint64_t into : {std::uint64_t{9}, std::uint64_t{512 + 9}}) {
+    SCOPED_TRACE(into);
+    const std::uint64_t converted = cutWithBlockWritten();
     ASSERT_NE(converted, 0u);
     fs::remove(c.lock);
     const RunResult torn = Recover(c, "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(converted + into) + ":short'");
@@ -892,6 +924,27 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
         << torn.out;
     FinishAndExpectTwin(c);
   }
+  // A write of the run that the system ended part way inside a sector, which the run did not get
+  // to put back: the recovery tells the block and changes nothing.
+  const std::uint64_t written = cutWithBlockWritten();
+  ASSERT_NE(written, 0u);
+  fs::remove(c.lock);
+  const std::vector<std::uint8_t> whole = ReadBytes(c.files[0]);
+  std::vector<std::uint8_t> torn = whole;
+  const std::vector<std::uint8_t> pristine = ReadBytes(c.pristine[0]);
+  std::copy_n(pristine.begin() + static_cast<std::ptrdiff_t>(written + 256), size - 256,
+              torn.begin() + static_cast<std::ptrdiff_t>(written + 256));
+  WriteBytes(c.files[0], 0, torn);
+  const Snapshot tornSnapshot = Take(c);
+  const RunResult refused = Recover(c);
+  EXPECT_EQ(refused.status, 1) << refused.out << refused.err;
+  EXPECT_NE(refused.err.find("block #" + std::to_string(written / size + 1) + " of ORVA.DAT (at byte " +
+                             std::to_string(written) + ") holds part of the interrupted run's write"),
+            std::string::npos)
+      << refused.err;
+  ExpectUnchanged(c, tornSnapshot);
+  WriteBytes(c.files[0], 0, whole);
+  FinishAndExpectTwin(c);
 }
 
 // A journal that cannot be written or flushed ends the run with its message, whichever thread

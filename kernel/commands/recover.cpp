@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <string>
 #include <unordered_map>
 
@@ -411,13 +412,28 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
            "). Put back the files as the run left them. Nothing was changed.");
 }
 
+// Refuses a block of the last record that holds, in a sector, part of the run's write and part of
+// what was there before: a write the system ended part way inside the sector, which no power cut
+// or kill leaves (each sector is written whole or not at all), and which the run's own put-back did
+// not undo before it stopped. The undo cannot tell which words of the sector hold the write.
+[[noreturn]] void RefuseTornBlock(const journal::Found& found, const std::string& path, std::uint32_t volume,
+                                  std::uint64_t position) {
+  const std::string& lock = found.header.lockPath;
+  Refuse("block #" + std::to_string(BlockAt(volume, position, found.head.blockSize)) + " of " + VolumePath(volume) +
+         " (at byte " + std::to_string(position) + ") holds part of the interrupted run's write and part of what "
+         "it held before within one 512-byte sector (a write the system ended part way), which the journal cannot "
+         "put back. Restore the whole database from a backup taken before the run, remove the journal " + path +
+         (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string()) +
+         ", and run byteturn again. Nothing was changed.");
+}
+
 // Puts back the words that the writes of the last record changed. A block that still holds them
 // is left alone: the write that failed on a bad place of the disk is not tried again here, but
 // where the run meets it, with the run's own message. The others are written through the journal,
 // whose next record names each with the bytes put back, whole: a recovery stopped while it writes
 // them, or whose write the system ended part way inside a sector, is finished by the next one from
 // that record, whatever the disk then holds. Returns the blocks as it leaves them, for that record.
-std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
+std::vector<journal::Check> PutBackOrFail(const journal::Found& found, const std::string& path) {
   const std::uint32_t blockBytes = found.head.blockSize;
   const std::vector<std::uint32_t> keys = KeysOfVolumes(found.header);
   std::vector<std::uint8_t> current(blockBytes);
@@ -431,6 +447,7 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
   };
   std::vector<PutBack> putBacks;
   std::vector<std::uint8_t> bytes;
+  std::map<std::uint64_t, std::pair<std::uint32_t, std::uint64_t>> torn;  // by key: volume, position
   for (const journal::Entry& e : found.head.entries) {
     if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
     platform::File& file = files[e.volume];
@@ -445,15 +462,19 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found) {
         Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
              static_cast<unsigned long long>(position), ErrorText());
       const std::uint32_t b = BlockAt(e.volume, position, blockBytes);
-      const bool changed = journal::ApplyBlockUndo(undo, blockBytes, b, current.data());
+      const journal::Undone undone = journal::ApplyBlockUndo(undo, blockBytes, b, current.data());
       const std::uint64_t key = BlockKey(keys[e.volume], position / blockBytes);
+      // A block the record writes again is put back by its later undo, whatever this one found.
+      if (undone == journal::Undone::kTorn) torn.try_emplace(key, e.volume, position);
+      else torn.erase(key);
       left[key] = {keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
-      if (!changed) continue;
+      if (undone != journal::Undone::kPutBack) continue;
       putBacks.push_back({e.volume, b, position, bytes.size()});
       bytes.insert(bytes.end(), current.begin(), current.end());
     }
   }
   for (const platform::File file : files) platform::Close(file);
+  if (!torn.empty()) RefuseTornBlock(found, path, torn.begin()->second.first, torn.begin()->second.second);
   std::vector<journal::Check> landed;
   for (const auto& [key, check] : left) landed.push_back(check);
   NoteResumedBlocks(landed);
@@ -513,7 +534,7 @@ void Recover(int argc, const char* const* argv) {
   Pass pass;
   ContinueJournal({file, path, &found, resume, &pass.maps});
   UseStore(JournaledStore());
-  if (found.commit.number != 0) PutBackOrFail(found);
+  if (found.commit.number != 0) PutBackOrFail(found, path);
   RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
   TheStore().Settle(resume, 0);
   ConvertVolumes(pass, found.header.verbose, resume);

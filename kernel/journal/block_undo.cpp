@@ -12,18 +12,27 @@ namespace bt::journal {
 
 namespace {
 
-constexpr std::uint8_t kDirect = 0, kOverPlaintext = 1;
+// The kinds; the earlier format's store only each sector's first word.
+constexpr std::uint8_t kEarlierDirect = 0, kEarlierOverPlaintext = 1, kDirect = 2, kOverPlaintext = 3;
 constexpr std::size_t kTailBytes = 16;
 
 std::size_t SectorBitmapBytes(std::uint32_t blockSize) { return (blockSize / kSectorBytes + 7) / 8; }
 bool Bit(const std::uint8_t* bits, std::uint32_t s) { return (bits[s / 8] >> s % 8 & 1) != 0; }
 
-// The index of the first word of sector s that differs between a and b (there is one).
+// The indexes of the first and the last word of sector s that differ between a and b (there is one).
 std::uint8_t FirstDiffering(const std::uint8_t* a, const std::uint8_t* b, std::uint32_t s) {
   std::uint32_t w = 0;
   while (LoadLE64(a + kSectorBytes * s + 8 * w) == LoadLE64(b + kSectorBytes * s + 8 * w)) ++w;
   return static_cast<std::uint8_t>(w);
 }
+std::uint8_t LastDiffering(const std::uint8_t* a, const std::uint8_t* b, std::uint32_t s) {
+  std::uint32_t w = kSectorWords - 1;
+  while (LoadLE64(a + kSectorBytes * s + 8 * w) == LoadLE64(b + kSectorBytes * s + 8 * w)) --w;
+  return static_cast<std::uint8_t>(w);
+}
+
+// The bytes an undo over the plaintext gives sector s ahead of the turns.
+std::size_t SectorEntryBytes(std::uint32_t s, bool lastStored) { return 9 + (lastStored ? 9 : 0) + (s != 0 ? kTailBytes : 0); }
 
 std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                                 std::uint32_t b, std::uint8_t* undo) {
@@ -39,10 +48,11 @@ std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* 
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     if (std::memcmp(before + kSectorBytes * s, after + kSectorBytes * s, kSectorBytes) == 0) continue;
     bits[s / 8] = static_cast<std::uint8_t>(bits[s / 8] | 1u << s % 8);
-    const std::uint8_t w = FirstDiffering(before, after, s);
-    *at++ = w;
-    std::memcpy(at, before + kSectorBytes * s + 8 * w, 8);
-    at += 8;
+    for (const std::uint8_t w : {FirstDiffering(before, after, s), LastDiffering(before, after, s)}) {
+      *at++ = w;
+      std::memcpy(at, before + kSectorBytes * s + 8 * w, 8);
+      at += 8;
+    }
     if (s != 0) {
       std::memcpy(at, after + kSectorBytes * s - kTailBytes, kTailBytes);
       at += kTailBytes;
@@ -54,24 +64,25 @@ std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* 
 
 // The part of an undo over the plaintext before its plaintext undo: its size, or 0 where it does
 // not fit in available bytes.
-std::size_t SectorPartSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+std::size_t SectorPartSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored) {
   const std::size_t bitmap = SectorBitmapBytes(blockSize);
   if (available < 1 + bitmap) return 0;
   std::size_t size = 1 + bitmap;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s)
-    if (Bit(undo + 1, s)) size += 9 + (s != 0 ? kTailBytes : 0);
+    if (Bit(undo + 1, s)) size += SectorEntryBytes(s, lastStored);
   if (size > available) return 0;
   // The word indexes lie within their sector.
   const std::uint8_t* at = undo + 1 + bitmap;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     if (!Bit(undo + 1, s)) continue;
-    if (*at >= kSectorWords) return 0;
-    at += 9 + (s != 0 ? kTailBytes : 0);
+    if (at[0] >= kSectorWords || (lastStored && at[9] >= kSectorWords)) return 0;
+    at += SectorEntryBytes(s, lastStored);
   }
   return size;
 }
 
-bool ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
+Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, bool lastStored,
+                          std::uint8_t* block) {
   const std::uint8_t* bits = undo + 1;
   const std::uint32_t sectors = blockSize / kSectorBytes;
   // Which sectors hold the write, and from which 16 bytes each was encrypted.
@@ -79,14 +90,18 @@ bool ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std::
   const std::uint8_t* tail[kMaxBlockSize / kSectorBytes] = {};
   bool any = false;
   const std::uint8_t* at = bits + SectorBitmapBytes(blockSize);
+  const auto differs = [&](std::uint32_t s, const std::uint8_t* entry) {
+    return LoadLE64(block + kSectorBytes * s + 8 * entry[0]) != LoadLE64(entry + 1);
+  };
   for (std::uint32_t s = 0; s < sectors; ++s) {
     if (!Bit(bits, s)) continue;
-    written[s] = LoadLE64(block + kSectorBytes * s + 8 * at[0]) != LoadLE64(at + 1);
+    written[s] = differs(s, at);
+    if (lastStored && differs(s, at + 9) != written[s]) return Undone::kTorn;
     any = any || written[s];
-    at += 9;
-    if (s != 0) tail[s] = at, at += kTailBytes;
+    if (s != 0) tail[s] = at + SectorEntryBytes(s, lastStored) - kTailBytes;
+    at += SectorEntryBytes(s, lastStored);
   }
-  if (!any) return false;
+  if (!any) return Undone::kAsItWas;
   std::uint8_t blockIv[16];
   BlockIv(b, blockIv);
   // The plaintext of the sectors written (the others are left as they are: the undo's turns
@@ -105,19 +120,22 @@ bool ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std::
     const std::uint8_t* iv = s == 0 ? blockIv : block + kSectorBytes * s - kTailBytes;
     EncryptFrom(plain.data() + kSectorBytes * s, block + kSectorBytes * s, kSectorBytes, iv);
   }
-  return true;
+  return Undone::kPutBack;
 }
+
+bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kEarlierDirect; }
+bool LastStored(std::uint8_t kind) { return kind == kDirect || kind == kOverPlaintext; }
 
 }  // namespace
 
 std::size_t MaxBlockUndoBytes(std::uint32_t blockSize) {
-  return 1 + SectorBitmapBytes(blockSize) + blockSize / kSectorBytes * (9 + kTailBytes) + MaxUndoBytes(blockSize);
+  return 1 + SectorBitmapBytes(blockSize) + blockSize / kSectorBytes * SectorEntryBytes(1, true) + MaxUndoBytes(blockSize);
 }
 
 std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                             std::uint32_t b, bool whole, std::uint8_t* undo) {
   if (whole) {
-    undo[0] = kDirect;
+    undo[0] = kEarlierDirect;  // every word stored: the first of each sector too
     return 1 + EncodeWholeUndo(before, blockSize, undo + 1);
   }
   // Over the plaintext where that holds no plaintext and is smaller than the direct undo, which a
@@ -131,24 +149,24 @@ std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* afte
 }
 
 std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
-  if (available < 1) return 0;
-  if (undo[0] == kDirect) {
-    const std::size_t n = UndoSize(undo + 1, available - 1, blockSize);
+  if (available < 1 || undo[0] > kOverPlaintext) return 0;
+  if (Direct(undo[0])) {
+    const std::size_t n = UndoSize(undo + 1, available - 1, blockSize, LastStored(undo[0]));
     return n == 0 ? 0 : 1 + n;
   }
-  if (undo[0] != kOverPlaintext || blockSize % kSectorBytes != 0) return 0;
-  const std::size_t part = SectorPartSize(undo, available, blockSize);
+  if (blockSize % kSectorBytes != 0) return 0;
+  const std::size_t part = SectorPartSize(undo, available, blockSize, LastStored(undo[0]));
   if (part == 0) return 0;
   const std::size_t n = TurnsSize(undo + part, available - part, blockSize);
   return n == 0 ? 0 : part + n;
 }
 
-bool NeedsKey(const std::uint8_t* undo) { return undo[0] == kOverPlaintext; }
+bool NeedsKey(const std::uint8_t* undo) { return !Direct(undo[0]); }
 
-bool ApplyBlockUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
-  if (undo[0] == kDirect) return ApplyUndo(undo + 1, blockSize, block);
-  if (!databaseKeyLoaded) return false;
-  return ApplyOverPlaintext(undo, blockSize, b, block);
+Undone ApplyBlockUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
+  if (Direct(undo[0])) return ApplyUndo(undo + 1, blockSize, LastStored(undo[0]), block);
+  if (!databaseKeyLoaded) return Undone::kAsItWas;
+  return ApplyOverPlaintext(undo, blockSize, b, LastStored(undo[0]), block);
 }
 
 }  // namespace bt::journal

@@ -93,8 +93,8 @@ namespace {
 
 // Block k of the group's write i, whose write failed, is written as it was before it, from its
 // undo, as far as the disk takes it. A write that the system ended part way inside a sector left
-// that sector holding the first part of the write and the rest as it was, which the recovery would
-// take for a sector holding the whole write; put back, the block is as it was.
+// that sector holding the first part of the write and the rest as it was, which the recovery
+// cannot put back; put back here, the block is as it was.
 void PutBackFailedBlock(const Group& g, std::size_t i, std::uint32_t k) {
   std::size_t at = 0;
   for (std::size_t n = 0; n <= i; ++n)

@@ -75,18 +75,27 @@ std::size_t MarkChanged(const std::uint8_t* before, const std::uint8_t* after, s
   return named;
 }
 
+// The bitmap's bits of sector s: bit w for its word w.
+std::uint64_t NamedInSector(const std::uint8_t* undo, std::uint32_t s) { return LoadLE64(undo + 8 * s); }
+
+// The words of a sector whose bits are named that are stored whatever the write: the first and the last.
+std::uint64_t KeptInSector(std::uint64_t named) {
+  return named == 0 ? 0 : (named & (~named + 1)) | std::uint64_t{1} << (63 - __builtin_clzll(named));
+}
+
 std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                                  std::uint8_t* undo) {
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
   std::uint8_t* words = codes + MarkChanged(before, after, blockSize, undo);
-  bool first = true;
-  for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
-    if (word % kSectorWords == 0) first = true;
-    if (!Named(undo, word)) continue;
-    const std::uint64_t was = LoadLE64(before + 8 * word);
-    *codes = first ? 0 : CodeOf(was, LoadLE64(after + 8 * word));
-    first = false;
-    if (*codes++ == 0) StoreLE64(words, was), words += 8;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t named = NamedInSector(undo, s), kept = KeptInSector(named);
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
+      const auto w = static_cast<std::uint32_t>(__builtin_ctzll(rest));
+      const std::uint32_t word = s * kSectorWords + w;
+      const std::uint64_t was = LoadLE64(before + 8 * word);
+      *codes = (kept >> w & 1) != 0 ? 0 : CodeOf(was, LoadLE64(after + 8 * word));
+      if (*codes++ == 0) StoreLE64(words, was), words += 8;
+    }
   }
   return static_cast<std::size_t>(words - undo);
 }
@@ -140,29 +149,33 @@ BT_LINES_TARGET unsigned PutCodes(std::uint8_t* codes, __mmask8 changed, __m512i
   return named;
 }
 
-// EncodeUndoWordByWord, a line of eight words at a time; the line's codes and stored words are
-// written together (the words first aside, as their place follows the last code).
+// EncodeUndoWordByWord, a line of eight words at a time, a sector at a time: its bitmap first,
+// which tells its first and last word named; each line's codes and stored words are then written
+// together (the words first aside, as their place follows the last code).
 BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const std::uint8_t* after,
                                               std::uint32_t blockSize, std::uint8_t* undo) {
   thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
+  constexpr std::uint32_t kLines = kSectorWords / 8;
   const LineCoder coder;
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
   std::uint8_t* words = aside.data();
-  bool first = true;
-  for (std::size_t line = 0; line < UndoBitmapBytes(blockSize); ++line) {
-    if (line % (kSectorWords / 8) == 0) first = true;
-    const __m512i was = _mm512_loadu_si512(before + 64 * line), now = _mm512_loadu_si512(after + 64 * line);
-    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
-    undo[line] = changed;
-    if (changed == 0) continue;
-    __m512i code = coder.Codes(was, now);
-    // The first word named in a sector is stored.
-    if (first) code = _mm512_mask_mov_epi64(code, static_cast<__mmask8>(changed & -changed), _mm512_setzero_si512());
-    first = false;
-    codes += PutCodes(codes, changed, code);
-    const __mmask8 stored = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
-    _mm512_mask_compressstoreu_epi64(words, stored, was);
-    words += 8 * __builtin_popcount(stored);
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint8_t* was = before + kSectorBytes * s;
+    const std::uint8_t* now = after + kSectorBytes * s;
+    for (std::uint32_t k = 0; k < kLines; ++k)
+      undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(_mm512_loadu_si512(was + 64 * k), _mm512_loadu_si512(now + 64 * k));
+    const std::uint64_t kept = KeptInSector(NamedInSector(undo, s));
+    for (std::uint32_t k = 0; k < kLines; ++k) {
+      const __mmask8 changed = undo[kLines * s + k];
+      if (changed == 0) continue;
+      const __m512i wasLine = _mm512_loadu_si512(was + 64 * k);
+      const __m512i code = _mm512_mask_mov_epi64(coder.Codes(wasLine, _mm512_loadu_si512(now + 64 * k)),
+                                                 static_cast<__mmask8>(kept >> 8 * k), _mm512_setzero_si512());
+      codes += PutCodes(codes, changed, code);
+      const __mmask8 stored = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
+      _mm512_mask_compressstoreu_epi64(words, stored, wasLine);
+      words += 8 * __builtin_popcount(stored);
+    }
   }
   std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
   return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
@@ -211,51 +224,57 @@ std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize,
   return UndoBitmapBytes(blockSize) + blockSize / 8 + blockSize;
 }
 
-std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored) {
   const std::size_t bitmap = UndoBitmapBytes(blockSize);
   if (available < bitmap) return 0;
   const std::size_t named = NamedCount(undo, blockSize);
   std::size_t stored = 0;
   if (available - bitmap < named) return 0;
   const std::uint8_t* code = undo + bitmap;
-  bool first = true;
-  for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
-    if (word % kSectorWords == 0) first = true;
-    if (!Named(undo, word)) continue;
-    // The first word a sector names is stored as it was.
-    if (!ValidCode(*code) || (first && *code != 0)) return 0;
-    first = false;
-    stored += *code++ == 0;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t inSector = NamedInSector(undo, s);
+    const std::uint64_t kept = lastStored ? KeptInSector(inSector) : inSector & (~inSector + 1);
+    for (std::uint64_t rest = inSector; rest != 0; rest &= rest - 1) {
+      // The words kept whatever the write are stored as they were.
+      if (!ValidCode(*code) || ((kept & rest & (~rest + 1)) != 0 && *code != 0)) return 0;
+      stored += *code++ == 0;
+    }
   }
   const std::size_t size = bitmap + named + 8 * stored;
   return size <= available ? size : 0;
 }
 
-bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
+Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, bool lastStored, std::uint8_t* block) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
   const std::uint8_t* stored = code + NamedCount(undo, blockSize);
-  bool differed = false, first = true, holdsWrite = false;
-  for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
-    if (word % kSectorWords == 0) first = true;
-    if (!Named(undo, word)) continue;
-    std::uint8_t* at = block + 8 * word;
-    const std::uint64_t now = LoadLE64(at);
-    std::uint64_t was = now;
-    if (*code == 0) {
-      was = LoadLE64(stored);
-      stored += 8;
+  bool differed = false;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t named = NamedInSector(undo, s);
+    if (named == 0) continue;
+    const unsigned first = static_cast<unsigned>(__builtin_ctzll(named)), last = 63u - static_cast<unsigned>(__builtin_clzll(named));
+    bool holdsWrite = false;
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
+      const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
+      std::uint8_t* at = block + kSectorBytes * s + 8 * w;
+      const std::uint64_t now = LoadLE64(at);
+      std::uint64_t was = now;
+      if (*code == 0) {
+        was = LoadLE64(stored);
+        stored += 8;
+      }
+      // A stored word is put back whatever the sector holds. The sector's first, which the write
+      // changed, tells whether the sector holds the write: only then are the others turned back.
+      // Its last, where stored, must tell the same.
+      if (w == first) holdsWrite = now != was;
+      else if (lastStored && w == last && holdsWrite != (now != was)) return Undone::kTorn;
+      else if (*code != 0 && holdsWrite) was = Turn(now, *code);
+      ++code;
+      if (was == now) continue;
+      StoreLE64(at, was);
+      differed = true;
     }
-    // A stored word is put back whatever the sector holds. The sector's first, which the write
-    // changed, tells whether the sector holds the write: only then are the others turned back.
-    if (first) holdsWrite = now != was;
-    else if (*code != 0 && holdsWrite) was = Turn(now, *code);
-    first = false;
-    ++code;
-    if (was == now) continue;
-    StoreLE64(at, was);
-    differed = true;
   }
-  return differed;
+  return differed ? Undone::kPutBack : Undone::kAsItWas;
 }
 
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,

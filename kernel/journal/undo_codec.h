@@ -15,10 +15,13 @@ namespace bt::journal {
 //   1 reversed, 2 both byte pairs swapped, 3 the first pair only, 4 the second only;
 // - the words stored, as they were, in order.
 // A converted block is mostly reversed fields, so most words named take one byte.
-// A sector is written whole or not at all, and the first word named in each 512-byte sector is
-// stored as it was: the sector holds the write where that word differs from it. Stored words are
-// put back whatever the sector holds, turned ones only where it holds the write. The undos of a
-// record are put back in the order of its writes. Block sizes are multiples of 512.
+// A sector is written whole or not at all, and the first and the last word named in each 512-byte
+// sector are stored as they were: the sector holds the write where they differ from it. Where
+// only one of them does, the sector holds part of the write (one the system ended part way inside
+// the sector): it cannot be put back, and that is told. (The undo of an earlier format stores only
+// the first, and tells no such sector.) Stored words are put back whatever the sector holds,
+// turned ones only where it holds the write. The undos of a record are put back in the order of
+// its writes. Block sizes are multiples of 512.
 inline constexpr std::uint32_t kSectorBytes = 512, kSectorWords = kSectorBytes / 8;
 inline std::size_t UndoBitmapBytes(std::uint32_t blockSize) { return blockSize / 64; }
 inline std::size_t MaxUndoBytes(std::uint32_t blockSize) { return UndoBitmapBytes(blockSize) + blockSize / 8 * 9; }
@@ -29,9 +32,13 @@ std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, st
 // it names every word, stored as it was, so that put back after the others it gives the block.
 std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo);
 // The size of the undo at undo, which has available bytes; 0 when it does not fit in them.
-std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
-// Puts back into block the words the undo names (it fits, as UndoSize tells); true when any differed.
-bool ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
+// lastStored: the last word named in a sector is stored too (false: the earlier format).
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored);
+// What putting an undo back found: the block as it was already, put back, or a sector holding
+// part of the write, which cannot be put back (the block is then left part put back).
+enum class Undone { kAsItWas, kPutBack, kTorn };
+// Puts back into block the words the undo names (it fits, as UndoSize tells).
+Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, bool lastStored, std::uint8_t* block);
 
 // Turns: the bitmap and a code byte for each word named, none of them 0 (no word is stored, and
 // the first word of a sector is turned like the others), for a block whose written sectors are
