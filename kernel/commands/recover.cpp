@@ -427,26 +427,29 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
          ", and run byteturn again. Nothing was changed.");
 }
 
-// Puts back the words that the writes of the last record changed. A block that still holds them
-// is left alone: the write that failed on a bad place of the disk is not tried again here, but
-// where the run meets it, with the run's own message. The others are written through the journal,
-// whose next record names each with the bytes put back, whole: a recovery stopped while it writes
-// them, or whose write the system ended part way inside a sector, is finished by the next one from
-// that record, whatever the disk then holds. Returns the blocks as it leaves them, for that record.
-std::vector<journal::Check> PutBackOrFail(const journal::Found& found, const std::string& path) {
+// The blocks of the last record as its undo puts them back: those that change, and each block's
+// first 512 bytes as it leaves them (for the journal's next record). A block that still holds
+// what it held is left alone: the write that failed on a bad place of the disk is not tried again
+// here, but where the run meets it, with the run's own message.
+struct PutBacks {
+  struct Block {
+    std::uint32_t volume, block;
+    std::uint64_t position;
+    std::size_t offset;
+  };
+  std::vector<Block> blocks;
+  std::vector<std::uint8_t> bytes;
+  std::vector<journal::Check> landed;
+};
+PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path) {
+  PutBacks out;
+  if (found.commit.number == 0) return out;
   const std::uint32_t blockBytes = found.head.blockSize;
   const std::vector<std::uint32_t> keys = KeysOfVolumes(found.header);
   std::vector<std::uint8_t> current(blockBytes);
   std::size_t at = found.undoOffset;
   std::vector<platform::File> files(std::size_t{furtherVolumeCount} + 1, platform::kInvalidFile);
   std::unordered_map<std::uint64_t, journal::Check> left;
-  struct PutBack {
-    std::uint32_t volume, block;
-    std::uint64_t position;
-    std::size_t offset;
-  };
-  std::vector<PutBack> putBacks;
-  std::vector<std::uint8_t> bytes;
   std::map<std::uint64_t, std::pair<std::uint32_t, std::uint64_t>> torn;  // by key: volume, position
   for (const journal::Entry& e : found.head.entries) {
     if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
@@ -469,17 +472,23 @@ std::vector<journal::Check> PutBackOrFail(const journal::Found& found, const std
       else torn.erase(key);
       left[key] = {keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
       if (undone != journal::Undone::kPutBack) continue;
-      putBacks.push_back({e.volume, b, position, bytes.size()});
-      bytes.insert(bytes.end(), current.begin(), current.end());
+      out.blocks.push_back({e.volume, b, position, out.bytes.size()});
+      out.bytes.insert(out.bytes.end(), current.begin(), current.end());
     }
   }
   for (const platform::File file : files) platform::Close(file);
   if (!torn.empty()) RefuseTornBlock(found, path, torn.begin()->second.first, torn.begin()->second.second);
-  std::vector<journal::Check> landed;
-  for (const auto& [key, check] : left) landed.push_back(check);
-  NoteResumedBlocks(landed);
-  for (const PutBack& p : putBacks) HoldPutBack(p.volume, p.position, bytes.data() + p.offset, p.block);
-  return landed;
+  for (const auto& [key, check] : left) out.landed.push_back(check);
+  return out;
+}
+
+// The blocks that change are written through the journal, whose next record names each with the
+// bytes put back, whole: a recovery stopped while it writes them, or whose write the system ended
+// part way inside a sector, is finished by the next one from that record, whatever the disk then
+// holds.
+void PutBack(const PutBacks& p) {
+  NoteResumedBlocks(p.landed);
+  for (const PutBacks::Block& b : p.blocks) HoldPutBack(b.volume, b.position, p.bytes.data() + b.offset, b.block);
 }
 
 // Whether the lock the run took for mainFile guards this file still: the file there is this one,
@@ -526,6 +535,7 @@ void Recover(int argc, const char* const* argv) {
   if (found.commit.number != 0 && found.head.blockSize != blockSize)
     Refuse("the journal " + path + " cannot be used: its last record is damaged. Nothing was changed.");
   CheckFilesOrRefuse(found, file, path);
+  const PutBacks putBacks = ReadPutBacksOrFail(found, path);
 
   const std::uint32_t resume = found.commit.number == 0 ? 1 : found.head.resumeBlock;
   Print("\r\nResuming the interrupted conversion at block #%u.\r\n", resume);
@@ -534,7 +544,7 @@ void Recover(int argc, const char* const* argv) {
   Pass pass;
   ContinueJournal({file, path, &found, resume, &pass.maps});
   UseStore(JournaledStore());
-  if (found.commit.number != 0) PutBackOrFail(found, path);
+  if (found.commit.number != 0) PutBack(putBacks);
   RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
   TheStore().Settle(resume, 0);
   ConvertVolumes(pass, found.header.verbose, resume);
