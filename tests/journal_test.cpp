@@ -337,6 +337,25 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   undo[codes + 2] = 0, undo[codes] = 0xFF;
   EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
   EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, false), 0u);
+  // A journal of the earlier format (kind 0) stored each sector's first word named only: its last
+  // one, reversed, is turned back where the first tells the sector holds the write.
+  std::vector<std::uint8_t> was(4096, 1), written(4096, 1), earlier(1 + 4096 / 64 + 2 + 8, 0);
+  for (int k = 0; k < 8; ++k) {
+    was[8 + k] = written[8 + 7 - k] = static_cast<std::uint8_t>(10 + k);
+    was[24 + k] = written[24 + 7 - k] = static_cast<std::uint8_t>(20 + k);
+  }
+  earlier[1] = 0x0A;  // words 1 and 3
+  earlier[1 + codes + 1] = 0xFF;
+  std::copy_n(was.begin() + 8, 8, earlier.begin() + 1 + codes + 2);
+  EXPECT_EQ(bt::journal::BlockUndoSize(earlier.data(), earlier.size(), 4096), earlier.size());
+  for (const std::vector<std::uint8_t>* found : {&written, &was}) {
+    std::vector<std::uint8_t> block = *found;
+    EXPECT_EQ(bt::journal::ApplyBlockUndo(earlier.data(), 4096, 1, block.data()),
+              found == &written ? Undone::kPutBack : Undone::kAsItWas);
+    EXPECT_EQ(block, was);
+  }
+  earlier[0] = 2;  // of this format, whose sector's last word must be stored
+  EXPECT_EQ(bt::journal::BlockUndoSize(earlier.data(), earlier.size(), 4096), 0u);
 }
 
 // An encrypted block's undo over its plaintext puts the block back over whatever a write lost,

@@ -124,6 +124,7 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
 }
 
 bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kEarlierDirect; }
+bool OverPlaintext(std::uint8_t kind) { return kind == kOverPlaintext || kind == kEarlierOverPlaintext; }
 bool LastStored(std::uint8_t kind) { return kind == kDirect || kind == kOverPlaintext; }
 
 }  // namespace
@@ -149,7 +150,7 @@ std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* afte
 }
 
 std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
-  if (available < 1 || undo[0] > kOverPlaintext) return 0;
+  if (available < 1 || !(Direct(undo[0]) || OverPlaintext(undo[0]))) return 0;
   if (Direct(undo[0])) {
     const std::size_t n = UndoSize(undo + 1, available - 1, blockSize, LastStored(undo[0]));
     return n == 0 ? 0 : 1 + n;
