@@ -160,20 +160,21 @@ BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const 
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
   std::uint8_t* words = aside.data();
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    const std::uint8_t* was = before + kSectorBytes * s;
-    const std::uint8_t* now = after + kSectorBytes * s;
-    for (std::uint32_t k = 0; k < kLines; ++k)
-      undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(_mm512_loadu_si512(was + 64 * k), _mm512_loadu_si512(now + 64 * k));
+    __m512i was[kLines], now[kLines];
+    for (std::uint32_t k = 0; k < kLines; ++k) {
+      was[k] = _mm512_loadu_si512(before + kSectorBytes * s + 64 * k);
+      now[k] = _mm512_loadu_si512(after + kSectorBytes * s + 64 * k);
+      undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(was[k], now[k]);
+    }
     const std::uint64_t kept = KeptInSector(NamedInSector(undo, s));
     for (std::uint32_t k = 0; k < kLines; ++k) {
       const __mmask8 changed = undo[kLines * s + k];
       if (changed == 0) continue;
-      const __m512i wasLine = _mm512_loadu_si512(was + 64 * k);
-      const __m512i code = _mm512_mask_mov_epi64(coder.Codes(wasLine, _mm512_loadu_si512(now + 64 * k)),
-                                                 static_cast<__mmask8>(kept >> 8 * k), _mm512_setzero_si512());
+      const __m512i code = _mm512_mask_mov_epi64(coder.Codes(was[k], now[k]), static_cast<__mmask8>(kept >> 8 * k),
+                                                 _mm512_setzero_si512());
       codes += PutCodes(codes, changed, code);
       const __mmask8 stored = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
-      _mm512_mask_compressstoreu_epi64(words, stored, wasLine);
+      _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
       words += 8 * __builtin_popcount(stored);
     }
   }
