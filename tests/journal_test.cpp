@@ -248,10 +248,13 @@ std::vector<std::pair<std::string, gendb::Params>> EveryKind() {
 }  // namespace
 
 // The undo of a write puts the block back as it was over whatever a write lost, kept or torn at
-// 512-byte boundaries leaves, and again over what an interrupted put-back left; a word the write
-// only reversed in parts takes a byte, and one stored as it was tells each sector's state.
+// 512-byte boundaries leaves, and again over what an interrupted put-back left; a word whose
+// fields the write reversed, within the word or across words, takes a byte, and one stored as it
+// was tells each sector's state.
 TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   using bt::journal::Undone;
+  using Format = bt::journal::UndoFormat;
+  using bt::journal::Effort;
   std::mt19937_64 rng(7);
   const auto turned = [&](std::vector<std::uint8_t>& block, std::uint32_t w) {
     static const std::vector<std::vector<int>> orders = {
@@ -264,79 +267,114 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   };
   for (std::uint32_t size : {4096u, 8192u, 65536u})
     for (unsigned share : {0u, 3u, 50u, 100u})  // percent of the words the write changes
-      for (bool reversing : {true, false}) {  // fields reversed, or any change
+      for (bool reversing : {true, false}) {  // fields reversed (some across two words), or any change
         SCOPED_TRACE(std::to_string(size) + " bytes, " + std::to_string(share) + "% changed" +
                      (reversing ? ", reversed" : ""));
         std::vector<std::uint8_t> before(size);
         for (auto& b : before) b = static_cast<std::uint8_t>(rng());
         std::vector<std::uint8_t> after = before;
         std::size_t changed = 0, sectors = 0;
-        for (std::uint32_t w = 0; w < size / 8; ++w) {
-          if (rng() % 100 < share) reversing ? turned(after, w) : void(after[8 * w + rng() % 8] ^= 0x41);
-          changed += !std::equal(before.begin() + 8 * w, before.begin() + 8 * w + 8, after.begin() + 8 * w);
+        for (std::uint32_t w = 0, free = 0; w < size / 8; ++w) {  // free: the first byte no field took
+          if (rng() % 100 >= share || 8 * w < free) continue;
+          if (!reversing) {
+            after[8 * w + rng() % 8] ^= 0x41;
+            continue;
+          }
+          const std::uint32_t at = 8 * w + static_cast<std::uint32_t>(rng() % 8), length = std::vector<std::uint32_t>{2, 3, 4, 8}[rng() % 4];
+          // (a field whose last byte begins a word would make that word's every byte end a span,
+          // which tells a word stored)
+          if (rng() % 2 == 0 || (at + length - 1) / 512 != at / 512 || (at + length - 1) % 8 == 0) {
+            turned(after, w);
+            free = 8 * w + 8;
+          } else {
+            std::reverse(after.begin() + at, after.begin() + at + length);
+            free = at + length;
+          }
         }
+        for (std::uint32_t w = 0; w < size / 8; ++w)
+          changed += !std::equal(before.begin() + 8 * w, before.begin() + 8 * w + 8, after.begin() + 8 * w);
         for (std::uint32_t s = 0; s < size; s += 512)
           sectors += !std::equal(before.begin() + s, before.begin() + s + 512, after.begin() + s);
-        std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
-        const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, undo.data());
-        EXPECT_LE(n, size / 64 + changed + (reversing ? 16 * sectors : 8 * changed));
-        EXPECT_GE(n, size / 64 + changed + 8 * sectors);
-        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size, true), n);
-        EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size, true), 0u);
-        for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
-          std::vector<std::uint8_t> torn = after;
-          for (std::uint32_t sector = 0; sector < size / 512; ++sector)
-            if (cut == 1 || (cut > 1 && rng() % 2))
-              std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
-          const Undone put = torn != before ? Undone::kPutBack : Undone::kAsItWas;
-          EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, true, torn.data()), put);
-          EXPECT_EQ(torn, before) << "cut " << cut;
-          // a second put-back changes nothing
-          EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, true, torn.data()), Undone::kAsItWas);
-        }
-        // A write the system ended part way, at any byte, and a put-back ended so over the whole
-        // write: the block is put back, or the sector that holds part of the write is told.
-        std::size_t told = 0;
-        for (std::uint32_t at = 1; at < size; at += 97)
-          for (bool putBackTorn : {false, true}) {
-            std::vector<std::uint8_t> torn = putBackTorn ? before : after;
-            std::copy((putBackTorn ? after : before).begin() + at, (putBackTorn ? after : before).end(), torn.begin() + at);
-            if (bt::journal::ApplyUndo(undo.data(), size, true, torn.data()) == Undone::kTorn) ++told;
-            else EXPECT_EQ(torn, before) << "ended at " << at << (putBackTorn ? ", put back" : "");
+        std::size_t quickSize = 0;
+        for (const Effort effort : {Effort::kQuick, Effort::kSmallest}) {
+          SCOPED_TRACE(effort == Effort::kQuick ? "quick" : "smallest");
+          std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
+          const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, effort, undo.data());
+          const bool spans = reversing && effort == Effort::kSmallest;
+          EXPECT_LE(n, size / 64 + changed + (spans ? 32 * sectors : 8 * changed));
+          // Looking for spans across words makes the undo smaller where the write made them.
+          if (effort == Effort::kQuick) quickSize = n;
+          else if (spans && share != 0) EXPECT_LT(n, quickSize);
+          else EXPECT_LE(n, quickSize);
+          EXPECT_GE(n, size / 64 + changed + 8 * sectors);
+          EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size, Format::kSpans), n);
+          EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size, Format::kSpans), 0u);
+          for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
+            std::vector<std::uint8_t> torn = after;
+            for (std::uint32_t sector = 0; sector < size / 512; ++sector)
+              if (cut == 1 || (cut > 1 && rng() % 2))
+                std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
+            const Undone put = torn != before ? Undone::kPutBack : Undone::kAsItWas;
+            EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, torn.data()), put);
+            EXPECT_EQ(torn, before) << "cut " << cut;
+            // a second put-back changes nothing
+            EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, torn.data()), Undone::kAsItWas);
           }
-        EXPECT_EQ(told != 0, share != 0) << told;
-        // Written twice in a group: each sector holds either write or neither. The first write's
-        // undo, then the second's, which names every word, give the block as it was.
-        std::vector<std::uint8_t> again = after, whole(bt::journal::MaxUndoBytes(size)), mixed(size);
-        for (std::uint32_t w = 0; w < size / 8; w += 3) turned(again, w);
-        bt::journal::EncodeWholeUndo(before.data(), size, whole.data());
-        const std::vector<std::uint8_t>* states[] = {&before, &after, &again};
-        for (std::uint32_t sector = 0; sector < size / 512; ++sector)
-          std::copy_n(states[rng() % 3]->begin() + 512 * sector, 512, mixed.begin() + 512 * sector);
-        bt::journal::ApplyUndo(undo.data(), size, true, mixed.data());
-        bt::journal::ApplyUndo(whole.data(), size, false, mixed.data());
-        EXPECT_EQ(mixed, before);
+          // A write the system ended part way, at any byte, and a put-back ended so over the whole
+          // write: the block is put back, or the sector that holds part of the write is told.
+          std::size_t told = 0;
+          for (std::uint32_t at = 1; at < size; at += 97)
+            for (bool putBackTorn : {false, true}) {
+              std::vector<std::uint8_t> torn = putBackTorn ? before : after;
+              std::copy((putBackTorn ? after : before).begin() + at, (putBackTorn ? after : before).end(), torn.begin() + at);
+              if (bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, torn.data()) == Undone::kTorn) ++told;
+              else EXPECT_EQ(torn, before) << "ended at " << at << (putBackTorn ? ", put back" : "");
+            }
+          EXPECT_EQ(told != 0, share != 0) << told;
+          // Written twice in a group: each sector holds either write or neither. The first write's
+          // undo, then the second's, which names every word, give the block as it was.
+          std::vector<std::uint8_t> again = after, whole(bt::journal::MaxUndoBytes(size)), mixed(size);
+          for (std::uint32_t w = 0; w < size / 8; w += 3) turned(again, w);
+          bt::journal::EncodeWholeUndo(before.data(), size, whole.data());
+          const std::vector<std::uint8_t>* states[] = {&before, &after, &again};
+          for (std::uint32_t sector = 0; sector < size / 512; ++sector)
+            std::copy_n(states[rng() % 3]->begin() + 512 * sector, 512, mixed.begin() + 512 * sector);
+          bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, mixed.data());
+          bt::journal::ApplyUndo(whole.data(), size, Format::kFirstWord, mixed.data());
+          EXPECT_EQ(mixed, before);
+        }
       }
-  // A sector's first and last words named must be stored as they were (the first only, in the
-  // earlier format), and every code must be one of the orders.
+  // A sector's first and last words named are stored as they were, whatever their spans, and so
+  // is a word no spans explain; each run of words named ends a span.
   std::vector<std::uint8_t> before(4096, 1), after(4096, 1), undo(bt::journal::MaxUndoBytes(4096));
   after[8] = 2, after[9] = 3, after[16] = 3, after[17] = 2, before[16] = 2, before[17] = 3, after[24] = 7;
   before[18] = after[18] = 5, before[19] = after[19] = 6;
-  const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, undo.data());
+  std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, Effort::kSmallest, undo.data());
   ASSERT_EQ(n, 4096 / 64 + 3 + 16);
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), n);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), n);
   const std::size_t codes = 4096 / 64;  // one per word named, then the words stored
-  EXPECT_EQ(undo[codes], 0);
-  EXPECT_EQ(undo[codes + 1], 0x03);  // its bytes 0 and 1 swapped
-  EXPECT_EQ(undo[codes + 2], 0);
-  undo[codes + 1] = 0x55;
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
-  undo[codes + 1] = 0x03, undo[codes + 2] = 0x03;
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, false), n - 8);
-  undo[codes + 2] = 0, undo[codes] = 0xFF;
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, true), 0u);
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, false), 0u);
+  EXPECT_EQ(undo[codes], 0xFF);
+  EXPECT_EQ(undo[codes + 1], 0xFE);  // its bytes 0 and 1 a span, the others each its own
+  EXPECT_EQ(undo[codes + 2], 0xFF);
+  undo[codes + 2] = 0x7F;  // the run's last word would not end a span
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), 0u);
+  undo[codes + 2] = 0xFF, undo[codes + 1] = 0xFF;  // a word stored takes 8 bytes more
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), 0u);
+  // Fields across two words, and across two sectors: only the latter's words are stored, with
+  // each sector's first and last, and a word whose every byte ends a field (its first, the last
+  // of a field across two words).
+  before.assign(4096, 0), after.assign(4096, 0);
+  for (std::size_t i = 0; i < 4096; ++i) before[i] = static_cast<std::uint8_t>(i * 13 + i / 256);
+  after = before;
+  for (const auto& [at, length] : {std::pair{0, 2}, {14, 4}, {20, 8}, {28, 2}, {44, 3}, {111, 2}, {508, 8}, {600, 4}, {700, 4}})
+    std::reverse(after.begin() + at, after.begin() + at + length);
+  n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, Effort::kSmallest, undo.data());
+  EXPECT_EQ(n, 4096 / 64 + 11 + 8 * 5) << "words 0 to 3, 5, 13, 14, 63, 64, 75 and 87 named; 0, 14, 63, 64, 87 stored";
+  for (const std::vector<std::uint8_t>* found : {&after, &before}) {
+    std::vector<std::uint8_t> block = *found;
+    bt::journal::ApplyUndo(undo.data(), 4096, Format::kSpans, block.data());
+    EXPECT_EQ(block, before);
+  }
   // A journal of the earlier format (kind 0) stored each sector's first word named only: its last
   // one, reversed, is turned back where the first tells the sector holds the write.
   std::vector<std::uint8_t> was(4096, 1), written(4096, 1), earlier(1 + 4096 / 64 + 2 + 8, 0);
@@ -386,7 +424,8 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
       std::vector<std::uint8_t> before(size), after(size), undo(bt::journal::MaxBlockUndoBytes(size));
       bt::EncryptDataBlock(plain.data(), before.data(), b);
       bt::EncryptDataBlock(converted.data(), after.data(), b);
-      const std::size_t n = bt::journal::EncodeBlockUndo(before.data(), after.data(), size, b, false, undo.data());
+      const std::size_t n =
+          bt::journal::EncodeBlockUndo(before.data(), after.data(), size, b, false, bt::journal::Effort::kSmallest, undo.data());
       undo.resize(n);
       EXPECT_EQ(bt::journal::NeedsKey(undo.data()), reordered);
       EXPECT_TRUE(!reordered || n < size / 8) << n;
@@ -551,7 +590,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
   after = before;
   std::reverse(after.begin() + 8, after.begin() + 16);
   std::reverse(after.begin() + 24, after.begin() + 32);
-  undo.resize(j::EncodeBlockUndo(before.data(), after.data(), 4096, 2, false, undo.data()));
+  undo.resize(j::EncodeBlockUndo(before.data(), after.data(), 4096, 2, false, j::Effort::kSmallest, undo.data()));
   std::set<std::size_t> ends;
   for (std::uint32_t maps = 0; maps < 8; ++maps) {
     j::RecordHead head;

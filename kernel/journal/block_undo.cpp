@@ -12,8 +12,9 @@ namespace bt::journal {
 
 namespace {
 
-// The kinds; the earlier format's store only each sector's first word.
-constexpr std::uint8_t kEarlierDirect = 0, kEarlierOverPlaintext = 1, kDirect = 2, kOverPlaintext = 3;
+// The kinds (block_undo.h).
+constexpr std::uint8_t kFirstWordDirect = 0, kFirstWordOverPlaintext = 1, kWordCodesDirect = 2, kOverPlaintext = 3,
+                       kDirect = 4;
 constexpr std::size_t kTailBytes = 16;
 
 std::size_t SectorBitmapBytes(std::uint32_t blockSize) { return (blockSize / kSectorBytes + 7) / 8; }
@@ -123,9 +124,12 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
   return Undone::kPutBack;
 }
 
-bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kEarlierDirect; }
-bool OverPlaintext(std::uint8_t kind) { return kind == kOverPlaintext || kind == kEarlierOverPlaintext; }
-bool LastStored(std::uint8_t kind) { return kind == kDirect || kind == kOverPlaintext; }
+bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kWordCodesDirect || kind == kFirstWordDirect; }
+bool OverPlaintext(std::uint8_t kind) { return kind == kOverPlaintext || kind == kFirstWordOverPlaintext; }
+bool LastStored(std::uint8_t kind) { return kind != kFirstWordDirect && kind != kFirstWordOverPlaintext; }
+UndoFormat FormatOf(std::uint8_t kind) {
+  return kind == kDirect ? UndoFormat::kSpans : LastStored(kind) ? UndoFormat::kFirstAndLastWord : UndoFormat::kFirstWord;
+}
 
 }  // namespace
 
@@ -134,9 +138,9 @@ std::size_t MaxBlockUndoBytes(std::uint32_t blockSize) {
 }
 
 std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                            std::uint32_t b, bool whole, std::uint8_t* undo) {
+                            std::uint32_t b, bool whole, Effort effort, std::uint8_t* undo) {
   if (whole) {
-    undo[0] = kEarlierDirect;  // every word stored: the first of each sector too
+    undo[0] = kFirstWordDirect;  // every word stored: the first of each sector too
     return 1 + EncodeWholeUndo(before, blockSize, undo + 1);
   }
   // Over the plaintext where that holds no plaintext and is smaller than the direct undo, which a
@@ -146,13 +150,13 @@ std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* afte
     if (size != 0 && size <= blockSize / 4) return size;
   }
   undo[0] = kDirect;
-  return 1 + EncodeUndo(before, after, blockSize, undo + 1);
+  return 1 + EncodeUndo(before, after, blockSize, effort, undo + 1);
 }
 
 std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
   if (available < 1 || !(Direct(undo[0]) || OverPlaintext(undo[0]))) return 0;
   if (Direct(undo[0])) {
-    const std::size_t n = UndoSize(undo + 1, available - 1, blockSize, LastStored(undo[0]));
+    const std::size_t n = UndoSize(undo + 1, available - 1, blockSize, FormatOf(undo[0]));
     return n == 0 ? 0 : 1 + n;
   }
   if (blockSize % kSectorBytes != 0) return 0;
@@ -165,7 +169,7 @@ std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::
 bool NeedsKey(const std::uint8_t* undo) { return !Direct(undo[0]); }
 
 Undone ApplyBlockUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
-  if (Direct(undo[0])) return ApplyUndo(undo + 1, blockSize, LastStored(undo[0]), block);
+  if (Direct(undo[0])) return ApplyUndo(undo + 1, blockSize, FormatOf(undo[0]), block);
   if (!databaseKeyLoaded) return Undone::kAsItWas;
   return ApplyOverPlaintext(undo, blockSize, b, LastStored(undo[0]), block);
 }

@@ -1,5 +1,5 @@
 // The undo of one block written, as a record holds it: a kind byte, then
-// - kind 2 (direct): the undo of the bytes written over the bytes they replace (undo_codec.h);
+// - kind 4 (direct): the undo of the bytes written over the bytes they replace (undo_codec.h);
 // - kind 3 (over the plaintext), for a block of an encrypted database, which a write changes
 //   almost whole, where the conversion only reordered the bytes of the words of its plaintext: a
 //   bit per 512-byte sector (bit s % 8 of byte s / 8), set where the ciphertext written differs
@@ -7,8 +7,10 @@
 //   differs (a byte) and that word as it was (8 bytes), the same for its last word that differs,
 //   and, past sector 0, the 16 bytes that end the sector before as written; then the turns of the
 //   block's plaintext (undo_codec.h);
-// - kinds 0 and 1: the same in the earlier format, which stored each sector's first word only (a
-//   block written again in its group still takes kind 0: its undo stores every word).
+// - kind 2: the direct undo of the earlier format, in codes of word orders (undo_codec.h);
+// - kinds 0 and 1: the direct undo in word codes and the undo over the plaintext of the format
+//   before, which stored each sector's first word only (a block written again in its group still
+//   takes kind 0: its undo stores every word).
 // A sector is written whole or not at all, and its first and last differing words tell which
 // (where they tell apart, the sector holds part of the write, which is told and not put back). A
 // sector that holds the write is decrypted (from the 16 bytes before it as written), its
@@ -31,8 +33,9 @@ std::size_t MaxBlockUndoBytes(std::uint32_t blockSize);
 // encryption), to undo (MaxBlockUndoBytes room); returns its size. whole: the block was written
 // again since the undo before it, and each sector may hold either write: every word is named.
 // Over the plaintext where the database is encrypted, its key is loaded and that is smaller.
+// effort: of the direct undo (undo_codec.h).
 std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                            std::uint32_t b, bool whole, std::uint8_t* undo);
+                            std::uint32_t b, bool whole, Effort effort, std::uint8_t* undo);
 // The size of the block undo at undo, which has available bytes; 0 when it does not fit in them.
 std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
 // Whether the undo can be put back without the database key.

@@ -73,10 +73,15 @@ const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
   return nullptr;
 }
 
-// A group's undo is made by the writer or as it goes from the group's start to its end.
+// A group's undo is made by the writer or as it goes from the group's start to its end. The run
+// makes it where flushes cost: the run then waits for the disk, whose bytes cost more than the
+// processor's time, and the undo looks for spans across words, which makes it smaller.
 Group& GatheringGroup() {
   Group& g = j.group;
-  if (g.held.empty() && g.befores.empty()) g.byWriter = RecordByWriter();
+  if (g.held.empty() && g.befores.empty()) {
+    g.byWriter = RecordByWriter();
+    g.effort = g.byWriter ? journal::Effort::kQuick : journal::Effort::kSmallest;
+  }
   return g;
 }
 
@@ -120,7 +125,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
     if (g.byWriter)
       g.befores.insert(g.befores.end(), before, before + blockSize);
     else
-      end += journal::EncodeBlockUndo(before, bytes + at, blockSize, block + k, overlaid, g.undo.data() + end);
+      end += journal::EncodeBlockUndo(before, bytes + at, blockSize, block + k, overlaid, g.effort, g.undo.data() + end);
   }
   g.undoSize = end;
   return overlaid;
@@ -143,7 +148,7 @@ void MakeUndo(Group& g) {
       const std::uint8_t* before = g.befores.data() + w.before + at;
       std::uint8_t* undo = g.undo.data() + g.undoSize;
       g.undoSize += journal::EncodeBlockUndo(before, g.arena.data() + w.offset + at, blockSize, w.block + at / blockSize,
-                                             w.whole, undo);
+                                             w.whole, g.effort, undo);
     }
 }
 

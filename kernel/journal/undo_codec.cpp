@@ -83,18 +83,122 @@ std::uint64_t KeptInSector(std::uint64_t named) {
   return named == 0 ? 0 : (named & (~named + 1)) | std::uint64_t{1} << (63 - __builtin_clzll(named));
 }
 
+// Span ends: bit k set where a span ends after byte k of a word (undo_codec.h).
+constexpr std::uint8_t kStoredWord = 0xFF;
+// The ends of each half's order (kept, reversed, both pairs swapped, the first pair only, the
+// second only), and of the whole word reversed.
+constexpr std::uint8_t kHalfEnds[kNoKind] = {0x0F, 0x08, 0x0A, 0x0E, 0x0B};
+constexpr std::uint8_t kWholeWordEnds = 0x80;
+
+// The ends of a code's order (a code of a word that changed: not 0).
+std::uint8_t EndsOf(std::uint8_t code) {
+  if (code == kWholeWordReversed) return kWholeWordEnds;
+  return static_cast<std::uint8_t>(kHalfEnds[code & 15u] | kHalfEnds[code >> 4u] << 4);
+}
+
+// Where spans start in a sector: bit i % 64 of [i / 64] set in one where byte i is as it was, in
+// two, three, four and eight where the write reversed the order of as many bytes from byte i
+// (within the sector). The word-sized fields of a block are of these lengths.
+struct SectorSpans {
+  std::uint64_t one[8], two[8], three[8], four[8], eight[8];
+};
+
+// SectorSpans, byte by byte (before and after at the sector's start).
+void FindSectorSpansByteByByte(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
+  spans = {};
+  for (unsigned i = 0; i < kSectorBytes; ++i) {
+    const std::uint64_t bit = std::uint64_t{1} << i % 64;
+    if (before[i] == after[i]) spans.one[i / 64] |= bit;
+    for (const auto& [length, starts] : {std::pair{2u, spans.two}, {3u, spans.three}, {4u, spans.four}, {8u, spans.eight}}) {
+      unsigned k = 0;
+      while (i + length <= kSectorBytes && k < length && after[i + k] == before[i + length - 1 - k]) ++k;
+      if (k == length) starts[i / 64] |= bit;
+    }
+  }
+}
+
+// The length of the span that starts at byte i, within a run whose bytes end at end: 1 where the
+// byte is as it was, else the first of 2, 3, 4 and 8 bytes whose order the write reversed; 0
+// where there is none.
+unsigned SpanAt(const SectorSpans& spans, unsigned i, unsigned end) {
+  const unsigned k = i / 64, b = i % 64;
+  if ((spans.one[k] >> b & 1) != 0) return 1;
+  if ((spans.two[k] >> b & 1) != 0 && i + 2 <= end) return 2;
+  if ((spans.three[k] >> b & 1) != 0 && i + 3 <= end) return 3;
+  if ((spans.four[k] >> b & 1) != 0 && i + 4 <= end) return 4;
+  if ((spans.eight[k] >> b & 1) != 0 && i + 8 <= end) return 8;
+  return 0;
+}
+
+// The spans of a run of the sector's words [from, to) that no order within a word turns back:
+// each word's ends, or, where no spans explain its bytes, the word stored (with the words before
+// it whose spans reach into it).
+void FindSpans(const SectorSpans& spans, unsigned from, unsigned to, std::uint8_t* ends, std::uint64_t& stored) {
+  std::fill(ends + from, ends + to, std::uint8_t{0});
+  unsigned edge = 8 * from;  // the last end on a word's edge
+  for (unsigned i = 8 * from; i < 8 * to;) {
+    const unsigned length = SpanAt(spans, i, 8 * to);
+    if (length == 0) {
+      for (unsigned w = edge / 8; w <= i / 8; ++w) ends[w] = kStoredWord, stored |= std::uint64_t{1} << w;
+      i = edge = 8 * (i / 8 + 1);
+      continue;
+    }
+    i += length;
+    ends[(i - 1) / 8] = static_cast<std::uint8_t>(ends[(i - 1) / 8] | 1u << (i - 1) % 8);
+    if (i % 8 == 0) edge = i;
+  }
+}
+
+// The words of sector s stored, once each named word has its ends from its order within the word
+// and the words with none (spanned) are left: their spans are found, run by run. No span crosses
+// the end of the sector's first word named or the start of its last: a write ended part way inside
+// one of them is not told, and the words beside it are then turned back from what it holds alone.
+std::uint64_t StoredInSector(const SectorSpans* spans, std::uint64_t named, std::uint64_t spanned, std::uint8_t* ends) {
+  const std::uint64_t stored = KeptInSector(named);
+  if (spans == nullptr) {  // quick: each word with no order stored
+    for (std::uint64_t rest = spanned; rest != 0; rest &= rest - 1) ends[__builtin_ctzll(rest)] = kStoredWord;
+    return stored | spanned;
+  }
+  std::uint64_t found = stored;
+  for (std::uint64_t part : {spanned & stored, spanned & ~stored})
+    while (part != 0) {
+      const auto from = static_cast<unsigned>(__builtin_ctzll(part));
+      const std::uint64_t rest = ~(part >> from);
+      const unsigned to = rest == 0 ? 64 : from + static_cast<unsigned>(__builtin_ctzll(rest));
+      const unsigned until = (stored >> from & 1) != 0 ? from + 1 : to;  // a kept word alone
+      FindSpans(*spans, from, until, ends, found);
+      part &= until == 64 ? 0 : ~std::uint64_t{0} << until;
+    }
+  // A word whose every byte ends a span (a span from the word before ends in its first byte, the
+  // others are as they were) is stored: its ends tell a word stored.
+  for (std::uint64_t rest = spanned & ~found; rest != 0; rest &= rest - 1)
+    if (ends[__builtin_ctzll(rest)] == kStoredWord) found |= rest & (~rest + 1);
+  return found;
+}
+
 std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                                 std::uint8_t* undo) {
+                                 Effort effort, std::uint8_t* undo) {
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
   std::uint8_t* words = codes + MarkChanged(before, after, blockSize, undo);
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    const std::uint64_t named = NamedInSector(undo, s), kept = KeptInSector(named);
+    const std::uint64_t named = NamedInSector(undo, s);
+    std::uint8_t ends[kSectorWords];
+    std::uint64_t spanned = 0;
     for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
       const auto w = static_cast<std::uint32_t>(__builtin_ctzll(rest));
       const std::uint32_t word = s * kSectorWords + w;
-      const std::uint64_t was = LoadLE64(before + 8 * word);
-      *codes = (kept >> w & 1) != 0 ? 0 : CodeOf(was, LoadLE64(after + 8 * word));
-      if (*codes++ == 0) StoreLE64(words, was), words += 8;
+      const std::uint8_t code = CodeOf(LoadLE64(before + 8 * word), LoadLE64(after + 8 * word));
+      if (code == 0) spanned |= std::uint64_t{1} << w;
+      else ends[w] = EndsOf(code);
+    }
+    SectorSpans spans;
+    if (spanned != 0 && effort == Effort::kSmallest)
+      FindSectorSpansByteByByte(before + kSectorBytes * s, after + kSectorBytes * s, spans);
+    const std::uint64_t stored = StoredInSector(effort == Effort::kSmallest ? &spans : nullptr, named, spanned, ends);
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
+      const auto w = static_cast<std::uint32_t>(__builtin_ctzll(rest));
+      *codes++ = ends[w];
+      if ((stored >> w & 1) != 0) std::memcpy(words, before + kSectorBytes * s + 8 * w, 8), words += 8;
     }
   }
   return static_cast<std::size_t>(words - undo);
@@ -149,14 +253,73 @@ BT_LINES_TARGET unsigned PutCodes(std::uint8_t* codes, __mmask8 changed, __m512i
   return named;
 }
 
-// EncodeUndoWordByWord, a line of eight words at a time, a sector at a time: its bitmap first,
-// which tells its first and last word named; each line's codes and stored words are then written
-// together (the words first aside, as their place follows the last code).
+// The ends of the order of each lane's code (Codes), in the low byte of its lane: those of its
+// low nibble's and its high nibble's, looked up by byte shuffles (a word reversed whole has both
+// nibbles 15).
+struct LineEnds {
+  __m512i low, high;
+
+  BT_LINES_TARGET LineEnds() {
+    std::array<std::uint8_t, 64> lowEnds{}, highEnds{};  // each 16 bytes alike
+    for (std::size_t i = 0; i < 64; ++i) {
+      const std::size_t kind = i % 16;
+      lowEnds[i] = kind < kNoKind ? kHalfEnds[kind] : kind == 15 ? kWholeWordEnds : 0;
+      highEnds[i] = kind < kNoKind ? static_cast<std::uint8_t>(kHalfEnds[kind] << 4) : 0;
+    }
+    low = _mm512_loadu_si512(lowEnds.data());
+    high = _mm512_loadu_si512(highEnds.data());
+  }
+
+  BT_LINES_TARGET __m512i Of(__m512i code) const {
+    const __m512i nibble = _mm512_set1_epi64(0x0F);
+    return _mm512_or_si512(_mm512_shuffle_epi8(low, _mm512_and_si512(code, nibble)),
+                           _mm512_shuffle_epi8(high, _mm512_and_si512(_mm512_maskz_srli_epi64(0xFF, code, 4), nibble)));
+  }
+};
+
+// FindSectorSpansByteByByte, a line at a time: the bytes of after against those of before d bytes
+// on (the d that the lengths need), from a copy of before with room on both sides, and then each length's
+// compares for its bytes ANDed, their masks shifted to the span's first byte.
+BT_LINES_TARGET void FindSectorSpansByLines(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
+  constexpr int kRoom = 8;
+  alignas(64) std::uint8_t was[kRoom + kSectorBytes + kRoom] = {};
+  std::memcpy(was + kRoom, before, kSectorBytes);
+  std::uint64_t on[15][8] = {};  // on[7 + d]: after's byte i is before's byte i + d, within the sector
+  for (unsigned k = 0; k < 8; ++k) {
+    const __m512i now = _mm512_loadu_si512(after + 64 * k);
+    for (const int d : {-7, -5, -3, -2, -1, 0, 1, 2, 3, 5, 7}) {
+      std::uint64_t within = ~std::uint64_t{0};
+      if (k == 0 && d < 0) within <<= -d;
+      if (k == 7 && d > 0) within >>= d;
+      on[7 + d][k] = _mm512_mask_cmpeq_epi8_mask(within, now, _mm512_loadu_si512(was + kRoom + 64 * k + d));
+    }
+  }
+  // The mask of distance d, from byte n on.
+  const auto from = [&](int d, unsigned k, unsigned n) {
+    const std::uint64_t* m = on[7 + d];
+    return n == 0 ? m[k] : m[k] >> n | (k < 7 ? m[k + 1] << (64 - n) : 0);
+  };
+  for (unsigned k = 0; k < 8; ++k) {
+    spans.one[k] = on[7][k];
+    spans.two[k] = from(1, k, 0) & from(-1, k, 1);
+    spans.three[k] = from(2, k, 0) & from(0, k, 1) & from(-2, k, 2);
+    spans.four[k] = from(3, k, 0) & from(1, k, 1) & from(-1, k, 2) & from(-3, k, 3);
+    spans.eight[k] = from(7, k, 0) & from(5, k, 1) & from(3, k, 2) & from(1, k, 3) & from(-1, k, 4) & from(-3, k, 5) &
+                     from(-5, k, 6) & from(-7, k, 7);
+  }
+}
+
+// EncodeUndoWordByWord, a line of eight words at a time, a sector at a time: its bitmap, which
+// tells its first and last word named; then each line's ends (of its words' orders) and stored
+// words, or, where spans are looked for, the ends of every line first, then the spans of the
+// words with no order, then each line's ends and stored words. (The words go aside, as their
+// place follows the last ends.)
 BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const std::uint8_t* after,
-                                              std::uint32_t blockSize, std::uint8_t* undo) {
+                                              std::uint32_t blockSize, Effort effort, std::uint8_t* undo) {
   thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
   constexpr std::uint32_t kLines = kSectorWords / 8;
   const LineCoder coder;
+  const LineEnds lineEnds;
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
   std::uint8_t* words = aside.data();
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
@@ -166,16 +329,42 @@ BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const 
       now[k] = _mm512_loadu_si512(after + kSectorBytes * s + 64 * k);
       undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(was[k], now[k]);
     }
-    const std::uint64_t kept = KeptInSector(NamedInSector(undo, s));
+    const std::uint64_t named = NamedInSector(undo, s);
+    if (effort == Effort::kQuick) {  // each line's ends and stored words at once
+      const std::uint64_t kept = KeptInSector(named);
+      for (std::uint32_t k = 0; k < kLines; ++k) {
+        const __mmask8 changed = undo[kLines * s + k];
+        if (changed == 0) continue;
+        const __m512i code = coder.Codes(was[k], now[k]);
+        const __mmask8 none = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
+        codes += PutCodes(codes, changed, _mm512_mask_mov_epi64(lineEnds.Of(code), none, _mm512_set1_epi64(kStoredWord)));
+        const auto stored = static_cast<__mmask8>(none | kept >> 8 * k);
+        _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
+        words += 8 * __builtin_popcount(stored);
+      }
+      continue;
+    }
+    std::uint8_t ends[kSectorWords] = {};
+    std::uint64_t spanned = 0;
     for (std::uint32_t k = 0; k < kLines; ++k) {
       const __mmask8 changed = undo[kLines * s + k];
       if (changed == 0) continue;
-      const __m512i code = _mm512_mask_mov_epi64(coder.Codes(was[k], now[k]), static_cast<__mmask8>(kept >> 8 * k),
-                                                 _mm512_setzero_si512());
-      codes += PutCodes(codes, changed, code);
-      const __mmask8 stored = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
-      _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
-      words += 8 * __builtin_popcount(stored);
+      const __m512i code = coder.Codes(was[k], now[k]);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(ends + 8 * k), _mm512_maskz_cvtepi64_epi8(0xFF, lineEnds.Of(code)));
+      spanned |= std::uint64_t{static_cast<__mmask8>(changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512()))}
+                 << 8 * k;
+    }
+    SectorSpans spans;
+    if (spanned != 0) FindSectorSpansByLines(before + kSectorBytes * s, after + kSectorBytes * s, spans);
+    const std::uint64_t stored = StoredInSector(&spans, named, spanned, ends);
+    for (std::uint32_t k = 0; k < kLines; ++k) {
+      const __mmask8 changed = undo[kLines * s + k];
+      if (changed == 0) continue;
+      codes += PutCodes(codes, changed,
+                        _mm512_maskz_cvtepu8_epi64(0xFF, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(ends + 8 * k))));
+      const auto kept = static_cast<__mmask8>(stored >> 8 * k);
+      _mm512_mask_compressstoreu_epi64(words, kept, was[k]);
+      words += 8 * __builtin_popcount(kept);
     }
   }
   std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
@@ -209,12 +398,12 @@ bool ByLines() {
 
 }  // namespace
 
-std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo) {
 #if defined(__x86_64__)
-  if (ByLines()) return EncodeUndoByLines(before, after, blockSize, undo);
+  if (ByLines()) return EncodeUndoByLines(before, after, blockSize, effort, undo);
 #endif
-  return EncodeUndoWordByWord(before, after, blockSize, undo);
+  return EncodeUndoWordByWord(before, after, blockSize, effort, undo);
 }
 
 std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo) {
@@ -225,7 +414,10 @@ std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize,
   return UndoBitmapBytes(blockSize) + blockSize / 8 + blockSize;
 }
 
-std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored) {
+namespace {
+
+// The size and the put-back of an undo of the earlier formats.
+std::size_t WordCodesSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored) {
   const std::size_t bitmap = UndoBitmapBytes(blockSize);
   if (available < bitmap) return 0;
   const std::size_t named = NamedCount(undo, blockSize);
@@ -245,7 +437,7 @@ std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint3
   return size <= available ? size : 0;
 }
 
-Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, bool lastStored, std::uint8_t* block) {
+Undone ApplyWordCodes(const std::uint8_t* undo, std::uint32_t blockSize, bool lastStored, std::uint8_t* block) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
   const std::uint8_t* stored = code + NamedCount(undo, blockSize);
   bool differed = false;
@@ -276,6 +468,87 @@ Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, bool lastSto
     }
   }
   return differed ? Undone::kPutBack : Undone::kAsItWas;
+}
+
+std::size_t SpansSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+  const std::size_t bitmap = UndoBitmapBytes(blockSize);
+  if (available < bitmap) return 0;
+  const std::size_t named = NamedCount(undo, blockSize);
+  if (available - bitmap < named) return 0;
+  std::size_t stored = 0;
+  const std::uint8_t* ends = undo + bitmap;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t inSector = NamedInSector(undo, s), kept = KeptInSector(inSector);
+    // The last word of each run of words named ends a span, and so do the first word named and
+    // the word before the last.
+    const std::uint64_t runEnds = (inSector & ~(inSector >> 1)) | (inSector & (kept | kept >> 1));
+    for (std::uint64_t rest = inSector; rest != 0; rest &= rest - 1) {
+      const std::uint64_t word = rest & (~rest + 1);
+      if ((runEnds & word) != 0 && (*ends & 0x80) == 0) return 0;
+      stored += (kept & word) != 0 || *ends == kStoredWord;
+      ++ends;
+    }
+  }
+  const std::size_t size = bitmap + named + 8 * stored;
+  return size <= available ? size : 0;
+}
+
+Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
+  const std::uint8_t* ends = undo + UndoBitmapBytes(blockSize);
+  const std::uint8_t* stored = ends + NamedCount(undo, blockSize);
+  bool differed = false;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t named = NamedInSector(undo, s), kept = KeptInSector(named);
+    if (named == 0) continue;
+    std::uint8_t* sector = block + kSectorBytes * s;
+    std::uint8_t endsOf[kSectorWords] = {};
+    const std::uint8_t* storedOf[kSectorWords] = {};
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
+      const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
+      endsOf[w] = *ends++;
+      if ((kept >> w & 1) != 0 || endsOf[w] == kStoredWord) storedOf[w] = stored, stored += 8;
+    }
+    // The sector's first word named tells whether it holds the write; its last must tell the same.
+    const auto first = static_cast<unsigned>(__builtin_ctzll(named)), last = 63u - static_cast<unsigned>(__builtin_clzll(named));
+    const auto holds = [&](unsigned w) { return LoadLE64(sector + 8 * w) != LoadLE64(storedOf[w]); };
+    const bool holdsWrite = holds(first);
+    if (holds(last) != holdsWrite) return Undone::kTorn;
+    std::uint8_t was[kSectorBytes];
+    std::memcpy(was, sector, kSectorBytes);
+    if (holdsWrite) {
+      // Each span reversed again, from the sector as it holds the write; a run's last byte ends one.
+      unsigned start = 0;
+      for (unsigned i = 0; i < kSectorBytes; ++i) {
+        const unsigned w = i / 8;
+        if ((named >> w & 1) == 0) {
+          start = i + 1;
+          continue;
+        }
+        if ((endsOf[w] >> i % 8 & 1) == 0 && !(i % 8 == 7 && (w == kSectorWords - 1 || (named >> (w + 1) & 1) == 0)))
+          continue;
+        for (unsigned k = start; k <= i; ++k) was[k] = sector[start + i - k];
+        start = i + 1;
+      }
+    }
+    for (unsigned w = 0; w < kSectorWords; ++w)
+      if (storedOf[w] != nullptr) std::memcpy(was + 8 * w, storedOf[w], 8);
+    if (std::memcmp(was, sector, kSectorBytes) == 0) continue;
+    std::memcpy(sector, was, kSectorBytes);
+    differed = true;
+  }
+  return differed ? Undone::kPutBack : Undone::kAsItWas;
+}
+
+}  // namespace
+
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format) {
+  if (format == UndoFormat::kSpans) return SpansSize(undo, available, blockSize);
+  return WordCodesSize(undo, available, blockSize, format == UndoFormat::kFirstAndLastWord);
+}
+
+Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block) {
+  if (format == UndoFormat::kSpans) return ApplySpans(undo, blockSize, block);
+  return ApplyWordCodes(undo, blockSize, format == UndoFormat::kFirstAndLastWord, block);
 }
 
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,

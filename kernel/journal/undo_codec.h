@@ -9,40 +9,52 @@ namespace bt::journal {
 // kept or torn at any 512-byte boundary left:
 // - a bitmap with a bit per 8-byte word of the block (bit k % 8 of byte k / 8 for word k), set
 //   for each word the undo names: those the write changes;
-// - for each word named, in order, a code byte: 0 where the word is stored as it was, else the
-//   byte order that turns the word written back into the one it replaced: 0xFF the whole word
-//   reversed, else a nibble for bytes 0..3 (low) and one for bytes 4..7 (high), each 0 kept,
-//   1 reversed, 2 both byte pairs swapped, 3 the first pair only, 4 the second only;
+// - for each word named, in order, its span ends: bit k set where a span ends after the word's
+//   byte k. The bytes of each run of words named in a sector are cut into spans after those
+//   bytes (and after the run's last byte), and the write reversed the order of each span: a
+//   field of the block whose byte order the conversion turned, within a word or across words;
+//   a byte the write left is a span of its own. A word the write changed otherwise is stored, and
+//   takes 0xFF (every byte its own span), which a word that changed can have for no other reason;
 // - the words stored, as they were, in order.
-// A converted block is mostly reversed fields, so most words named take one byte.
 // A sector is written whole or not at all, and the first and the last word named in each 512-byte
-// sector are stored as they were: the sector holds the write where they differ from it. Where
-// only one of them does, the sector holds part of the write (one the system ended part way inside
-// the sector): it cannot be put back, and that is told. (The undo of an earlier format stores only
-// the first, and tells no such sector.) Stored words are put back whatever the sector holds,
-// turned ones only where it holds the write. The undos of a record are put back in the order of
-// its writes. Block sizes are multiples of 512.
+// sector are stored as they were, whatever their spans: the sector holds the write where they
+// differ from it. Where only one of them does, the sector holds part of the write (one the system
+// ended part way inside the sector): it cannot be put back, and that is told. Stored words are
+// put back whatever the sector holds, spans reversed again only where it holds the write. The
+// undos of a record are put back in the order of its writes. Block sizes are multiples of 512.
+//
+// Undos of earlier formats name the words the same way, with a code byte each instead of its
+// spans: 0 for a word stored, else the byte order that turns the word written back into the one
+// it replaced (0xFF the whole word reversed, else a nibble for bytes 0..3 (low) and one for bytes
+// 4..7 (high), each 0 kept, 1 reversed, 2 both byte pairs swapped, 3 the first pair only, 4 the
+// second only); they store each sector's first and last word named, or its first only, and in
+// the latter tell no sector that holds part of a write.
+enum class UndoFormat { kSpans, kFirstAndLastWord, kFirstWord };
 inline constexpr std::uint32_t kSectorBytes = 512, kSectorWords = kSectorBytes / 8;
 inline std::size_t UndoBitmapBytes(std::uint32_t blockSize) { return blockSize / 64; }
 inline std::size_t MaxUndoBytes(std::uint32_t blockSize) { return UndoBitmapBytes(blockSize) + blockSize / 8 * 9; }
+// How hard the encoder looks: the words that no order within a word turns back are stored
+// (quick), or spans across words are looked for in them (smallest: where the run waits for the
+// disk, whose bytes cost more than the processor's time).
+enum class Effort { kQuick, kSmallest };
 // Writes the undo of the write of after over before to undo (MaxUndoBytes room); returns its size.
-std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo);
 // The same for a block written again in its group, whose sectors may each hold any of its writes:
 // it names every word, stored as it was, so that put back after the others it gives the block.
+// It is of the format kFirstWord (whose codes are all 0: every word stored).
 std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo);
 // The size of the undo at undo, which has available bytes; 0 when it does not fit in them.
-// lastStored: the last word named in a sector is stored too (false: the earlier format).
-std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored);
+std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format);
 // What putting an undo back found: the block as it was already, put back, or a sector holding
 // part of the write, which cannot be put back (the block is then left part put back).
 enum class Undone { kAsItWas, kPutBack, kTorn };
 // Puts back into block the words the undo names (it fits, as UndoSize tells).
-Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, bool lastStored, std::uint8_t* block);
+Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block);
 
-// Turns: the bitmap and a code byte for each word named, none of them 0 (no word is stored, and
-// the first word of a sector is turned like the others), for a block whose written sectors are
-// known otherwise. Encoded only where every changed word is a byte order of the word it replaced
+// Turns: the bitmap and a code byte (of the earlier formats) for each word named, none of them 0
+// (no word is stored, and the first word of a sector is turned like the others), for a block
+// whose written sectors are known otherwise. Encoded only where every changed word is a byte order of the word it replaced
 // (0 otherwise); put back into every word named, whatever it holds.
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo);

@@ -68,7 +68,8 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
         const std::size_t choice = (i / 8 * 37 + pick) % 16 < pick % 17 ? i / 8 % 2 : 2;
         after[i] = choice == 0 ? 0x5A : choice == 1 ? before[i ^ 7] : before[i];
       }
-      const std::size_t n = bt::journal::EncodeBlockUndo(before.data(), after.data(), head.blockSize, 1, false, undo.data());
+      const auto effort = pick % 2 == 0 ? bt::journal::Effort::kSmallest : bt::journal::Effort::kQuick;
+      const std::size_t n = bt::journal::EncodeBlockUndo(before.data(), after.data(), head.blockSize, 1, false, effort, undo.data());
       record.insert(record.end(), undo.begin(), undo.begin() + static_cast<std::ptrdiff_t>(n));
     }
 
