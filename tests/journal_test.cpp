@@ -361,15 +361,18 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   undo[codes + 2] = 0xFF, undo[codes + 1] = 0xFF;  // a word stored takes 8 bytes more
   EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), 0u);
   // Fields across two words, and across two sectors: only the latter's words are stored, with
-  // each sector's first and last, and a word whose every byte ends a field (its first, the last
-  // of a field across two words).
+  // each sector's first and last, a word whose every byte ends a field (its first, the last of a
+  // field across two words), and a word changed otherwise with the words whose fields reach it.
   before.assign(4096, 0), after.assign(4096, 0);
   for (std::size_t i = 0; i < 4096; ++i) before[i] = static_cast<std::uint8_t>(i * 13 + i / 256);
   after = before;
-  for (const auto& [at, length] : {std::pair{0, 2}, {14, 4}, {20, 8}, {28, 2}, {44, 3}, {111, 2}, {508, 8}, {600, 4}, {700, 4}})
+  for (const auto& [at, length] :
+       {std::pair{0, 2}, {14, 4}, {20, 8}, {28, 2}, {44, 3}, {111, 2}, {206, 4}, {508, 8}, {600, 4}, {700, 4}})
     std::reverse(after.begin() + at, after.begin() + at + length);
+  after[212] ^= 0x41;  // a word changed otherwise, which a field from the word before reaches into
   n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, Effort::kSmallest, undo.data());
-  EXPECT_EQ(n, 4096 / 64 + 11 + 8 * 5) << "words 0 to 3, 5, 13, 14, 63, 64, 75 and 87 named; 0, 14, 63, 64, 87 stored";
+  EXPECT_EQ(n, 4096 / 64 + 13 + 8 * 7) << "words 0 to 3, 5, 13, 14, 25, 26, 63, 64, 75 and 87 named; 0, 14, 25, 26, "
+                                          "63, 64 and 87 stored";
   for (const std::vector<std::uint8_t>* found : {&after, &before}) {
     std::vector<std::uint8_t> block = *found;
     bt::journal::ApplyUndo(undo.data(), 4096, Format::kSpans, block.data());

@@ -96,57 +96,66 @@ std::uint8_t EndsOf(std::uint8_t code) {
   return static_cast<std::uint8_t>(kHalfEnds[code & 15u] | kHalfEnds[code >> 4u] << 4);
 }
 
-// Where spans start in a sector: bit i % 64 of [i / 64] set in one where byte i is as it was, in
-// two, three, four and eight where the write reversed the order of as many bytes from byte i
-// (within the sector). The word-sized fields of a block are of these lengths.
+// Where spans start in a sector: length[i] the length of the first span that starts at byte i: 1
+// where the byte is as it was, else the first of 2, 3, 4 and 8 bytes whose order the write
+// reversed (within the sector), 0 where there is none; bit i % 64 of one[i / 64] set where it is 1.
+// The word-sized fields of a block are of these lengths.
 struct SectorSpans {
-  std::uint64_t one[8], two[8], three[8], four[8], eight[8];
+  std::uint8_t length[kSectorBytes];
+  std::uint64_t one[8];
 };
 
 // SectorSpans, byte by byte (before and after at the sector's start).
 void FindSectorSpansByteByByte(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
   spans = {};
   for (unsigned i = 0; i < kSectorBytes; ++i) {
-    const std::uint64_t bit = std::uint64_t{1} << i % 64;
-    if (before[i] == after[i]) spans.one[i / 64] |= bit;
-    for (const auto& [length, starts] : {std::pair{2u, spans.two}, {3u, spans.three}, {4u, spans.four}, {8u, spans.eight}}) {
+    if (before[i] == after[i]) {
+      spans.length[i] = 1;
+      spans.one[i / 64] |= std::uint64_t{1} << i % 64;
+      continue;
+    }
+    for (const unsigned length : {2u, 3u, 4u, 8u}) {
       unsigned k = 0;
       while (i + length <= kSectorBytes && k < length && after[i + k] == before[i + length - 1 - k]) ++k;
-      if (k == length) starts[i / 64] |= bit;
+      if (k != length) continue;
+      spans.length[i] = static_cast<std::uint8_t>(length);
+      break;
     }
   }
-}
-
-// The length of the span that starts at byte i, within a run whose bytes end at end: 1 where the
-// byte is as it was, else the first of 2, 3, 4 and 8 bytes whose order the write reversed; 0
-// where there is none.
-unsigned SpanAt(const SectorSpans& spans, unsigned i, unsigned end) {
-  const unsigned k = i / 64, b = i % 64;
-  if ((spans.one[k] >> b & 1) != 0) return 1;
-  if ((spans.two[k] >> b & 1) != 0 && i + 2 <= end) return 2;
-  if ((spans.three[k] >> b & 1) != 0 && i + 3 <= end) return 3;
-  if ((spans.four[k] >> b & 1) != 0 && i + 4 <= end) return 4;
-  if ((spans.eight[k] >> b & 1) != 0 && i + 8 <= end) return 8;
-  return 0;
 }
 
 // The spans of a run of the sector's words [from, to) that no order within a word turns back:
 // each word's ends, or, where no spans explain its bytes, the word stored (with the words before
-// it whose spans reach into it).
+// it whose spans reach into it). A span is the first that starts where the one before ends, and
+// must end within the run; bytes as they were are taken a run of them at once.
 void FindSpans(const SectorSpans& spans, unsigned from, unsigned to, std::uint8_t* ends, std::uint64_t& stored) {
-  std::fill(ends + from, ends + to, std::uint8_t{0});
+  std::uint64_t endBits[8] = {};  // bit i % 64 of [i / 64] where a span ends at byte i
+  const unsigned end = 8 * to;
   unsigned edge = 8 * from;  // the last end on a word's edge
-  for (unsigned i = 8 * from; i < 8 * to;) {
-    const unsigned length = SpanAt(spans, i, 8 * to);
-    if (length == 0) {
-      for (unsigned w = edge / 8; w <= i / 8; ++w) ends[w] = kStoredWord, stored |= std::uint64_t{1} << w;
+  for (unsigned i = 8 * from; i < end;) {
+    unsigned length = spans.length[i];
+    const unsigned k = i / 64, b = i % 64;
+    const bool asItWas = length == 1;
+    if (asItWas) {
+      const std::uint64_t changed = ~(spans.one[k] >> b);
+      length = std::min({changed == 0 ? 64 - b : static_cast<unsigned>(__builtin_ctzll(changed)), 64 - b, end - i});
+      endBits[k] |= (length == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << length) - 1) << b;
+    } else if (length != 0 && i + length <= end) {
+      endBits[(i + length - 1) / 64] |= std::uint64_t{1} << (i + length - 1) % 64;
+    } else {
+      for (unsigned w = edge / 8; w <= i / 8; ++w) {
+        endBits[w / 8] |= std::uint64_t{0xFF} << 8 * (w % 8);
+        stored |= std::uint64_t{1} << w;
+      }
       i = edge = 8 * (i / 8 + 1);
       continue;
     }
-    i += length;
-    ends[(i - 1) / 8] = static_cast<std::uint8_t>(ends[(i - 1) / 8] | 1u << (i - 1) % 8);
-    if (i % 8 == 0) edge = i;
+    // Every byte of a run as it was ends a span; of a longer span, its last only.
+    const unsigned next = i + length;
+    if (asItWas ? (next & ~7u) >= i : next % 8 == 0) edge = next & ~7u;
+    i = next;
   }
+  for (unsigned w = from; w < to; ++w) ends[w] = static_cast<std::uint8_t>(endBits[w / 8] >> 8 * (w % 8));
 }
 
 // The words of sector s stored, once each named word has its ends from its order within the word
@@ -278,8 +287,8 @@ struct LineEnds {
 };
 
 // FindSectorSpansByteByByte, a line at a time: the bytes of after against those of before d bytes
-// on (the d that the lengths need), from a copy of before with room on both sides, and then each length's
-// compares for its bytes ANDed, their masks shifted to the span's first byte.
+// on (the d that the lengths need), from a copy of before with room on both sides; then, for each
+// length, the compares of its bytes ANDed, shifted to the span's first byte.
 BT_LINES_TARGET void FindSectorSpansByLines(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
   constexpr int kRoom = 8;
   alignas(64) std::uint8_t was[kRoom + kSectorBytes + kRoom] = {};
@@ -300,12 +309,19 @@ BT_LINES_TARGET void FindSectorSpansByLines(const std::uint8_t* before, const st
     return n == 0 ? m[k] : m[k] >> n | (k < 7 ? m[k + 1] << (64 - n) : 0);
   };
   for (unsigned k = 0; k < 8; ++k) {
+    const std::uint64_t two = from(1, k, 0) & from(-1, k, 1);
+    const std::uint64_t three = from(2, k, 0) & from(0, k, 1) & from(-2, k, 2);
+    const std::uint64_t four = from(3, k, 0) & from(1, k, 1) & from(-1, k, 2) & from(-3, k, 3);
+    const std::uint64_t eight = from(7, k, 0) & from(5, k, 1) & from(3, k, 2) & from(1, k, 3) & from(-1, k, 4) &
+                                from(-3, k, 5) & from(-5, k, 6) & from(-7, k, 7);
+    // The shortest laid last.
+    __m512i length = _mm512_maskz_mov_epi8(eight, _mm512_set1_epi8(8));
+    length = _mm512_mask_mov_epi8(length, four, _mm512_set1_epi8(4));
+    length = _mm512_mask_mov_epi8(length, three, _mm512_set1_epi8(3));
+    length = _mm512_mask_mov_epi8(length, two, _mm512_set1_epi8(2));
+    length = _mm512_mask_mov_epi8(length, on[7][k], _mm512_set1_epi8(1));
+    _mm512_storeu_si512(spans.length + 64 * k, length);
     spans.one[k] = on[7][k];
-    spans.two[k] = from(1, k, 0) & from(-1, k, 1);
-    spans.three[k] = from(2, k, 0) & from(0, k, 1) & from(-2, k, 2);
-    spans.four[k] = from(3, k, 0) & from(1, k, 1) & from(-1, k, 2) & from(-3, k, 3);
-    spans.eight[k] = from(7, k, 0) & from(5, k, 1) & from(3, k, 2) & from(1, k, 3) & from(-1, k, 4) & from(-3, k, 5) &
-                     from(-5, k, 6) & from(-7, k, 7);
   }
 }
 
