@@ -413,7 +413,7 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
   const std::uint8_t marker[8] = {'p', 'l', 'a', 'i', 'n', 't', 'x', 't'};
   for (std::uint32_t size : {4096u, 8192u})
     for (bool reordered : {true, false}) {
-      SCOPED_TRACE(std::to_string(size) + (reordered ? " bytes, words reordered" : " bytes, a word changed"));
+      SCOPED_TRACE(std::to_string(size) + (reordered ? " bytes, fields reversed" : " bytes, a word changed"));
       bt::SetGeometry(size == 4096 ? 1 : 2);  // the block size the cipher takes
       ASSERT_EQ(bt::blockSize, size);
       const std::uint32_t b = 1000 + size;
@@ -423,6 +423,8 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
       std::vector<std::uint8_t> converted = plain;
       for (std::uint32_t w : {1u, 2u, 129u, 130u, 131u, 600u % (size / 8)})
         std::reverse(converted.begin() + 8 * w, converted.begin() + 8 * w + 8);
+      for (const auto& [at, length] : {std::pair{30u, 4u}, {2036u, 8u}, {2061u, 2u}})  // fields across words
+        std::reverse(converted.begin() + at, converted.begin() + at + length);
       if (!reordered) converted[8 * 131 + 3] ^= 0x40;
       std::vector<std::uint8_t> before(size), after(size), undo(bt::journal::MaxBlockUndoBytes(size));
       bt::EncryptDataBlock(plain.data(), before.data(), b);

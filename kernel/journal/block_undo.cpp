@@ -13,9 +13,20 @@ namespace bt::journal {
 namespace {
 
 // The kinds (block_undo.h).
-constexpr std::uint8_t kFirstWordDirect = 0, kFirstWordOverPlaintext = 1, kWordCodesDirect = 2, kOverPlaintext = 3,
-                       kDirect = 4;
+constexpr std::uint8_t kFirstWordDirect = 0, kFirstWordOverPlaintext = 1, kWordCodesDirect = 2,
+                       kWordCodesOverPlaintext = 3, kDirect = 4, kOverPlaintext = 5;
 constexpr std::size_t kTailBytes = 16;
+
+bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kWordCodesDirect || kind == kFirstWordDirect; }
+bool OverPlaintext(std::uint8_t kind) {
+  return kind == kOverPlaintext || kind == kWordCodesOverPlaintext || kind == kFirstWordOverPlaintext;
+}
+bool LastStored(std::uint8_t kind) { return kind != kFirstWordDirect && kind != kFirstWordOverPlaintext; }
+UndoFormat FormatOf(std::uint8_t kind) {
+  return kind == kDirect || kind == kOverPlaintext ? UndoFormat::kSpans
+         : LastStored(kind)                         ? UndoFormat::kFirstAndLastWord
+                                                    : UndoFormat::kFirstWord;
+}
 
 std::size_t SectorBitmapBytes(std::uint32_t blockSize) { return (blockSize / kSectorBytes + 7) / 8; }
 bool Bit(const std::uint8_t* bits, std::uint32_t s) { return (bits[s / 8] >> s % 8 & 1) != 0; }
@@ -114,7 +125,7 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
     const std::uint8_t* iv = s == 0 ? blockIv : tail[s] != nullptr ? tail[s] : block + kSectorBytes * s - kTailBytes;
     DecryptFrom(block + kSectorBytes * s, plain.data() + kSectorBytes * s, kSectorBytes, iv);
   }
-  ApplyTurns(at, blockSize, plain.data());
+  ApplyTurns(at, blockSize, FormatOf(undo[0]), plain.data());
   // Encrypted again in order: the 16 bytes before each sector are then as they were.
   for (std::uint32_t s = 0; s < sectors; ++s) {
     if (!written[s]) continue;
@@ -122,13 +133,6 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
     EncryptFrom(plain.data() + kSectorBytes * s, block + kSectorBytes * s, kSectorBytes, iv);
   }
   return Undone::kPutBack;
-}
-
-bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kWordCodesDirect || kind == kFirstWordDirect; }
-bool OverPlaintext(std::uint8_t kind) { return kind == kOverPlaintext || kind == kFirstWordOverPlaintext; }
-bool LastStored(std::uint8_t kind) { return kind != kFirstWordDirect && kind != kFirstWordOverPlaintext; }
-UndoFormat FormatOf(std::uint8_t kind) {
-  return kind == kDirect ? UndoFormat::kSpans : LastStored(kind) ? UndoFormat::kFirstAndLastWord : UndoFormat::kFirstWord;
 }
 
 }  // namespace
@@ -162,7 +166,7 @@ std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::
   if (blockSize % kSectorBytes != 0) return 0;
   const std::size_t part = SectorPartSize(undo, available, blockSize, LastStored(undo[0]));
   if (part == 0) return 0;
-  const std::size_t n = TurnsSize(undo + part, available - part, blockSize);
+  const std::size_t n = TurnsSize(undo + part, available - part, blockSize, FormatOf(undo[0]));
   return n == 0 ? 0 : part + n;
 }
 

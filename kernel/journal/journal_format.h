@@ -37,8 +37,9 @@ namespace bt::journal {
 // Version 6 added the key check and the volumes' sizes to the header, and the table of written
 // blocks; a journal of version 5 is read without them. Version 7 stores each sector's last changed
 // word in an undo too (block_undo.h, kinds 2 and 3). Version 8 names the spans the conversion
-// reversed in a direct undo (kind 4) instead of each word's order, so that a field across two
-// words is no longer stored. The undos of earlier versions are read as they are.
+// reversed (kinds 4 and 5) instead of each word's order, so that a field across two words no
+// longer takes its words stored, nor an encrypted block its ciphertext whole. The undos of
+// earlier versions are read as they are.
 inline constexpr std::uint32_t kVersion = 8, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;

@@ -61,20 +61,6 @@ std::size_t NamedCount(const std::uint8_t* undo, std::uint32_t blockSize) {
   return named;
 }
 
-// The bitmap, and how many words it names.
-std::size_t MarkChanged(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                        std::uint8_t* undo) {
-  std::size_t named = 0;
-  for (std::size_t line = 0; line < UndoBitmapBytes(blockSize); ++line) {
-    unsigned bits = 0;
-    for (unsigned k = 0; k < 8; ++k)
-      bits |= unsigned{LoadLE64(before + 64 * line + 8 * k) != LoadLE64(after + 64 * line + 8 * k)} << k;
-    undo[line] = static_cast<std::uint8_t>(bits);
-    named += static_cast<std::size_t>(__builtin_popcount(bits));
-  }
-  return named;
-}
-
 // The bitmap's bits of sector s: bit w for its word w.
 std::uint64_t NamedInSector(const std::uint8_t* undo, std::uint32_t s) { return LoadLE64(undo + 8 * s); }
 
@@ -158,59 +144,57 @@ void FindSpans(const SectorSpans& spans, unsigned from, unsigned to, std::uint8_
   for (unsigned w = from; w < to; ++w) ends[w] = static_cast<std::uint8_t>(endBits[w / 8] >> 8 * (w % 8));
 }
 
-// The words of sector s stored, once each named word has its ends from its order within the word
-// and the words with none (spanned) are left: their spans are found, run by run. No span crosses
-// the end of the sector's first word named or the start of its last: a write ended part way inside
-// one of them is not told, and the words beside it are then turned back from what it holds alone.
-std::uint64_t StoredInSector(const SectorSpans* spans, std::uint64_t named, std::uint64_t spanned, std::uint8_t* ends) {
-  const std::uint64_t stored = KeptInSector(named);
-  if (spans == nullptr) {  // quick: each word with no order stored
-    for (std::uint64_t rest = spanned; rest != 0; rest &= rest - 1) ends[__builtin_ctzll(rest)] = kStoredWord;
-    return stored | spanned;
-  }
-  std::uint64_t found = stored;
-  for (std::uint64_t part : {spanned & stored, spanned & ~stored})
+// The spans of the runs of words, each word of alone a run of its own, and their ends; returns the
+// words that no spans explain, whose ends are then 0xFF (with those of the words before them
+// whose spans reach into them).
+std::uint64_t FindSpansOfRuns(const SectorSpans& spans, std::uint64_t words, std::uint64_t alone, std::uint8_t* ends) {
+  std::uint64_t failed = 0;
+  for (std::uint64_t part : {words & alone, words & ~alone})
     while (part != 0) {
       const auto from = static_cast<unsigned>(__builtin_ctzll(part));
       const std::uint64_t rest = ~(part >> from);
       const unsigned to = rest == 0 ? 64 : from + static_cast<unsigned>(__builtin_ctzll(rest));
-      const unsigned until = (stored >> from & 1) != 0 ? from + 1 : to;  // a kept word alone
-      FindSpans(*spans, from, until, ends, found);
+      const unsigned until = (alone >> from & 1) != 0 ? from + 1 : to;
+      FindSpans(spans, from, until, ends, failed);
       part &= until == 64 ? 0 : ~std::uint64_t{0} << until;
     }
-  // A word whose every byte ends a span (a span from the word before ends in its first byte, the
-  // others are as they were) is stored: its ends tell a word stored.
-  for (std::uint64_t rest = spanned & ~found; rest != 0; rest &= rest - 1)
-    if (ends[__builtin_ctzll(rest)] == kStoredWord) found |= rest & (~rest + 1);
-  return found;
+  return failed;
 }
 
-std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                                 Effort effort, std::uint8_t* undo) {
-  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
-  std::uint8_t* words = codes + MarkChanged(before, after, blockSize, undo);
-  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    const std::uint64_t named = NamedInSector(undo, s);
-    std::uint8_t ends[kSectorWords];
-    std::uint64_t spanned = 0;
-    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
-      const auto w = static_cast<std::uint32_t>(__builtin_ctzll(rest));
-      const std::uint32_t word = s * kSectorWords + w;
-      const std::uint8_t code = CodeOf(LoadLE64(before + 8 * word), LoadLE64(after + 8 * word));
-      if (code == 0) spanned |= std::uint64_t{1} << w;
-      else ends[w] = EndsOf(code);
-    }
-    SectorSpans spans;
-    if (spanned != 0 && effort == Effort::kSmallest)
-      FindSectorSpansByteByByte(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    const std::uint64_t stored = StoredInSector(effort == Effort::kSmallest ? &spans : nullptr, named, spanned, ends);
-    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
-      const auto w = static_cast<std::uint32_t>(__builtin_ctzll(rest));
-      *codes++ = ends[w];
-      if ((stored >> w & 1) != 0) std::memcpy(words, before + kSectorBytes * s + 8 * w, 8), words += 8;
-    }
+// The words of a sector stored, once each named word has its ends from its order within the word
+// and the words with none (spanned) are left: stored too, or, given the sector's spans, their
+// spans found. No span crosses the end of the sector's first word named or the start of its last:
+// a write ended part way inside one of them is not told, and the words beside it would then be
+// turned back from what it holds alone.
+std::uint64_t StoredInSector(const SectorSpans* spans, std::uint64_t named, std::uint64_t spanned, std::uint8_t* ends) {
+  const std::uint64_t kept = KeptInSector(named);
+  if (spans == nullptr) {
+    for (std::uint64_t rest = spanned; rest != 0; rest &= rest - 1) ends[__builtin_ctzll(rest)] = kStoredWord;
+    return kept | spanned;
   }
-  return static_cast<std::size_t>(words - undo);
+  std::uint64_t stored = kept | FindSpansOfRuns(*spans, spanned, kept, ends);
+  // A word whose every byte ends a span (a span from the word before ends in its first byte, the
+  // others are as they were) is stored: its ends tell a word stored.
+  for (std::uint64_t rest = spanned & ~stored; rest != 0; rest &= rest - 1)
+    if (ends[__builtin_ctzll(rest)] == kStoredWord) stored |= rest & (~rest + 1);
+  return stored;
+}
+
+// The bitmap of sector s, and the ends of each word named that an order within the word turns
+// back; returns the words named with none. Word by word.
+std::uint64_t SectorEndsWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s,
+                                   std::uint8_t* undo, std::uint8_t* ends) {
+  std::uint64_t named = 0, spanned = 0;
+  for (unsigned w = 0; w < kSectorWords; ++w) {
+    const std::uint64_t was = LoadLE64(before + kSectorBytes * s + 8 * w), now = LoadLE64(after + kSectorBytes * s + 8 * w);
+    if (was == now) continue;
+    named |= std::uint64_t{1} << w;
+    const std::uint8_t code = CodeOf(was, now);
+    if (code == 0) spanned |= std::uint64_t{1} << w;
+    else ends[w] = EndsOf(code);
+  }
+  StoreLE64(undo + 8 * s, named);
+  return spanned;
 }
 
 #if defined(__x86_64__)
@@ -325,13 +309,31 @@ BT_LINES_TARGET void FindSectorSpansByLines(const std::uint8_t* before, const st
   }
 }
 
-// EncodeUndoWordByWord, a line of eight words at a time, a sector at a time: its bitmap, which
-// tells its first and last word named; then each line's ends (of its words' orders) and stored
-// words, or, where spans are looked for, the ends of every line first, then the spans of the
-// words with no order, then each line's ends and stored words. (The words go aside, as their
-// place follows the last ends.)
-BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const std::uint8_t* after,
-                                              std::uint32_t blockSize, Effort effort, std::uint8_t* undo) {
+// SectorEndsWordByWord, a line of eight words at a time.
+BT_LINES_TARGET std::uint64_t SectorEndsByLines(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s,
+                                                std::uint8_t* undo, std::uint8_t* ends) {
+  const LineCoder coder;
+  const LineEnds lineEnds;
+  std::uint64_t spanned = 0;
+  for (std::uint32_t k = 0; k < kSectorWords / 8; ++k) {
+    const __m512i was = _mm512_loadu_si512(before + kSectorBytes * s + 64 * k);
+    const __m512i now = _mm512_loadu_si512(after + kSectorBytes * s + 64 * k);
+    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
+    undo[kSectorWords / 8 * s + k] = changed;
+    if (changed == 0) continue;
+    const __m512i code = coder.Codes(was, now);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(ends + 8 * k), _mm512_maskz_cvtepi64_epi8(0xFF, lineEnds.Of(code)));
+    spanned |= std::uint64_t{static_cast<__mmask8>(changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512()))}
+               << 8 * k;
+  }
+  return spanned;
+}
+
+// The quick undo (no spans looked for), a line of eight words at a time, a sector at a time: its
+// bitmap, which tells its first and last word named; then each line's ends and stored words (the
+// words aside, as their place follows the last ends).
+BT_LINES_TARGET std::size_t EncodeQuickUndoByLines(const std::uint8_t* before, const std::uint8_t* after,
+                                                   std::uint32_t blockSize, std::uint8_t* undo) {
   thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
   constexpr std::uint32_t kLines = kSectorWords / 8;
   const LineCoder coder;
@@ -345,63 +347,20 @@ BT_LINES_TARGET std::size_t EncodeUndoByLines(const std::uint8_t* before, const 
       now[k] = _mm512_loadu_si512(after + kSectorBytes * s + 64 * k);
       undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(was[k], now[k]);
     }
-    const std::uint64_t named = NamedInSector(undo, s);
-    if (effort == Effort::kQuick) {  // each line's ends and stored words at once
-      const std::uint64_t kept = KeptInSector(named);
-      for (std::uint32_t k = 0; k < kLines; ++k) {
-        const __mmask8 changed = undo[kLines * s + k];
-        if (changed == 0) continue;
-        const __m512i code = coder.Codes(was[k], now[k]);
-        const __mmask8 none = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
-        codes += PutCodes(codes, changed, _mm512_mask_mov_epi64(lineEnds.Of(code), none, _mm512_set1_epi64(kStoredWord)));
-        const auto stored = static_cast<__mmask8>(none | kept >> 8 * k);
-        _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
-        words += 8 * __builtin_popcount(stored);
-      }
-      continue;
-    }
-    std::uint8_t ends[kSectorWords] = {};
-    std::uint64_t spanned = 0;
+    const std::uint64_t kept = KeptInSector(NamedInSector(undo, s));
     for (std::uint32_t k = 0; k < kLines; ++k) {
       const __mmask8 changed = undo[kLines * s + k];
       if (changed == 0) continue;
       const __m512i code = coder.Codes(was[k], now[k]);
-      _mm_storel_epi64(reinterpret_cast<__m128i*>(ends + 8 * k), _mm512_maskz_cvtepi64_epi8(0xFF, lineEnds.Of(code)));
-      spanned |= std::uint64_t{static_cast<__mmask8>(changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512()))}
-                 << 8 * k;
-    }
-    SectorSpans spans;
-    if (spanned != 0) FindSectorSpansByLines(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    const std::uint64_t stored = StoredInSector(&spans, named, spanned, ends);
-    for (std::uint32_t k = 0; k < kLines; ++k) {
-      const __mmask8 changed = undo[kLines * s + k];
-      if (changed == 0) continue;
-      codes += PutCodes(codes, changed,
-                        _mm512_maskz_cvtepu8_epi64(0xFF, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(ends + 8 * k))));
-      const auto kept = static_cast<__mmask8>(stored >> 8 * k);
-      _mm512_mask_compressstoreu_epi64(words, kept, was[k]);
-      words += 8 * __builtin_popcount(kept);
+      const __mmask8 none = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
+      codes += PutCodes(codes, changed, _mm512_mask_mov_epi64(lineEnds.Of(code), none, _mm512_set1_epi64(kStoredWord)));
+      const auto stored = static_cast<__mmask8>(none | kept >> 8 * k);
+      _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
+      words += 8 * __builtin_popcount(stored);
     }
   }
   std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
   return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
-}
-
-// EncodeTurns, a line of eight words at a time.
-BT_LINES_TARGET std::size_t EncodeTurnsByLines(const std::uint8_t* before, const std::uint8_t* after,
-                                               std::uint32_t blockSize, std::uint8_t* undo) {
-  const LineCoder coder;
-  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
-  for (std::size_t line = 0; line < UndoBitmapBytes(blockSize); ++line) {
-    const __m512i was = _mm512_loadu_si512(before + 64 * line), now = _mm512_loadu_si512(after + 64 * line);
-    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
-    undo[line] = changed;
-    if (changed == 0) continue;
-    const __m512i code = coder.Codes(was, now);
-    if ((changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512())) != 0) return 0;
-    codes += PutCodes(codes, changed, code);
-  }
-  return static_cast<std::size_t>(codes - undo);
 }
 
 #undef BT_LINES_TARGET
@@ -412,14 +371,61 @@ bool ByLines() {
 }
 #endif
 
+std::uint64_t SectorEnds(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s, std::uint8_t* undo,
+                         std::uint8_t* ends) {
+#if defined(__x86_64__)
+  if (ByLines()) return SectorEndsByLines(before, after, s, undo, ends);
+#endif
+  return SectorEndsWordByWord(before, after, s, undo, ends);
+}
+
+void FindSectorSpans(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
+#if defined(__x86_64__)
+  if (ByLines()) return FindSectorSpansByLines(before, after, spans);
+#endif
+  FindSectorSpansByteByByte(before, after, spans);
+}
+
+// What becomes of the words named that no order within the word turns back: stored, their spans
+// looked for (those that none explain stored), or their spans, which must explain them all.
+enum class Unordered { kStored, kSpannedOrStored, kSpanned };
+
+// An undo, or turns, a sector at a time: its bitmap and each word's ends, the spans of the words
+// with no order, then the sector's ends and stored words (the words aside, as their place follows
+// the last ends). 0 where turns are asked for and spans do not explain every word.
+std::size_t EncodeBySectors(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                            Unordered unordered, std::uint8_t* undo) {
+  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
+  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
+  std::uint8_t* words = aside.data();
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    std::uint8_t ends[kSectorWords];
+    const std::uint64_t spanned = SectorEnds(before, after, s, undo, ends), named = NamedInSector(undo, s);
+    SectorSpans spans;
+    const bool spansFound = spanned != 0 && unordered != Unordered::kStored;
+    if (spansFound) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
+    std::uint64_t stored = 0;
+    if (unordered != Unordered::kSpanned) stored = StoredInSector(spansFound ? &spans : nullptr, named, spanned, ends);
+    else if (spansFound && FindSpansOfRuns(spans, spanned, 0, ends) != 0) return 0;
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
+      const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
+      *codes++ = ends[w];
+      if ((stored >> w & 1) != 0) std::memcpy(words, before + kSectorBytes * s + 8 * w, 8), words += 8;
+    }
+  }
+  std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
+  return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
+}
+
 }  // namespace
 
 std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo) {
 #if defined(__x86_64__)
-  if (ByLines()) return EncodeUndoByLines(before, after, blockSize, effort, undo);
+  if (ByLines() && effort == Effort::kQuick) return EncodeQuickUndoByLines(before, after, blockSize, undo);
 #endif
-  return EncodeUndoWordByWord(before, after, blockSize, effort, undo);
+  return EncodeBySectors(before, after, blockSize, effort == Effort::kQuick ? Unordered::kStored : Unordered::kSpannedOrStored,
+                         undo);
 }
 
 std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo) {
@@ -486,27 +492,50 @@ Undone ApplyWordCodes(const std::uint8_t* undo, std::uint32_t blockSize, bool la
   return differed ? Undone::kPutBack : Undone::kAsItWas;
 }
 
+// Whether each run of words named in a sector ends a span (in an undo, so do the sector's first word
+// named and the word before its last).
+bool SpansEndRuns(const std::uint8_t* undo, std::uint32_t blockSize, bool kept) {
+  const std::uint8_t* ends = undo + UndoBitmapBytes(blockSize);
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t named = NamedInSector(undo, s), first = kept ? KeptInSector(named) : 0;
+    const std::uint64_t runEnds = (named & ~(named >> 1)) | (named & (first | first >> 1));
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1, ++ends)
+      if ((runEnds & rest & (~rest + 1)) != 0 && (*ends & 0x80) == 0) return false;
+  }
+  return true;
+}
+
 std::size_t SpansSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
   const std::size_t bitmap = UndoBitmapBytes(blockSize);
   if (available < bitmap) return 0;
   const std::size_t named = NamedCount(undo, blockSize);
-  if (available - bitmap < named) return 0;
+  if (available - bitmap < named || !SpansEndRuns(undo, blockSize, true)) return 0;
   std::size_t stored = 0;
   const std::uint8_t* ends = undo + bitmap;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     const std::uint64_t inSector = NamedInSector(undo, s), kept = KeptInSector(inSector);
-    // The last word of each run of words named ends a span, and so do the first word named and
-    // the word before the last.
-    const std::uint64_t runEnds = (inSector & ~(inSector >> 1)) | (inSector & (kept | kept >> 1));
-    for (std::uint64_t rest = inSector; rest != 0; rest &= rest - 1) {
-      const std::uint64_t word = rest & (~rest + 1);
-      if ((runEnds & word) != 0 && (*ends & 0x80) == 0) return 0;
-      stored += (kept & word) != 0 || *ends == kStoredWord;
-      ++ends;
-    }
+    for (std::uint64_t rest = inSector; rest != 0; rest &= rest - 1, ++ends)
+      stored += (kept & rest & (~rest + 1)) != 0 || *ends == kStoredWord;
   }
   const std::size_t size = bitmap + named + 8 * stored;
   return size <= available ? size : 0;
+}
+
+// Reverses again into was each span of the words named in a sector (endsOf: each word's ends, by
+// index), from the sector as it holds the write; the last byte of each run of them ends a span.
+void ReverseSpans(const std::uint8_t* sector, std::uint64_t named, const std::uint8_t* endsOf, std::uint8_t* was) {
+  unsigned start = 0;
+  for (unsigned i = 0; i < kSectorBytes; ++i) {
+    const unsigned w = i / 8;
+    if ((named >> w & 1) == 0) {
+      start = i + 1;
+      continue;
+    }
+    if ((endsOf[w] >> i % 8 & 1) == 0 && !(i % 8 == 7 && (w == kSectorWords - 1 || (named >> (w + 1) & 1) == 0)))
+      continue;
+    for (unsigned k = start; k <= i; ++k) was[k] = sector[start + i - k];
+    start = i + 1;
+  }
 }
 
 Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
@@ -531,21 +560,7 @@ Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_
     if (holds(last) != holdsWrite) return Undone::kTorn;
     std::uint8_t was[kSectorBytes];
     std::memcpy(was, sector, kSectorBytes);
-    if (holdsWrite) {
-      // Each span reversed again, from the sector as it holds the write; a run's last byte ends one.
-      unsigned start = 0;
-      for (unsigned i = 0; i < kSectorBytes; ++i) {
-        const unsigned w = i / 8;
-        if ((named >> w & 1) == 0) {
-          start = i + 1;
-          continue;
-        }
-        if ((endsOf[w] >> i % 8 & 1) == 0 && !(i % 8 == 7 && (w == kSectorWords - 1 || (named >> (w + 1) & 1) == 0)))
-          continue;
-        for (unsigned k = start; k <= i; ++k) was[k] = sector[start + i - k];
-        start = i + 1;
-      }
-    }
+    if (holdsWrite) ReverseSpans(sector, named, endsOf, was);
     for (unsigned w = 0; w < kSectorWords; ++w)
       if (storedOf[w] != nullptr) std::memcpy(was + 8 * w, storedOf[w], 8);
     if (std::memcmp(was, sector, kSectorBytes) == 0) continue;
@@ -569,33 +584,37 @@ Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat f
 
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo) {
-#if defined(__x86_64__)
-  if (ByLines()) return EncodeTurnsByLines(before, after, blockSize, undo);
-#endif
-  std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
-  MarkChanged(before, after, blockSize, undo);
-  for (std::uint32_t word = 0; word < blockSize / 8; ++word) {
-    if (!Named(undo, word)) continue;
-    *code = CodeOf(LoadLE64(before + 8 * word), LoadLE64(after + 8 * word));
-    if (*code++ == 0) return 0;
-  }
-  return static_cast<std::size_t>(code - undo);
+  return EncodeBySectors(before, after, blockSize, Unordered::kSpanned, undo);
 }
 
-std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format) {
   const std::size_t bitmap = UndoBitmapBytes(blockSize);
   if (available < bitmap) return 0;
   const std::size_t named = NamedCount(undo, blockSize);
   if (available - bitmap < named) return 0;
+  if (format == UndoFormat::kSpans) return SpansEndRuns(undo, blockSize, false) ? bitmap + named : 0;
   for (std::size_t i = 0; i < named; ++i)
     if (undo[bitmap + i] == 0 || !ValidCode(undo[bitmap + i])) return 0;
   return bitmap + named;
 }
 
-void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
+void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
-  for (std::uint32_t word = 0; word < blockSize / 8; ++word)
-    if (Named(undo, word)) StoreLE64(block + 8 * word, Turn(LoadLE64(block + 8 * word), *code++));
+  if (format != UndoFormat::kSpans) {
+    for (std::uint32_t word = 0; word < blockSize / 8; ++word)
+      if (Named(undo, word)) StoreLE64(block + 8 * word, Turn(LoadLE64(block + 8 * word), *code++));
+    return;
+  }
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint64_t named = NamedInSector(undo, s);
+    if (named == 0) continue;
+    std::uint8_t endsOf[kSectorWords] = {};
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) endsOf[__builtin_ctzll(rest)] = *code++;
+    std::uint8_t was[kSectorBytes];
+    std::memcpy(was, block + kSectorBytes * s, kSectorBytes);
+    ReverseSpans(block + kSectorBytes * s, named, endsOf, was);
+    std::memcpy(block + kSectorBytes * s, was, kSectorBytes);
+  }
 }
 
 }  // namespace bt::journal

@@ -52,13 +52,13 @@ enum class Undone { kAsItWas, kPutBack, kTorn };
 // Puts back into block the words the undo names (it fits, as UndoSize tells).
 Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block);
 
-// Turns: the bitmap and a code byte (of the earlier formats) for each word named, none of them 0
-// (no word is stored, and the first word of a sector is turned like the others), for a block
-// whose written sectors are known otherwise. Encoded only where every changed word is a byte order of the word it replaced
-// (0 otherwise); put back into every word named, whatever it holds.
+// Turns: for a block whose written sectors are known otherwise, the bitmap and each word's span
+// ends, none stored (every word named is turned, the first of a sector like the others). Encoded
+// only where spans explain every word that changed (0 otherwise); put back into every word named,
+// whatever it holds. Turns of the earlier formats have a code byte for each word instead (none 0).
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo);
-std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize);
-void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block);
+std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format);
+void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block);
 
 }  // namespace bt::journal
