@@ -197,6 +197,48 @@ std::uint64_t SectorEndsWordByWord(const std::uint8_t* before, const std::uint8_
   return spanned;
 }
 
+// What becomes of the words named that no order within the word turns back: stored, their spans
+// looked for (those that none explain stored), or, in turns, their spans, which must explain
+// them all.
+enum class Unordered { kStored, kSpannedOrStored, kSpanned };
+constexpr std::uint64_t kNotTurned = ~std::uint64_t{0};
+
+// The words of a sector stored, given each named word's ends from its order within the word, the
+// words with none (spanned) and, where they are not simply stored, the sector's spans; in turns
+// none, or kNotTurned where spans do not explain every word.
+std::uint64_t SectorStored(Unordered unordered, const SectorSpans* spans, std::uint64_t named, std::uint64_t spanned,
+                           std::uint8_t* ends) {
+  if (unordered != Unordered::kSpanned)
+    return StoredInSector(unordered == Unordered::kStored ? nullptr : spans, named, spanned, ends);
+  return spanned != 0 && FindSpansOfRuns(*spans, spanned, 0, ends) != 0 ? kNotTurned : 0;
+}
+
+// The undo (or turns) of the write of after over before, a sector at a time: its bitmap and each
+// word's ends, the spans of the words with no order, then the sector's ends and stored words
+// (the words aside, as their place follows the last ends); 0 for turns that spans do not explain.
+std::size_t EncodeWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                             Unordered unordered, std::uint8_t* undo) {
+  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
+  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
+  std::uint8_t* words = aside.data();
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    std::uint8_t ends[kSectorWords];
+    const std::uint64_t spanned = SectorEndsWordByWord(before, after, s, undo, ends), named = NamedInSector(undo, s);
+    SectorSpans spans;
+    const bool spansFound = spanned != 0 && unordered != Unordered::kStored;
+    if (spansFound) FindSectorSpansByteByByte(before + kSectorBytes * s, after + kSectorBytes * s, spans);
+    const std::uint64_t stored = SectorStored(unordered, spansFound ? &spans : nullptr, named, spanned, ends);
+    if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
+    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
+      const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
+      *codes++ = ends[w];
+      if ((stored >> w & 1) != 0) std::memcpy(words, before + kSectorBytes * s + 8 * w, 8), words += 8;
+    }
+  }
+  std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
+  return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
+}
+
 #if defined(__x86_64__)
 #define BT_LINES_TARGET __attribute__((target("avx512f,avx512bw,avx512vl,popcnt")))
 
@@ -309,31 +351,13 @@ BT_LINES_TARGET void FindSectorSpansByLines(const std::uint8_t* before, const st
   }
 }
 
-// SectorEndsWordByWord, a line of eight words at a time.
-BT_LINES_TARGET std::uint64_t SectorEndsByLines(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s,
-                                                std::uint8_t* undo, std::uint8_t* ends) {
-  const LineCoder coder;
-  const LineEnds lineEnds;
-  std::uint64_t spanned = 0;
-  for (std::uint32_t k = 0; k < kSectorWords / 8; ++k) {
-    const __m512i was = _mm512_loadu_si512(before + kSectorBytes * s + 64 * k);
-    const __m512i now = _mm512_loadu_si512(after + kSectorBytes * s + 64 * k);
-    const __mmask8 changed = _mm512_cmpneq_epi64_mask(was, now);
-    undo[kSectorWords / 8 * s + k] = changed;
-    if (changed == 0) continue;
-    const __m512i code = coder.Codes(was, now);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(ends + 8 * k), _mm512_maskz_cvtepi64_epi8(0xFF, lineEnds.Of(code)));
-    spanned |= std::uint64_t{static_cast<__mmask8>(changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512()))}
-               << 8 * k;
-  }
-  return spanned;
-}
-
-// The quick undo (no spans looked for), a line of eight words at a time, a sector at a time: its
-// bitmap, which tells its first and last word named; then each line's ends and stored words (the
-// words aside, as their place follows the last ends).
-BT_LINES_TARGET std::size_t EncodeQuickUndoByLines(const std::uint8_t* before, const std::uint8_t* after,
-                                                   std::uint32_t blockSize, std::uint8_t* undo) {
+// EncodeWordByWord, a line of eight words at a time, a sector at a time: its bitmap, which tells
+// its first and last word named; where words with no order are stored, each line's ends and
+// stored words at once; else the ends of every line first, then the spans of the words with no
+// order, then each line's ends and stored words. (The words go aside, as their place follows the
+// last ends.)
+BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                                          Unordered unordered, std::uint8_t* undo) {
   thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
   constexpr std::uint32_t kLines = kSectorWords / 8;
   const LineCoder coder;
@@ -347,16 +371,43 @@ BT_LINES_TARGET std::size_t EncodeQuickUndoByLines(const std::uint8_t* before, c
       now[k] = _mm512_loadu_si512(after + kSectorBytes * s + 64 * k);
       undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(was[k], now[k]);
     }
-    const std::uint64_t kept = KeptInSector(NamedInSector(undo, s));
+    const std::uint64_t named = NamedInSector(undo, s);
+    if (unordered == Unordered::kStored) {
+      const std::uint64_t kept = KeptInSector(named);
+      for (std::uint32_t k = 0; k < kLines; ++k) {
+        const __mmask8 changed = undo[kLines * s + k];
+        if (changed == 0) continue;
+        const __m512i code = coder.Codes(was[k], now[k]);
+        const __mmask8 none = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
+        codes += PutCodes(codes, changed, _mm512_mask_mov_epi64(lineEnds.Of(code), none, _mm512_set1_epi64(kStoredWord)));
+        const auto stored = static_cast<__mmask8>(none | kept >> 8 * k);
+        _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
+        words += 8 * __builtin_popcount(stored);
+      }
+      continue;
+    }
+    std::uint8_t ends[kSectorWords] = {};
+    std::uint64_t spanned = 0;
     for (std::uint32_t k = 0; k < kLines; ++k) {
       const __mmask8 changed = undo[kLines * s + k];
       if (changed == 0) continue;
       const __m512i code = coder.Codes(was[k], now[k]);
-      const __mmask8 none = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
-      codes += PutCodes(codes, changed, _mm512_mask_mov_epi64(lineEnds.Of(code), none, _mm512_set1_epi64(kStoredWord)));
-      const auto stored = static_cast<__mmask8>(none | kept >> 8 * k);
-      _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
-      words += 8 * __builtin_popcount(stored);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(ends + 8 * k), _mm512_maskz_cvtepi64_epi8(0xFF, lineEnds.Of(code)));
+      spanned |= std::uint64_t{static_cast<__mmask8>(changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512()))}
+                 << 8 * k;
+    }
+    SectorSpans spans;
+    if (spanned != 0) FindSectorSpansByLines(before + kSectorBytes * s, after + kSectorBytes * s, spans);
+    const std::uint64_t stored = SectorStored(unordered, spanned != 0 ? &spans : nullptr, named, spanned, ends);
+    if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
+    for (std::uint32_t k = 0; k < kLines; ++k) {
+      const __mmask8 changed = undo[kLines * s + k];
+      if (changed == 0) continue;
+      codes += PutCodes(codes, changed,
+                        _mm512_maskz_cvtepu8_epi64(0xFF, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(ends + 8 * k))));
+      const auto inLine = static_cast<__mmask8>(stored >> 8 * k);
+      _mm512_mask_compressstoreu_epi64(words, inLine, was[k]);
+      words += 8 * __builtin_popcount(inLine);
     }
   }
   std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
@@ -371,61 +422,20 @@ bool ByLines() {
 }
 #endif
 
-std::uint64_t SectorEnds(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s, std::uint8_t* undo,
-                         std::uint8_t* ends) {
+// The undo (or turns) of the write of after over before.
+std::size_t Encode(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Unordered unordered,
+                   std::uint8_t* undo) {
 #if defined(__x86_64__)
-  if (ByLines()) return SectorEndsByLines(before, after, s, undo, ends);
+  if (ByLines()) return EncodeByLines(before, after, blockSize, unordered, undo);
 #endif
-  return SectorEndsWordByWord(before, after, s, undo, ends);
-}
-
-void FindSectorSpans(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
-#if defined(__x86_64__)
-  if (ByLines()) return FindSectorSpansByLines(before, after, spans);
-#endif
-  FindSectorSpansByteByByte(before, after, spans);
-}
-
-// What becomes of the words named that no order within the word turns back: stored, their spans
-// looked for (those that none explain stored), or their spans, which must explain them all.
-enum class Unordered { kStored, kSpannedOrStored, kSpanned };
-
-// An undo, or turns, a sector at a time: its bitmap and each word's ends, the spans of the words
-// with no order, then the sector's ends and stored words (the words aside, as their place follows
-// the last ends). 0 where turns are asked for and spans do not explain every word.
-std::size_t EncodeBySectors(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                            Unordered unordered, std::uint8_t* undo) {
-  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
-  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
-  std::uint8_t* words = aside.data();
-  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    std::uint8_t ends[kSectorWords];
-    const std::uint64_t spanned = SectorEnds(before, after, s, undo, ends), named = NamedInSector(undo, s);
-    SectorSpans spans;
-    const bool spansFound = spanned != 0 && unordered != Unordered::kStored;
-    if (spansFound) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    std::uint64_t stored = 0;
-    if (unordered != Unordered::kSpanned) stored = StoredInSector(spansFound ? &spans : nullptr, named, spanned, ends);
-    else if (spansFound && FindSpansOfRuns(spans, spanned, 0, ends) != 0) return 0;
-    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
-      const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
-      *codes++ = ends[w];
-      if ((stored >> w & 1) != 0) std::memcpy(words, before + kSectorBytes * s + 8 * w, 8), words += 8;
-    }
-  }
-  std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
-  return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
+  return EncodeWordByWord(before, after, blockSize, unordered, undo);
 }
 
 }  // namespace
 
 std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo) {
-#if defined(__x86_64__)
-  if (ByLines() && effort == Effort::kQuick) return EncodeQuickUndoByLines(before, after, blockSize, undo);
-#endif
-  return EncodeBySectors(before, after, blockSize, effort == Effort::kQuick ? Unordered::kStored : Unordered::kSpannedOrStored,
-                         undo);
+  return Encode(before, after, blockSize, effort == Effort::kQuick ? Unordered::kStored : Unordered::kSpannedOrStored, undo);
 }
 
 std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo) {
@@ -584,7 +594,7 @@ Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat f
 
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo) {
-  return EncodeBySectors(before, after, blockSize, Unordered::kSpanned, undo);
+  return Encode(before, after, blockSize, Unordered::kSpanned, undo);
 }
 
 std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format) {
