@@ -447,14 +447,19 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
         EXPECT_EQ(torn, before) << "cut " << cut;
         EXPECT_EQ(bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()), Undone::kAsItWas);
       }
-      // A write ended part way inside a sector: put back, or told.
+      // A write ended part way inside a sector, and a put-back so over the write, at any byte (and
+      // inside each sector's first and last words, which the undo keeps): put back, or told.
       std::size_t told = 0;
-      for (std::uint32_t at = 5; at < size; at += 211) {
-        std::vector<std::uint8_t> torn = after;
-        std::copy(before.begin() + at, before.end(), torn.begin() + at);
-        if (bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()) == Undone::kTorn) ++told;
-        else EXPECT_EQ(torn, before) << "ended at " << at;
-      }
+      std::vector<std::uint32_t> ends;
+      for (std::uint32_t at = 5; at < size; at += 211) ends.push_back(at);
+      for (std::uint32_t at : {1u, 7u, 505u, 511u}) ends.push_back(1024 + at);
+      for (std::uint32_t at : ends)
+        for (bool putBackTorn : {false, true}) {
+          std::vector<std::uint8_t> torn = putBackTorn ? before : after;
+          std::copy((putBackTorn ? after : before).begin() + at, (putBackTorn ? after : before).end(), torn.begin() + at);
+          if (bt::journal::ApplyBlockUndo(undo.data(), size, b, torn.data()) == Undone::kTorn) ++told;
+          else EXPECT_EQ(torn, before) << "ended at " << at << (putBackTorn ? ", put back" : "");
+        }
       EXPECT_NE(told, 0u);
     }
   bt::databaseKeyLoaded = bt::databaseEncrypted = false;

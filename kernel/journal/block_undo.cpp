@@ -100,6 +100,7 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
   // Which sectors hold the write, and from which 16 bytes each was encrypted.
   bool written[kMaxBlockSize / kSectorBytes] = {};
   const std::uint8_t* tail[kMaxBlockSize / kSectorBytes] = {};
+  const std::uint8_t* entry[kMaxBlockSize / kSectorBytes] = {};
   bool any = false;
   const std::uint8_t* at = bits + SectorBitmapBytes(blockSize);
   const auto differs = [&](std::uint32_t s, const std::uint8_t* entry) {
@@ -107,6 +108,7 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
   };
   for (std::uint32_t s = 0; s < sectors; ++s) {
     if (!Bit(bits, s)) continue;
+    entry[s] = at;
     written[s] = differs(s, at);
     if (lastStored && differs(s, at + 9) != written[s]) return Undone::kTorn;
     any = any || written[s];
@@ -132,6 +134,11 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
     const std::uint8_t* iv = s == 0 ? blockIv : block + kSectorBytes * s - kTailBytes;
     EncryptFrom(plain.data() + kSectorBytes * s, block + kSectorBytes * s, kSectorBytes, iv);
   }
+  // A write ended part way inside the sector's first or last differing word leaves that word
+  // differing too, and the sector's 16 bytes around it decrypt to nothing it held: put back, the
+  // words differ from those the undo stores, and the sector is told.
+  for (std::uint32_t s = 0; s < sectors; ++s)
+    if (written[s] && (differs(s, entry[s]) || (lastStored && differs(s, entry[s] + 9)))) return Undone::kTorn;
   return Undone::kPutBack;
 }
 
