@@ -19,9 +19,12 @@ namespace bt::journal {
 // A sector is written whole or not at all, and the first and the last word named in each 512-byte
 // sector are stored as they were, whatever their spans: the sector holds the write where they
 // differ from it. Where only one of them does, the sector holds part of the write (one the system
-// ended part way inside the sector): it cannot be put back, and that is told. Stored words are
-// put back whatever the sector holds, spans reversed again only where it holds the write. The
-// undos of a record are put back in the order of its writes. Block sizes are multiples of 512.
+// ended part way inside the sector): it cannot be put back, and that is told. A write ended part
+// way inside the first or the last word itself is not told, so no span crosses the end of the
+// first word or the start of the last (the words beside them are never turned back from a part of
+// either). Stored words are put back whatever the sector holds, spans reversed again only where
+// it holds the write. The undos of a record are put back in the order of its writes. Block sizes
+// are multiples of 512.
 //
 // Undos of earlier formats name the words the same way, with a code byte each instead of its
 // spans: 0 for a word stored, else the byte order that turns the word written back into the one
