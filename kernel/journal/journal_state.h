@@ -13,7 +13,6 @@
 
 #include "journal.h"
 #include "journal_format.h"
-#include "undo_codec.h"
 #include "map_block.h"
 #include "platform.h"
 #include "database.h"
@@ -40,7 +39,6 @@ struct Group {
   std::vector<std::uint8_t> undo;  // of the group's blocks, in the order of its writes: undoSize bytes
   std::size_t undoSize = 0;
   bool byWriter = false;
-  journal::Effort effort = journal::Effort::kQuick;  // of its undos
   std::vector<std::uint8_t> befores;  // byWriter: the bytes the writes replace, and the batches read
   std::vector<HeldWrite> held;
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset

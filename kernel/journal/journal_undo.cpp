@@ -73,17 +73,18 @@ const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
   return nullptr;
 }
 
-// A group's undo is made by the writer or as it goes from the group's start to its end. The run
-// makes it where flushes cost: the run then waits for the disk, whose bytes cost more than the
-// processor's time, and the undo looks for spans across words, which makes it smaller.
+// A group's undo is made by the writer or as it goes from the group's start to its end.
 Group& GatheringGroup() {
   Group& g = j.group;
-  if (g.held.empty() && g.befores.empty()) {
-    g.byWriter = RecordByWriter();
-    g.effort = g.byWriter ? journal::Effort::kQuick : journal::Effort::kSmallest;
-  }
+  if (g.held.empty() && g.befores.empty()) g.byWriter = RecordByWriter();
   return g;
 }
+
+// The run makes a group's undo where flushes cost (RecordByWriter): it then waits for the disk,
+// whose bytes cost more than the processor's time, and its undo looks for spans across words,
+// which makes it smaller. The writer's undo, where the processor is what the run waits for, does
+// not.
+constexpr journal::Effort kRunsEffort = journal::Effort::kSmallest;
 
 // Appends the undo of the write of size bytes at position of volume, or where the writer is to
 // make it the bytes the write replaces (beforeAt tells where they begin among the befores): those
@@ -125,7 +126,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
     if (g.byWriter)
       g.befores.insert(g.befores.end(), before, before + blockSize);
     else
-      end += journal::EncodeBlockUndo(before, bytes + at, blockSize, block + k, overlaid, g.effort, g.undo.data() + end);
+      end += journal::EncodeBlockUndo(before, bytes + at, blockSize, block + k, overlaid, kRunsEffort, g.undo.data() + end);
   }
   g.undoSize = end;
   return overlaid;
@@ -148,7 +149,7 @@ void MakeUndo(Group& g) {
       const std::uint8_t* before = g.befores.data() + w.before + at;
       std::uint8_t* undo = g.undo.data() + g.undoSize;
       g.undoSize += journal::EncodeBlockUndo(before, g.arena.data() + w.offset + at, blockSize, w.block + at / blockSize,
-                                             w.whole, g.effort, undo);
+                                             w.whole, journal::Effort::kQuick, undo);
     }
 }
 
