@@ -581,12 +581,14 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_EQ(j::Fingerprint(block.data() + 1, 520), 44714);
   }
 
-  // A commit sector: 48 bytes of content, the last 16 of them the record's size and checksum.
+  // A commit sector: 124 bytes of content, the record's place, size and checksum from byte 24, the
+  // three records before's after them, how many it names at byte 120; then its own checksum.
   std::uint8_t sector[j::kCommitBytes];
-  j::EncodeCommit({0x5EED, 1, j::kRecordsOffset, 4000, 0xABCDEF}, sector);
+  j::EncodeCommit({0x5EED, 1, 1, {{j::kRecordsOffset, 4000, 0xABCDEF}, {}}}, sector);
   j::Commit commit;
   ASSERT_TRUE(j::DecodeCommit(sector, commit));
-  for (std::size_t at : {32u, 40u, 47u}) {
+  EXPECT_EQ(commit.records[0].size, 4000u);
+  for (std::size_t at : {32u, 40u, 47u, 72u, 120u, 131u}) {
     sector[at] ^= 1;
     EXPECT_FALSE(j::DecodeCommit(sector, commit)) << "commit byte " << at << " changed";
     sector[at] ^= 1;
@@ -614,8 +616,8 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     ends.insert(record.size() % 32);
     std::vector<std::uint8_t> journal(j::kRecordsOffset + record.size());
     std::copy(headerBytes.begin(), headerBytes.end(), journal.begin());
-    j::EncodeCommit({0x5EED, 0, 0, 0, 0}, journal.data() + j::kCommitOffset);
-    j::EncodeCommit({0x5EED, 1, j::kRecordsOffset, record.size(), j::ChecksumOf(record.data(), record.size())},
+    j::EncodeCommit({0x5EED, 0, 1, {}}, journal.data() + j::kCommitOffset);
+    j::EncodeCommit({0x5EED, 1, 1, {{j::kRecordsOffset, record.size(), j::ChecksumOf(record.data(), record.size())}, {}}},
                     journal.data() + j::kCommitOffset + j::kCommitBytes);
     std::copy(record.begin(), record.end(), journal.begin() + j::kRecordsOffset);
     const auto read = [&](std::uint64_t at, std::uint8_t* to, std::size_t n) {
@@ -626,7 +628,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     j::Found found;
     std::string why;
     ASSERT_TRUE(j::ReadJournal(read, journal.size(), found, why)) << why;
-    EXPECT_EQ(found.head.resumeBlock, 2u);
+    EXPECT_EQ(found.Latest().resumeBlock, 2u);
     journal.back() ^= 1;
     EXPECT_FALSE(j::ReadJournal(read, journal.size(), found, why)) << "a record of " << record.size() << " bytes";
     EXPECT_EQ(why, "its last record is damaged");
@@ -868,11 +870,12 @@ namespace {
 
 // A run of c cut by a power cut halfway, its journal left; returns the journal's bytes (those
 // beside the main file: with environment naming another place, none).
-std::vector<std::uint8_t> CutHalfway(const Case& c, const std::string& seed = "1", const std::string& environment = "") {
+std::vector<std::uint8_t> CutHalfway(const Case& c, const std::string& seed = "1", const std::string& environment = "",
+                                      std::size_t later = 0) {
   Reset(c);
   const RunResult whole = Convert(c, UnderTest().faultsExe, environment + kSmallGroups + "BYTETURN_POWERCUT=1000000");
   Reset(c);
-  const std::string n = std::to_string(OperationsOf(whole) / 2);
+  const std::string n = std::to_string(OperationsOf(whole) / 2 + later);
   EXPECT_EQ(Convert(c, UnderTest().faultsExe, environment + kSmallGroups + "BYTETURN_POWERCUT=" + n + ":" + seed).status,
             99);
   EXPECT_TRUE(!environment.empty() || Exists(c.journal));
@@ -892,14 +895,16 @@ bt::journal::Found FoundIn(const std::vector<std::uint8_t>& journal) {
   return found;
 }
 
-// The blocks, by volume and position, that a journal's last record names: its writes, the group
-// before as written and the sample. A block it names nowhere is the table's alone to check.
+// The blocks, by volume and position, that the records of a journal's last commit name: their
+// writes, the groups flushed before it as written and the sample. A block they name nowhere is the
+// table's alone to check.
 std::set<std::pair<std::uint32_t, std::uint64_t>> NamedByLastRecord(const bt::journal::Found& found, std::uint64_t size) {
   std::set<std::pair<std::uint32_t, std::uint64_t>> named;
-  for (const auto* checks : {&found.head.sample, &found.head.landed})
+  for (const auto* checks : {&found.Latest().sample, &found.Latest().landed})
     for (const bt::journal::Check& check : *checks) named.insert({check.volume, check.position});
-  for (const bt::journal::Entry& e : found.head.entries)
-    for (std::uint32_t k = 0; k < e.blocks; ++k) named.insert({e.volume, e.position + std::uint64_t{k} * size});
+  for (const bt::journal::Record& r : found.records)
+    for (const bt::journal::Entry& e : r.head.entries)
+      for (std::uint32_t k = 0; k < e.blocks; ++k) named.insert({e.volume, e.position + std::uint64_t{k} * size});
   return named;
 }
 
@@ -957,8 +962,8 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
   // finishes once the block can be read.
   const bt::journal::Found found = FoundIn(CutHalfway(c));
   const Snapshot before = Take(c);
-  ASSERT_FALSE(found.head.entries.empty());
-  const bt::journal::Entry& first = found.head.entries.front();
+  ASSERT_FALSE(found.Latest().entries.empty());
+  const bt::journal::Entry& first = found.Latest().entries.front();
   ASSERT_EQ(first.volume, 0u);
   ASSERT_GE(first.position, size);  // past the label block, which the recovery reads first
   fs::remove(c.lock);
@@ -975,7 +980,7 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
   const auto cutWithBlockWritten = [&] {  // a block of the last record that the files hold as written
     const bt::journal::Found cut = FoundIn(CutHalfway(c));
     const std::vector<std::uint8_t> left = ReadBytes(c.files[0]), pristine = ReadBytes(c.pristine[0]);
-    for (const bt::journal::Entry& e : cut.head.entries)
+    for (const bt::journal::Entry& e : cut.Latest().entries)
       for (std::uint32_t k = 0; k < e.blocks && e.volume == 0; ++k) {
         const std::uint64_t at = e.position + std::uint64_t{k} * size;
         if (at != 0 && !std::equal(left.begin() + at, left.begin() + at + size, pristine.begin() + at)) return at;
@@ -1064,12 +1069,12 @@ TEST(Journal, DamagedOrForeignJournalsAreRefused) {
   spliced.resize(good.size());
   const std::vector<std::pair<std::string, std::vector<std::uint8_t>>> journals = {
       {"cut in its header", std::vector<std::uint8_t>(good.begin(), good.begin() + 20000)},
-      {"cut in its last record", std::vector<std::uint8_t>(good.begin(), good.begin() + last.recordOffset + last.recordSize / 2)},
+      {"cut in its last record", std::vector<std::uint8_t>(good.begin(), good.begin() + last.records[0].offset + last.records[0].size / 2)},
       {"zeroed", std::vector<std::uint8_t>(good.size(), 0)},
       {"a bit flipped in the header", flipped(700)},
       {"a bit flipped in commit sector 0", flipped(bt::journal::kCommitOffset + 21)},
       {"a bit flipped in commit sector 1", flipped(bt::journal::kCommitOffset + 512 + 9)},
-      {"a bit flipped in the last record", flipped(last.recordOffset + last.recordSize / 2)},
+      {"a bit flipped in the last record", flipped(last.records[0].offset + last.records[0].size / 2)},
       {"the header of another run", spliced},
       {"another database's", otherDatabase}};
   for (const auto& [name, bytes] : journals) {
@@ -1360,7 +1365,7 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   // another database's): its volume info block tells, and nothing is changed; as the run left it,
   // it is converted.
   const bt::journal::Found found = FoundIn(before.journal);
-  ASSERT_LT(found.head.resumeBlock, bt::LoadBE64(ReadBytes(c.pristine[2]).data() + 56)) << "the last volume reached";
+  ASSERT_LT(found.Earliest().resumeBlock, bt::LoadBE64(ReadBytes(c.pristine[2]).data() + 56)) << "the last volume reached";
   const std::vector<std::uint8_t> left = ReadBytes(c.files[2]);
   const std::vector<std::uint8_t> twin = ReadBytes(c.twin[2]);
   WriteBytes(c.files[2], 0, std::vector<std::uint8_t>(twin.begin(), twin.begin() + gendb::GeometryFor(c.params.sizeCode).blockSize));
@@ -1454,7 +1459,7 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
     const std::vector<std::uint8_t> left = ReadBytes(c.files[v]), before = ReadBytes(c.pristine[v]);
     const std::uint32_t first = v == 0 ? 1 : midway.header.volumes[v].firstBlock;
     for (std::uint64_t at = 0; at + size <= before.size() && outOfTurn == 0; at += size)
-      if (first + at / size >= midway.head.resumeBlock && !recorded.contains({v, at}) &&
+      if (first + at / size >= midway.Earliest().resumeBlock && !recorded.contains({v, at}) &&
           !std::equal(before.begin() + at, before.begin() + at + size, left.begin() + at))
         outOfTurn = first + static_cast<std::uint32_t>(at / size), aheadVolume = v, aheadAt = at;
   }
@@ -1469,17 +1474,20 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   WriteBytes(c.files[aheadVolume], 0, aheadLeft);
   FinishAndExpectTwin(c);
 
-  // The table entries of the group before the last commit go to the disk with that commit, and
-  // the power may take them: entries left from an earlier write of those blocks do not stop the
-  // recovery, as the record names the blocks whole.
+  // The table entries of the groups whose files were flushed before the last commit go to the
+  // disk with that commit, and the power may take them: entries left from an earlier write of
+  // those blocks do not stop the recovery, as the record names the blocks whole. (Not every commit
+  // has files flushed before it: the cut is moved on until one does.)
   Scratch t;
   const Case one = Prepare(t, Rich());
-  const bt::journal::Found half = FoundIn(CutHalfway(one));
   std::size_t stale = 0;
-  for (const bt::journal::Check& check : half.head.landed) {
-    if (check.volume != 0) continue;
-    WriteBytes(one.journal, bt::journal::kTableOffset + 2 * (check.position / size + 1), {0x5A, 0xA5});
-    ++stale;
+  for (std::size_t later = 0; later < 64 && stale == 0; later += 4) {
+    const bt::journal::Found half = FoundIn(CutHalfway(one, "1", "", later));
+    for (const bt::journal::Check& check : half.Latest().landed) {
+      if (check.volume != 0) continue;
+      WriteBytes(one.journal, bt::journal::kTableOffset + 2 * (check.position / size + 1), {0x5A, 0xA5});
+      ++stale;
+    }
   }
   ASSERT_NE(stale, 0u);
   FinishAndExpectTwin(one);

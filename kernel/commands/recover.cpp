@@ -6,7 +6,6 @@
 #include <cstring>
 #include <map>
 #include <string>
-#include <unordered_map>
 
 #include "driver.h"
 #include "block_cipher.h"
@@ -108,13 +107,14 @@ std::uint32_t BlockAt(std::uint32_t v, std::uint64_t position, std::uint32_t siz
   return (v == 0 ? 1 : volumeFirstBlock[v]) + static_cast<std::uint32_t>(position / size);
 }
 
-// The blocks the last record writes, by key (BlockKey), sorted; none before the first commit.
-std::vector<std::uint64_t> WrittenByLastRecord(const journal::Found& found, const std::vector<std::uint32_t>& keys) {
+// The blocks the records of the commit in effect write, by key (BlockKey), sorted; none before
+// the first commit.
+std::vector<std::uint64_t> WrittenByOpenRecords(const journal::Found& found, const std::vector<std::uint32_t>& keys) {
   std::vector<std::uint64_t> written;
-  if (found.commit.number == 0) return written;
-  for (const journal::Entry& e : found.head.entries)
-    for (std::uint32_t k = 0; k < e.blocks && e.volume < keys.size(); ++k)
-      written.push_back(BlockKey(keys[e.volume], e.position / found.head.blockSize + k));
+  for (const journal::Record& r : found.records)
+    for (const journal::Entry& e : r.head.entries)
+      for (std::uint32_t k = 0; k < e.blocks && e.volume < keys.size(); ++k)
+        written.push_back(BlockKey(keys[e.volume], e.position / r.head.blockSize + k));
   std::sort(written.begin(), written.end());
   return written;
 }
@@ -126,7 +126,7 @@ std::vector<std::uint64_t> WrittenByLastRecord(const journal::Found& found, cons
                                      std::uint64_t position, std::size_t sampledAsBefore, const std::string& caution) {
   const std::string file = VolumePath(volume);
   std::string text = file + " is not as the interrupted run left it: block #" +
-                     std::to_string(BlockAt(volume, position, found.head.blockSize)) +
+                     std::to_string(BlockAt(volume, position, found.Latest().blockSize)) +
                      " holds other bytes than the run wrote there (the block at byte " + std::to_string(position) +
                      " of the file).";
   const std::string& lock = found.header.lockPath;
@@ -143,19 +143,20 @@ std::vector<std::uint64_t> WrittenByLastRecord(const journal::Found& found, cons
   Refuse(text + caution + " Nothing was changed.");
 }
 
-// Every block the last record names outside its own writes must hold what the run last wrote
-// there: otherwise a file was put back from a backup, rolled back, or replaced since. Where every
+// Every block the last record names outside the writes of the records in effect must hold what
+// the run last wrote there: otherwise a file was put back from a backup, rolled back, or replaced since. Where every
 // sampled block holds what it held before the run, the database looks as it was before it.
 void CheckContentsOrRefuse(const journal::Found& found, const std::string& path, const std::vector<std::uint32_t>& keys,
                            const std::string& caution) {
   if (found.commit.number == 0) return;
-  const std::uint32_t size = found.head.blockSize;
-  const std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
+  const journal::RecordHead& latest = found.Latest();
+  const std::uint32_t size = latest.blockSize;
+  const std::vector<std::uint64_t> written = WrittenByOpenRecords(found, keys);
   std::vector<platform::File> files(keys.size(), platform::kInvalidFile);
   std::uint8_t sector[journal::kCheckedBytes];
   const journal::Check* differs = nullptr;
   std::size_t sampled = 0, asBefore = 0;
-  for (const std::vector<journal::Check>* checks : {&found.head.landed, &found.head.sample})
+  for (const std::vector<journal::Check>* checks : {&latest.landed, &latest.sample})
     for (const journal::Check& c : *checks) {
       if (c.volume >= keys.size()) Refuse("the journal " + path + " names a volume the database does not have.");
       if (std::binary_search(written.begin(), written.end(), BlockKey(keys[c.volume], c.position / size))) continue;
@@ -164,7 +165,7 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
       const bool read = ReadThrough(file, c.position, sector, sizeof sector);
       const std::uint64_t sum = read ? journal::ChecksumOf(sector, sizeof sector) : ~c.after;
       if (sum != c.after && differs == nullptr) differs = &c;
-      if (checks == &found.head.sample) ++sampled, asBefore += sum == c.before;
+      if (checks == &latest.sample) ++sampled, asBefore += sum == c.before;
     }
   for (const platform::File file : files) platform::Close(file);
   if (differs == nullptr) return;
@@ -176,17 +177,17 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
 // strings that a node before the resume point named: the recovery's run passes them over). A file
 // put back from a copy taken while the run went on (its blocks read in turn, some before the run
 // reached them, one maybe as a write was half made) holds blocks or parts of blocks as they were
-// before the run, which the sample may miss. Left out: the last record's writes (put back), and
-// the blocks of the group before it, whose entries were written with the last commit and may be
-// lost with it where the power went (the record names them, checked whole). A volume that is
+// before the run, which the sample may miss. Left out: the writes of the records in effect (put
+// back), and the blocks of the groups flushed before the last commit, whose entries were written
+// with it and may be lost with it where the power went (the last record names them, checked whole). A volume that is
 // another's file too is left to the checks of links: its blocks are written through both names.
 void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File journalFile, const std::string& path,
                                 const std::vector<std::uint32_t>& keys, const std::string& caution) {
   const journal::Header& h = found.header;
   if (found.commit.number == 0 || h.tableBlocks == 0) return;
-  const std::uint32_t size = found.head.blockSize;
-  std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
-  for (const journal::Check& c : found.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
+  const std::uint32_t size = found.Latest().blockSize;
+  std::vector<std::uint64_t> written = WrittenByOpenRecords(found, keys);
+  for (const journal::Check& c : found.Latest().landed) written.push_back(BlockKey(c.volume, c.position / size));
   std::sort(written.begin(), written.end());
   constexpr std::uint32_t kRun = 128;
   std::vector<std::uint8_t> entries(2 * kRun), blocks(std::size_t{kRun} * size);
@@ -227,13 +228,13 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
 
 
 // The order in which the run left block b at position of the file of key: converted where the
-// run had passed it, as it was where it had not; either where the last record writes it (the
+// run had passed it, as it was where it had not; either where a record in effect writes it (the
 // put-back settles it).
 enum class Left { kAsFound, kConverted, kEither };
 Left LeftAs(const journal::Found& found, const std::vector<std::uint64_t>& written, std::uint32_t key,
             std::uint64_t position, std::uint32_t b) {
   if (std::binary_search(written.begin(), written.end(), BlockKey(key, position / blockSize))) return Left::kEither;
-  return found.commit.number != 0 && b < found.head.resumeBlock ? Left::kConverted : Left::kAsFound;
+  return found.commit.number != 0 && b < found.Earliest().resumeBlock ? Left::kConverted : Left::kAsFound;
 }
 
 // The checkpoint of the primary volume info block, where it was read.
@@ -264,7 +265,7 @@ bool IsVolumeInfo(const std::uint8_t* p, bool big, std::uint32_t v, std::uint64_
 // files rolled back) would be converted wrongly, or again. A volume linked to another file of the
 // set is left to the checks of links.
 void CheckVolumeInfoOrRefuse(const journal::Found& found, const std::vector<std::uint32_t>& keys) {
-  const std::vector<std::uint64_t> written = WrittenByLastRecord(found, keys);
+  const std::vector<std::uint64_t> written = WrittenByOpenRecords(found, keys);
   const bool asFoundBig = swapFlag != 0;
   Checkpoint checkpoint;
   std::vector<std::uint8_t> block(blockSize);
@@ -292,14 +293,15 @@ void CheckVolumeInfoOrRefuse(const journal::Found& found, const std::vector<std:
 
 // Whether label (the main file's first bytes) is the label block as the run found it or left it:
 // converted, and where a further volume is the main file (a link), converted again as that
-// volume's first block. Where the last record writes that block, through any name, it may be torn
-// and is put back.
+// volume's first block. Where a record in effect writes that block, through any name, it may be
+// torn and is put back.
 bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, const std::vector<std::uint32_t>& keys) {
   constexpr std::size_t n = journal::kLabelCopyBytes;
   if (std::memcmp(label, found.header.label, n) == 0) return true;
   if (found.commit.number == 0) return false;  // nothing is written before the first commit
-  for (const journal::Entry& e : found.head.entries)
-    if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
+  for (const journal::Record& r : found.records)
+    for (const journal::Entry& e : r.head.entries)
+      if (e.volume < keys.size() && keys[e.volume] == keys[0] && e.position == 0) return true;
   std::uint8_t converted[n];
   std::memcpy(converted, found.header.label, n);
   ConvertLabelBlock(Bytes(converted, n));
@@ -406,7 +408,9 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
            (!lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string()) + "." + caution +
            " Nothing was changed.");
   }
-  if (marked && mark.group + 1 < found.commit.number)
+  // The files were flushed after the writes of every group before those of the records in effect,
+  // and the mark with them.
+  if (marked && mark.group + found.commit.open < found.commit.number)
     Refuse(databaseFileName + " is older than the journal " + journalPath + " (its files hold group #" +
            std::to_string(mark.group) + ", the journal ends at group #" + std::to_string(found.commit.number) +
            "). Put back the files as the run left them. Nothing was changed.");
@@ -419,7 +423,7 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
 [[noreturn]] void RefuseTornBlock(const journal::Found& found, const std::string& path, std::uint32_t volume,
                                   std::uint64_t position) {
   const std::string& lock = found.header.lockPath;
-  Refuse("block #" + std::to_string(BlockAt(volume, position, found.head.blockSize)) + " of " + VolumePath(volume) +
+  Refuse("block #" + std::to_string(BlockAt(volume, position, found.Latest().blockSize)) + " of " + VolumePath(volume) +
          " (at byte " + std::to_string(position) + ") holds part of the interrupted run's write and part of what "
          "it held before within one 512-byte sector (a write the system ended part way), which the journal cannot "
          "put back. Restore the whole database from a backup taken before the run, remove the journal " + path +
@@ -427,68 +431,91 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
          ", and run byteturn again. Nothing was changed.");
 }
 
-// The blocks of the last record as its undo puts them back: those that change, and each block's
-// first 512 bytes as it leaves them (for the journal's next record). A block that still holds
-// what it held is left alone: the write that failed on a bad place of the disk is not tried again
-// here, but where the run meets it, with the run's own message.
+// The blocks of the records in effect as their undos put them back, the latest record's first:
+// those that change, and each block's first 512 bytes as it leaves them (for the journal's next
+// record). A block that still holds what it held is left alone: the write that failed on a bad
+// place of the disk is not tried again here, but where the run meets it, with the run's own
+// message.
 struct PutBacks {
   struct Block {
     std::uint32_t volume, block;
     std::uint64_t position;
-    std::size_t offset;
+    std::vector<std::uint8_t> bytes;
   };
   std::vector<Block> blocks;
-  std::vector<std::uint8_t> bytes;
   std::vector<journal::Check> landed;
 };
 PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path) {
   PutBacks out;
   if (found.commit.number == 0) return out;
-  const std::uint32_t blockBytes = found.head.blockSize;
+  const std::uint32_t blockBytes = found.Latest().blockSize;
   const std::vector<std::uint32_t> keys = KeysOfVolumes(found.header);
-  std::vector<std::uint8_t> current(blockBytes);
-  std::size_t at = found.undoOffset;
   std::vector<platform::File> files(std::size_t{furtherVolumeCount} + 1, platform::kInvalidFile);
-  std::unordered_map<std::uint64_t, journal::Check> left;
-  std::map<std::uint64_t, std::pair<std::uint32_t, std::uint64_t>> torn;  // by key: volume, position
-  for (const journal::Entry& e : found.head.entries) {
-    if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
-    platform::File& file = files[e.volume];
-    if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(e.volume));
-    if (file == platform::kInvalidFile)
-      Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(e.volume), ErrorText());
-    for (std::uint32_t k = 0; k < e.blocks; ++k) {
-      const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
-      const std::uint8_t* undo = found.record.data() + at;
-      at += journal::BlockUndoSize(undo, found.record.size() - at, blockBytes);
-      if (!ReadThrough(file, position, current.data(), blockBytes))
-        Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
-             static_cast<unsigned long long>(position), ErrorText());
-      const std::uint32_t b = BlockAt(e.volume, position, blockBytes);
-      const journal::Undone undone = journal::ApplyBlockUndo(undo, blockBytes, b, current.data());
-      const std::uint64_t key = BlockKey(keys[e.volume], position / blockBytes);
-      // A block the record writes again is put back by its later undo, whatever this one found.
-      if (undone == journal::Undone::kTorn) torn.try_emplace(key, e.volume, position);
-      else torn.erase(key);
-      left[key] = {keys[e.volume], position, 0, journal::ChecksumOf(current.data(), journal::kCheckedBytes)};
-      if (undone != journal::Undone::kPutBack) continue;
-      out.blocks.push_back({e.volume, b, position, out.bytes.size()});
-      out.bytes.insert(out.bytes.end(), current.begin(), current.end());
+  // By key: each block of the records read so far, and its bytes where their undos changed it. The
+  // run never writes a block in two groups that one commit names, but an earlier record's undo
+  // would then apply to what the later one's left.
+  struct Left {
+    std::uint32_t volume;
+    std::uint64_t position, sum;
+    std::vector<std::uint8_t> bytes;  // none: as the disk holds it
+  };
+  std::map<std::uint64_t, Left> done;
+  std::vector<std::uint8_t> current(blockBytes);
+  for (const journal::Record& r : found.records) {
+    std::map<std::uint64_t, Left> now;
+    std::map<std::uint64_t, std::pair<std::uint32_t, std::uint64_t>> torn;  // by key: volume, position
+    std::size_t at = r.undoOffset;
+    for (const journal::Entry& e : r.head.entries) {
+      if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
+      platform::File& file = files[e.volume];
+      if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(e.volume));
+      if (file == platform::kInvalidFile)
+        Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(e.volume), ErrorText());
+      for (std::uint32_t k = 0; k < e.blocks; ++k) {
+        const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
+        const std::uint8_t* undo = r.bytes.data() + at;
+        at += journal::BlockUndoSize(undo, r.bytes.size() - at, blockBytes);
+        const std::uint64_t key = BlockKey(keys[e.volume], position / blockBytes);
+        const auto later = done.find(key);
+        if (later != done.end() && !later->second.bytes.empty()) {
+          current = later->second.bytes;
+        } else if (!ReadThrough(file, position, current.data(), blockBytes)) {
+          Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
+               static_cast<unsigned long long>(position), ErrorText());
+        }
+        const std::uint32_t b = BlockAt(e.volume, position, blockBytes);
+        const journal::Undone undone = journal::ApplyBlockUndo(undo, blockBytes, b, current.data());
+        // A block the record writes again is put back by its later undo, whatever this one found.
+        if (undone == journal::Undone::kTorn) torn.try_emplace(key, e.volume, position);
+        else torn.erase(key);
+        Left left{e.volume, position, journal::ChecksumOf(current.data(), journal::kCheckedBytes), {}};
+        if (undone == journal::Undone::kPutBack || (later != done.end() && !later->second.bytes.empty()))
+          left.bytes = current;
+        now[key] = std::move(left);
+      }
     }
+    if (!torn.empty()) RefuseTornBlock(found, path, torn.begin()->second.first, torn.begin()->second.second);
+    for (auto& [key, left] : now) done[key] = std::move(left);
   }
   for (const platform::File file : files) platform::Close(file);
-  if (!torn.empty()) RefuseTornBlock(found, path, torn.begin()->second.first, torn.begin()->second.second);
-  for (const auto& [key, check] : left) out.landed.push_back(check);
+  for (auto& [key, left] : done) {
+    out.landed.push_back({keys[left.volume], left.position, 0, left.sum});
+    if (!left.bytes.empty())
+      out.blocks.push_back({left.volume, BlockAt(left.volume, left.position, blockBytes), left.position, std::move(left.bytes)});
+  }
   return out;
 }
 
 // The blocks that change are written through the journal, whose next record names each with the
 // bytes put back, whole: a recovery stopped while it writes them, or whose write the system ended
 // part way inside a sector, is finished by the next one from that record, whatever the disk then
-// holds.
-void PutBack(const PutBacks& p) {
+// holds. Each block's bytes are let go once held.
+void PutBack(PutBacks& p) {
   NoteResumedBlocks(p.landed);
-  for (const PutBacks::Block& b : p.blocks) HoldPutBack(b.volume, b.position, p.bytes.data() + b.offset, b.block);
+  for (PutBacks::Block& b : p.blocks) {
+    HoldPutBack(b.volume, b.position, b.bytes.data(), b.block);
+    std::vector<std::uint8_t>().swap(b.bytes);
+  }
 }
 
 // Whether the lock the run took for mainFile guards this file still: the file there is this one,
@@ -521,7 +548,7 @@ void Recover(int argc, const char* const* argv) {
   if (where.path.empty() || !platform::FileExists(where.path)) NoJournal(where);
   const std::string& path = where.path;
   const platform::File file = OpenJournal(path);
-  const journal::Found found = ReadJournalOrRefuse(file, path);
+  journal::Found found = ReadJournalOrRefuse(file, path);
 
   CommandLine commandLine;
   commandLine.verbose = found.header.verbose;
@@ -532,12 +559,13 @@ void Recover(int argc, const char* const* argv) {
   if (found.header.keyChecked && KeyCheck(found.header.runId) != found.header.keyCheck)
     Refuse("the keyfile gives another key than the one the interrupted run converted " + databaseFileName +
            " with, under the same key ID: give the keyfile that run was given. Nothing was changed.");
-  if (found.commit.number != 0 && found.head.blockSize != blockSize)
+  if (found.commit.number != 0 && found.Latest().blockSize != blockSize)
     Refuse("the journal " + path + " cannot be used: its last record is damaged. Nothing was changed.");
   CheckFilesOrRefuse(found, file, path);
-  const PutBacks putBacks = ReadPutBacksOrFail(found, path);
+  PutBacks putBacks = ReadPutBacksOrFail(found, path);
+  for (journal::Record& r : found.records) std::vector<std::uint8_t>().swap(r.bytes);  // their undos are read
 
-  const std::uint32_t resume = found.commit.number == 0 ? 1 : found.head.resumeBlock;
+  const std::uint32_t resume = found.commit.number == 0 ? 1 : found.Earliest().resumeBlock;
   Print("\r\nResuming the interrupted conversion at block #%u.\r\n", resume);
   std::fflush(stdout);
   platform::KeepRunningWithoutConsole();
@@ -545,7 +573,7 @@ void Recover(int argc, const char* const* argv) {
   ContinueJournal({file, path, &found, resume, &pass.maps});
   UseStore(JournaledStore());
   if (found.commit.number != 0) PutBack(putBacks);
-  RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.head.maps, resume);
+  RestoreMapState(pass.maps, pass.blocks, found.commit.number == 0 ? MapState{} : found.Earliest().maps, resume);
   TheStore().Settle(resume, 0);
   ConvertVolumes(pass, found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);

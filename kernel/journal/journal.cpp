@@ -108,16 +108,22 @@ void ContinueJournal(const JournalResume& resume) {
   j.path = resume.path;
   j.header = found.header;
   j.nextNumber = found.commit.number + 1;
-  j.placed[0] = {found.commit.recordOffset, found.commit.recordSize};
+  // The records the commit in effect names stay whole until the next commit is on disk; the
+  // put-back that follows stands for every write they name.
+  for (std::uint32_t k = found.commit.open; k-- > 0 && found.commit.number != 0;)
+    j.placed.push_back({found.commit.number - k, found.commit.records[k].offset, found.commit.records[k].size,
+                        found.commit.number - found.commit.open});
+  j.settled = found.commit.number;
   j.groupBlock = resume.resumeBlock;
-  j.groupMaps = found.commit.number == 0 ? MapState{} : found.head.maps;
+  j.groupMaps = found.commit.number == 0 ? MapState{} : found.Earliest().maps;
   StartKeys(j.header.volumes);
   // The sample goes on; the blocks of it that its modulus does not take are the volumes' tails.
   std::vector<journal::Check> tails;
   if (found.commit.number != 0) {
-    j.sampleModulus = std::max<std::uint64_t>(found.head.sampleModulus, 1);
-    for (const journal::Check& c : found.head.sample) {
-      const std::uint64_t key = BlockKey(j.fileKey[c.volume], c.position / found.head.blockSize);
+    const journal::RecordHead& latest = found.Latest();
+    j.sampleModulus = std::max<std::uint64_t>(latest.sampleModulus, 1);
+    for (const journal::Check& c : latest.sample) {
+      const std::uint64_t key = BlockKey(j.fileKey[c.volume], c.position / latest.blockSize);
       if (Sampled(key, j.sampleModulus))
         j.sample[key] = c;
       else

@@ -24,20 +24,29 @@ Journal& j = TheJournalState().journal;
 // The blocks a record names in its sample, at most (journal_format.h, RecordHead).
 constexpr std::size_t kSampleLimit = 256;
 
-// The record goes at the lowest of the journal's first record place and the ends of the last two
-// records that overlaps neither of them: the journal stays within about three records.
-std::uint64_t PlaceRecord(std::uint64_t size) {
+// The record of group number goes at the lowest of the journal's first record place and the ends
+// of the records still named that overlaps none of them. While it is written, the commit on disk
+// is that of group number - 2 or number - 1 (that one may go with this record's flush): the
+// records they name, those after the groups the commit of number - 2 settled, are kept.
+std::uint64_t PlaceRecord(std::uint64_t number, std::uint64_t size) {
+  for (const Placed& p : j.placed)
+    if (p.number + 2 == number) {
+      std::erase_if(j.placed, [&](const Placed& q) { return q.number <= p.settled; });
+      break;
+    }
   const auto overlaps = [&](std::uint64_t at) {
     for (const Placed& p : j.placed)
-      if (p.size != 0 && at < p.offset + p.size && p.offset < at + size) return true;
+      if (at < p.offset + p.size && p.offset < at + size) return true;
     return false;
   };
-  std::uint64_t best = UINT64_MAX;
   const std::uint64_t start = journal::RecordsStart(j.header);
-  for (std::uint64_t at : {start, j.placed[0].offset + j.placed[0].size, j.placed[1].offset + j.placed[1].size}) {
+  std::uint64_t best = UINT64_MAX;
+  const auto consider = [&](std::uint64_t at) {
     at = (std::max(at, start) + journal::kRecordAlignment - 1) / journal::kRecordAlignment * journal::kRecordAlignment;
     if (at < best && !overlaps(at)) best = at;
-  }
+  };
+  consider(start);
+  for (const Placed& p : j.placed) consider(p.offset + p.size);
   return best;  // the end of the one that ends last always fits
 }
 
@@ -55,7 +64,7 @@ void ClearGroup(Group& g) {
 }
 
 void CommitBeforeFailure();
-// The blocks of a group as its writes leave them (the last write of each): for the next record,
+// The blocks of a group as its writes leave them (the last write of each): for a later record,
 // and by block number for the table of written blocks (whose fingerprints the writer takes).
 void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<TableEntry>& table) {
   landed.clear();
@@ -69,9 +78,67 @@ void Landed(const Group& g, std::vector<journal::Check>& landed, std::vector<Tab
     table.push_back({static_cast<std::uint32_t>((volume == 0 ? 1 : volumeFirstBlock[volume]) + blockOfFile), 0, offset});
   }
 }
+
+// What flight f's group leaves for its settling, taken out of the flight.
+Unsettled Leftover(Flight& f) {
+  Unsettled u{f.number, {}, std::move(f.table), std::move(f.landed)};
+  for (const HeldWrite& w : f.group.held) u.volumes.push_back(w.volume);
+  return u;
+}
+
+// Whether the group being gathered writes one of the blocks of landed (another group's, as written).
+bool WritesAgain(const std::vector<journal::Check>& landed) {
+  for (const journal::Check& c : landed)
+    if (j.group.latest.contains(BlockKey(c.volume, c.position / blockSize))) return true;
+  return false;
+}
+
+// The groups after j.settled up to settled (all landed) are flushed before the commit of flight f:
+// it takes their volumes and table entries and, for its record, their blocks as written.
+void SettleGroups(std::uint64_t settled, Flight& f, std::vector<journal::Check>& landed) {
+  std::vector<std::uint32_t> volumes;
+  std::vector<TableEntry> table;
+  for (std::uint64_t n = j.settled + 1; n <= settled; ++n) {
+    const bool kept = !j.unsettled.empty() && j.unsettled.front().number == n;
+    Unsettled u = kept ? std::move(j.unsettled.front()) : Leftover(FlightOf(n));
+    if (kept) j.unsettled.pop_front();
+    volumes.insert(volumes.end(), u.volumes.begin(), u.volumes.end());
+    table.insert(table.end(), u.table.begin(), u.table.end());
+    landed.insert(landed.end(), u.landed.begin(), u.landed.end());
+  }
+  std::sort(volumes.begin(), volumes.end());
+  volumes.erase(std::unique(volumes.begin(), volumes.end()), volumes.end());
+  // A flush takes the whole file, whichever handle it is made through: the main file's takes the mark.
+  f.settleMark = j.markFile != platform::kInvalidFile && settled > j.settled &&
+                 !std::binary_search(volumes.begin(), volumes.end(), 0u);
+  f.settleVolumes = std::move(volumes);
+  f.settleTable = std::move(table);
+  j.settled = settled;
+}
+
+// The groups up to which the commit of the group being gathered is to have the files flushed:
+// those that the last did, unless it would then name more than kMostOpenRecords records, or a
+// group whose block this group writes again (a recovery could not tell which of the two writes
+// a sector holds); then as far as the groups have landed. Waits for the groups that must land.
+std::uint64_t GroupsToSettle(std::uint64_t number) {
+  const std::uint64_t most = journal::kMostOpenRecords;
+  std::uint64_t required = std::max<std::uint64_t>(j.settled, number > most ? number - most : 0);
+  for (const Unsettled& u : j.unsettled)
+    if (u.number > required && WritesAgain(u.landed)) required = u.number;
+  for (std::uint64_t n = std::max(required, j.unsettled.empty() ? j.settled : j.unsettled.back().number) + 1; n < number; ++n) {
+    Flight& f = FlightOf(n);
+    if (f.number == n && WritesAgain(f.landed)) required = n;
+  }
+  AwaitFlightsThrough(required);
+  return required > j.settled ? std::max(required, j.oldestBusy - 1) : j.settled;
+}
+
 // Hands the group on its way, once the group that last used its flight has landed: where the run
-// made its undo, the recorder writes its record while the group before is written. A failure
-// there shows what the group before shows first, as its writes come before it.
+// made its undo, the recorder commits it while the groups before are written. A failure there
+// shows what the groups before show first, as their writes come before it.
+//
+// A writer that commits the group before and a recorder that would commit this one could write
+// the two commit sectors out of their order: this group then waits for the one before to land.
 void Commit() {
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
   if (!j.created) CreateJournal();
@@ -84,10 +151,24 @@ void Commit() {
     platform::SetLastError(error);
     FailOpeningVolume(w.volume);
   }
-  journal::RecordHead head{j.header.runId, j.nextNumber, blockSize, j.groupBlock, j.groupMaps, {}, {}, {}, 1};
+  const std::uint64_t number = j.nextNumber;
+  // The flight is free once the group that used it landed; what that group leaves for its
+  // settling is kept until then.
+  AwaitFlightsThrough(number >= kFlights ? number - kFlights : 0);
+  Flight& f = FlightOf(number);
+  if (f.number > j.settled) j.unsettled.push_back(Leftover(f));
+  f.number = 0;
+  const Flight& before = FlightOf(number - 1);
+  if (!j.group.byWriter && before.busy && before.group.byWriter) AwaitFlightsThrough(number - 1);
+  const std::uint64_t settled = GroupsToSettle(number);
+  journal::RecordHead head{j.header.runId, number, blockSize, j.groupBlock, j.groupMaps, {}, {}, {}, 1};
   for (const HeldWrite& w : j.group.held) head.entries.push_back({w.volume, w.size / blockSize, w.position});
-  // What the files hold where this group does not write: the group before as written, the sample.
+  // What the files hold where this group does not write: the groups flushed before its commit as
+  // written (or as the recovery's put-back left them), the sample.
   head.landed = std::move(j.landed);
+  j.landed.clear();
+  f.open = static_cast<std::uint32_t>(number - settled);
+  SettleGroups(settled, f, head.landed);
   head.sampleModulus = j.sampleModulus;
   for (const auto& [key, check] : j.sample) head.sample.push_back(check);
   for (Journal::Tail& t : j.tails) {
@@ -95,29 +176,25 @@ void Commit() {
     t.pending = false;
     if (t.set && !j.sample.contains(BlockKey(t.check.volume, t.check.position / blockSize))) head.sample.push_back(t.check);
   }
-  std::vector<TableEntry> table;
-  Landed(j.group, j.landed, table);
   std::vector<std::uint8_t> headBytes = journal::EncodeRecordHead(head);
   // Where the writer is to make the undo, the record's place is kept for the largest it can be.
   const Group& g = j.group;
-  Placed record{0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxBlockUndoBytes(blockSize) : g.undoSize)};
-  record.offset = PlaceRecord(record.size);
-  AwaitFlightsThrough(j.nextNumber - kFlights);
-  Flight& f = FlightOf(j.nextNumber);
-  f.number = j.nextNumber;
+  Placed record{number, 0, headBytes.size() + (g.byWriter ? HeldBlocks(g) * journal::MaxBlockUndoBytes(blockSize) : g.undoSize),
+                settled};
+  record.offset = PlaceRecord(number, record.size);
+  f.number = number;
   f.offset = record.offset;
   f.size = record.size;
   f.checksum = 0;
   f.flushing = {};
   f.head = std::move(headBytes);
-  f.table = std::move(table);
+  Landed(j.group, f.landed, f.table);
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;
   std::swap(f.group, j.group);
   ClearGroup(j.group);
-  j.placed[1] = j.placed[0];
-  j.placed[0] = record;
+  j.placed.push_back(record);
   ++j.nextNumber;
   j.messagesAtCommit = MessagesMade();
   HandToWriter(f);
@@ -148,7 +225,7 @@ void StartGroups() {
   j.files.resize(std::size_t{furtherVolumeCount} + 1);
   j.tails.assign(std::size_t{furtherVolumeCount} + 1, {});
   j.oldestBusy = j.nextNumber;
-  TheJournalState().tableDue.clear();  // no flight is on its way
+  TheJournalState().recorded.clear();  // no flight is on its way
   {
     const std::lock_guard<std::mutex> hold(TheJournalState().handover.lock);
     TheJournalState().handover.stopped = false;

@@ -95,7 +95,7 @@ void CreateJournal() {
   if (header.size() > journal::kHeaderBytes) Fail("\r\nThe journal cannot hold the names of this volume set.\r\n");
   std::vector<std::uint8_t> start(journal::kRecordsOffset, 0);
   std::copy(header.begin(), header.end(), start.begin());
-  const journal::Commit none{j.header.runId, 0, 0, 0, 0};
+  const journal::Commit none{j.header.runId, 0, 1, {}};
   journal::EncodeCommit(none, start.data() + journal::kCommitOffset);
   journal::EncodeCommit(none, start.data() + journal::kCommitOffset + journal::kCommitBytes);
 

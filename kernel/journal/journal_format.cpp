@@ -232,6 +232,7 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
               : "it was written by another version of byteturn";
     return false;
   }
+  header.version = version;
   header.runId = r.U64();
   header.verbose = r.U32() != 0;
   if (const std::uint8_t* label = r.Take(kLabelCopyBytes)) std::memcpy(header.label, label, kLabelCopyBytes);
@@ -268,24 +269,32 @@ void EncodeCommit(const Commit& commit, std::uint8_t* sector) {
   w.Raw(kCommitMagic, 8);
   w.U64(commit.runId);
   w.U64(commit.number);
-  w.U64(commit.recordOffset);
-  w.U64(commit.recordSize);
-  w.U64(commit.recordChecksum);
+  for (const RecordPlace& r : commit.records) {
+    w.U64(r.offset);
+    w.U64(r.size);
+    w.U64(r.checksum);
+  }
+  w.U32(commit.open);
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   w.bytes.resize(kCommitBytes);
   std::memcpy(sector, w.bytes.data(), kCommitBytes);
 }
 
-bool DecodeCommit(const std::uint8_t* sector, Commit& commit) {
+bool DecodeCommit(const std::uint8_t* sector, Commit& commit, std::uint32_t version) {
   Reader r{sector, kCommitBytes};
   if (!r.Magic(kCommitMagic)) return false;
+  commit = Commit{};
   commit.runId = r.U64();
   commit.number = r.U64();
-  commit.recordOffset = r.U64();
-  commit.recordSize = r.U64();
-  commit.recordChecksum = r.U64();
+  for (std::uint32_t k = 0; k < (version >= 9 ? kMostOpenRecords : 1); ++k) {
+    commit.records[k].offset = r.U64();
+    commit.records[k].size = r.U64();
+    commit.records[k].checksum = r.U64();
+  }
+  if (version >= 9) commit.open = r.U32();
   const std::size_t content = r.at;
-  return r.U64() == ChecksumOf(sector, content) && r.ok;
+  return r.U64() == ChecksumOf(sector, content) && r.ok && commit.open >= 1 && commit.open <= kMostOpenRecords &&
+         commit.open <= std::max<std::uint64_t>(commit.number, 1);
 }
 
 bool EncodeMark(const Mark& mark, std::uint8_t* sector) {
@@ -408,25 +417,32 @@ bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found,
   for (int s = 0; s < 2; ++s) {
     std::uint8_t sector[kCommitBytes];
     if (fileSize < kCommitOffset + kCommitBytes * (s + 1) || !read(kCommitOffset + kCommitBytes * s, sector, kCommitBytes) ||
-        !DecodeCommit(sector, commits[s]) || commits[s].runId != found.header.runId) {
+        !DecodeCommit(sector, commits[s], found.header.version) || commits[s].runId != found.header.runId) {
       why = "a commit sector is damaged";
       return false;
     }
   }
   found.commit = commits[0].number >= commits[1].number ? commits[0] : commits[1];
+  found.records.clear();
   if (found.commit.number == 0) return true;
   const Commit& c = found.commit;
-  if (c.recordOffset < RecordsStart(found.header) || c.recordOffset > fileSize || c.recordSize > fileSize - c.recordOffset) {
-    why = "its last record is cut short";
-    return false;
-  }
-  found.record.resize(static_cast<std::size_t>(c.recordSize));
-  if (!read(c.recordOffset, found.record.data(), found.record.size()) ||
-      ChecksumOf(found.record.data(), found.record.size()) != c.recordChecksum ||
-      !DecodeRecordHead(found.record.data(), found.record.size(), found.head, found.undoOffset) ||
-      found.head.runId != found.header.runId || found.head.number != c.number) {
-    why = "its last record is damaged";
-    return false;
+  for (std::uint32_t k = 0; k < c.open; ++k) {
+    const RecordPlace& p = c.records[k];
+    const std::string which = k == 0 ? "its last record" : "the record before its last";
+    if (p.offset < RecordsStart(found.header) || p.offset > fileSize || p.size > fileSize - p.offset) {
+      why = which + " is cut short";
+      return false;
+    }
+    Record& record = found.records.emplace_back();
+    record.bytes.resize(static_cast<std::size_t>(p.size));
+    if (!read(p.offset, record.bytes.data(), record.bytes.size()) ||
+        ChecksumOf(record.bytes.data(), record.bytes.size()) != p.checksum ||
+        !DecodeRecordHead(record.bytes.data(), record.bytes.size(), record.head, record.undoOffset) ||
+        record.head.runId != found.header.runId || record.head.number != c.number - k ||
+        record.head.blockSize != found.records.front().head.blockSize) {
+      why = which + " is damaged";
+      return false;
+    }
   }
   return true;
 }

@@ -4,8 +4,9 @@
 //                              the run, the volume set with its directories as full paths, the
 //                              identity of every file, the main file's size and its lock), checksummed
 //   kCommitOffset + 512 * s    two commit sectors (s = 0, 1; the commit of number n is in sector
-//                              n % 2), each naming the last record that is whole on disk and the
-//                              checksum of that record, checksummed itself
+//                              n % 2), each naming the last record that is whole on disk, and the
+//                              ones before it whose groups' writes the files may not hold whole
+//                              yet, with the checksum of each, checksummed itself
 //   kTableOffset               (version 6) the table of written blocks: by block number, 2 bytes
 //                              each, the fingerprint of the block as the run last wrote it (0: not
 //                              written), of every group whose files were flushed
@@ -15,10 +16,14 @@
 //                              the write (block_undo.h): the words it changes, as they were or as
 //                              the write reordered their bytes
 //
-// A commit sector is written only after the record it names is flushed, and the database is
+// A commit sector is written only after the records it names are flushed, and the database is
 // written only after the commit sector is flushed; a 512-byte sector is written whole or not at
 // all. So a commit sector whose own checksum fails, or that names a record whose checksum fails,
-// was damaged after it was written: such a journal is refused, never applied.
+// was damaged after it was written: such a journal is refused, never applied. The files are not
+// flushed before every commit: a commit names the records of the groups written since the last
+// flush before it (at most kMostOpenRecords, its own the latest), and the recovery puts back all of
+// them, the latest first. No two of them write the same block: before a commit whose group writes
+// a block again that such a group wrote, the files are flushed after that group's writes.
 #pragma once
 
 #include <cstdint>
@@ -39,8 +44,9 @@ namespace bt::journal {
 // word in an undo too (block_undo.h, kinds 2 and 3). Version 8 names the spans the conversion
 // reversed (kinds 4 and 5) instead of each word's order, so that a field across two words no
 // longer takes its words stored, nor an encrypted block its ciphertext whole. The undos of
-// earlier versions are read as they are.
-inline constexpr std::uint32_t kVersion = 8, kOldestVersion = 5;
+// earlier versions are read as they are. Version 9 lets a commit name the records before the last
+// too (a commit of an earlier version names one).
+inline constexpr std::uint32_t kVersion = 9, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
@@ -75,6 +81,7 @@ struct VolumeRecord {
 
 // Paths are full paths, as the run resolved them: a recovery started anywhere finds the files.
 struct Header {
+  std::uint32_t version = kVersion;  // of the journal as read
   std::uint64_t runId = 0;
   bool verbose = true;
   std::uint8_t label[kLabelCopyBytes] = {};  // the first bytes of the main file before the run
@@ -99,12 +106,20 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.
 bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, std::string& why);
 
+struct RecordPlace {
+  std::uint64_t offset = 0, size = 0, checksum = 0;
+};
+inline constexpr std::uint32_t kMostOpenRecords = 4;
 struct Commit {
   std::uint64_t runId = 0, number = 0;  // number 0: no record yet
-  std::uint64_t recordOffset = 0, recordSize = 0, recordChecksum = 0;
+  // The records of the groups whose writes the files may not hold whole, the latest (number) first:
+  // those after the last group whose files were flushed before this commit.
+  std::uint32_t open = 1;
+  RecordPlace records[kMostOpenRecords];
 };
 void EncodeCommit(const Commit& commit, std::uint8_t* sector);
-bool DecodeCommit(const std::uint8_t* sector, Commit& commit);
+// version: the journal's (a commit of a version before 9 names one record).
+bool DecodeCommit(const std::uint8_t* sector, Commit& commit, std::uint32_t version = kVersion);
 
 // One write of the group: blocks whole blocks at position of a volume file.
 struct Entry {
@@ -161,14 +176,21 @@ bool EncodeMark(const Mark& mark, std::uint8_t* sector);
 // sectors), if they are a mark of that file.
 bool DecodeMark(const std::uint8_t* bytes, std::uint64_t fileSize, Mark& mark);
 
+// A record as read back, whole: its head, and where the undo of its blocks begins in its bytes.
+struct Record {
+  RecordHead head;
+  std::vector<std::uint8_t> bytes;
+  std::size_t undoOffset = 0;
+};
 // A journal as read back: its header, the commit in effect (the higher of the two numbers) and,
-// unless that is number 0, the record it names, whole.
+// unless that is number 0, the records it names, the latest first. The latest names what the
+// files hold where the records do not write; the earliest, the point of the run to resume from.
 struct Found {
   Header header;
   Commit commit;
-  RecordHead head;
-  std::vector<std::uint8_t> record;
-  std::size_t undoOffset = 0;
+  std::vector<Record> records;
+  const RecordHead& Latest() const { return records.front().head; }
+  const RecordHead& Earliest() const { return records.back().head; }
 };
 // Reads size bytes at position of the journal; false when they are not all there.
 using ReadFunction = std::function<bool(std::uint64_t position, std::uint8_t* buffer, std::size_t size)>;

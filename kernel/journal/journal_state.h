@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -64,19 +65,37 @@ struct TableEntry {
 };
 
 // A group committed, on its way through two threads while the run gathers the next group. Where
-// flushes cost much, the recorder writes and flushes the group's record (the record of the next
-// group can then be on its way to the disk while this one is written); then the writer flushes
-// the files written by the group before, writes the commit sector, flushes, and makes the group's
-// writes. Where flushes cost little, the writer makes the undo and writes the record first, which
-// leaves the run more of its time. Groups pass each stage in the order they were committed.
-enum class Stage { kFree, kHeld, kToRecord, kToWrite, kLanded };
-inline constexpr std::size_t kFlights = 2;
+// flushes cost much, the recorder commits it while the groups before are being written: it writes
+// the group's record and flushes it (with the commit sector of the group before, where that one
+// waited for it), flushes the files written by the groups its commit is to name no longer, and
+// writes the commit sector, flushed at once or, where the next group waits for the recorder
+// already, with that group's record (kCommitting meanwhile); then the writer makes the group's
+// writes. Where flushes cost little, the writer makes the undo and commits the group itself,
+// which leaves the run more of its time. Groups pass each stage, and are committed, in the order
+// the run committed them.
+enum class Stage { kFree, kHeld, kToRecord, kCommitting, kToWrite, kLanded };
+inline constexpr std::size_t kFlights = 3;
 struct Flight {
   Group group;
   std::vector<std::uint8_t> head;  // the record's head
-  std::vector<TableEntry> table;   // the group's blocks as its writes leave them
+  // The group's blocks as its writes leave them: by block number for the table of written blocks
+  // (the writer takes the fingerprints as it writes them), and as the record of a later group
+  // names them once their files are flushed.
+  std::vector<TableEntry> table;
+  std::vector<journal::Check> landed;
   std::uint64_t number = 0, offset = 0, size = 0, checksum = 0;
+  // The commit: it names this record and the open - 1 before it. Before it is written, the files of
+  // the groups it is the first to name no longer are flushed (these volumes, and the mark's file),
+  // and their table entries written.
+  std::uint32_t open = 1;
+  std::vector<std::uint32_t> settleVolumes;
+  bool settleMark = false;
+  std::vector<TableEntry> settleTable;
   Stage stage = Stage::kFree;  // under the handover's lock
+  // Where the recorder commits it: whether its commit sector waits for the next group's record
+  // (decided by the run, in its own order, under the handover's lock: the next group is handed on
+  // its way first, or the run waits for this one).
+  enum class CommitWith { kUndecided, kAlone, kNext } commitWith = CommitWith::kUndecided;
   std::size_t applied = 0;     // the writes made so far, under the handover's lock
   bool busy = false;           // handed over and not awaited yet (the run's own view)
   Clock::duration working{}, flushing{};
@@ -91,9 +110,18 @@ struct JournalFile {
   std::uint64_t writtenBytes = 0;                // how much of that range was written
 };
 
-// Where a record lies in the journal.
+// Where a record lies in the journal, and the groups up to which its commit has the files flushed.
 struct Placed {
-  std::uint64_t offset = 0, size = 0;
+  std::uint64_t number = 0, offset = 0, size = 0, settled = 0;
+};
+
+// What a group that landed leaves for the commit that settles it (its files flushed): the volumes
+// it wrote, its table entries and its blocks as written.
+struct Unsettled {
+  std::uint64_t number = 0;
+  std::vector<std::uint32_t> volumes;
+  std::vector<TableEntry> table;
+  std::vector<journal::Check> landed;
 };
 
 // The journal of this run: its file, the groups, the files written, the main file's mark.
@@ -104,9 +132,13 @@ struct Journal {
   platform::File file = platform::kInvalidFile;
   journal::Header header;
   std::uint64_t nextNumber = 1;
-  // The records of the last two groups committed, the latest first: while the older one's commit
-  // may still be the last on disk, neither is overwritten.
-  Placed placed[2];
+  // The records that a commit on disk may name while the next record is written, in their order: a
+  // record is overwritten only once no such commit names it.
+  std::vector<Placed> placed;
+  // The groups up to this number are flushed before the last commit handed on its way: the next
+  // commit names the records after it. The groups after it whose flights were reused since.
+  std::uint64_t settled = 0;
+  std::deque<Unsettled> unsettled;
   // The group being gathered: its point of the run, and its writes.
   std::uint32_t groupBlock = 1;
   MapState groupMaps;
@@ -119,7 +151,7 @@ struct Journal {
   std::uint64_t oldestBusy = 1;    // the number of the oldest group handed over and not awaited
   std::vector<JournalFile> files;  // by volume; as many as the run has, from its start
   std::vector<std::uint32_t> fileKey;  // by volume (FileKeys)
-  // What the next record names of the blocks written: those of the group committed last, and the
+  // What the next record names of the blocks written: those the recovery's put-back left, and the
   // sample, by block key.
   std::vector<journal::Check> landed;
   std::unordered_map<std::uint64_t, journal::Check> sample;
@@ -179,10 +211,11 @@ struct JournalState {
   BatchOriginals originals;
   std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
   std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
-  // The writer's: the table entries of the group written last, which the next commit makes durable
-  // once that group's files are flushed; and the piece of the table it rewrites.
-  std::vector<TableEntry> tableDue;
+  // The committing thread's: the piece of the table of written blocks it rewrites, and the places
+  // of the last records written, by number (a commit names them too, though their flights may be
+  // reused by then).
   std::vector<std::uint8_t> tablePiece;
+  std::deque<std::pair<std::uint64_t, journal::RecordPlace>> recorded;
 };
 JournalState& TheJournalState();
 

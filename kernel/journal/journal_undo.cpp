@@ -74,9 +74,11 @@ const std::uint8_t* ReadAsideFor(std::uint32_t volume, std::uint64_t position) {
 }
 
 // A group's undo is made by the writer or as it goes from the group's start to its end.
-Group& GatheringGroup() {
+// The group being gathered; a group the recovery's put-back starts takes its undo as it goes (the
+// bytes it writes, whole), without a copy of them for the writer.
+Group& GatheringGroup(bool putBack = false) {
   Group& g = j.group;
-  if (g.held.empty() && g.befores.empty()) g.byWriter = RecordByWriter();
+  if (g.held.empty() && g.befores.empty()) g.byWriter = !putBack && RecordByWriter();
   return g;
 }
 
@@ -161,7 +163,7 @@ namespace {
 
 void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
                std::uint32_t size, const char* failure, std::uint32_t block, std::uint64_t cap) {
-  Group& g = GatheringGroup();
+  Group& g = GatheringGroup(file == platform::kInvalidFile);
   std::size_t before = 0;
   std::vector<std::uint64_t>& beforeSums = state.beforeSums;
   beforeSums.resize(size / blockSize);

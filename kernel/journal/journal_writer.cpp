@@ -63,10 +63,10 @@ bool SyncWrittenFiles(Outcome& outcome) {
 }
 
 // The group's record at offset: its head, then the undo of its blocks, in pieces that are each
-// sent on their way to the disk while the next is written; then flushed. Returns where it stopped
-// (kNone: written and flushed) with the system's error; flushing is the flush's time.
+// sent on their way to the disk while the next is written. Returns where it stopped (kNone:
+// written) with the system's error.
 Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
-                 int& error, Clock::duration& flushing) {
+                 int& error) {
   journal::Checksum sum;
   sum.Add(head.data(), head.size());
   platform::ClearLastError();
@@ -81,12 +81,7 @@ Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uin
   error = platform::LastError();
   if (!written) return Stop::kJournalWriting;
   checksum = sum.Value();
-  platform::ClearLastError();
-  const auto start = Clock::now();
-  const bool flushed = platform::Sync(j.file);
-  error = platform::LastError();
-  flushing = Clock::now() - start;
-  return flushed ? Stop::kNone : Stop::kJournalFlushing;
+  return Stop::kNone;
 }
 
 namespace {
@@ -174,18 +169,10 @@ bool ApplyWrites(Flight& f) {
   return true;
 }
 
-// The recorder's step: the record of a group whose undo the run made, written and flushed.
-void RecordFlight(Flight& f) {
-  if (f.group.byWriter) return;  // the writer makes its undo and writes it
-  const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error, f.flushing);
-  if (stop != Stop::kNone) f.outcome.stop = stop;
-}
-
-// The table entries of the group written last, whose files were just flushed: each piece of the
-// table that they fall in is read, changed and written back (what the journal does not hold yet
-// reads as zeros, and so does a piece that cannot be read: its entries are then only not checked).
-bool WriteTable(Outcome& outcome) {
-  std::vector<TableEntry>& due = state.tableDue;
+// The table entries of groups whose files were just flushed: each piece of the table that they
+// fall in is read, changed and written back (what the journal does not hold yet reads as zeros,
+// and so does a piece that cannot be read: its entries are then only not checked).
+bool WriteTable(Outcome& outcome, std::vector<TableEntry>& due) {
   std::erase_if(due, [](const TableEntry& e) { return e.block >= j.header.tableBlocks; });
   std::sort(due.begin(), due.end(), [](const TableEntry& a, const TableEntry& b) { return a.block < b.block; });
   constexpr std::uint32_t kGap = 2048;  // entries closer than this share a piece
@@ -204,33 +191,78 @@ bool WriteTable(Outcome& outcome) {
   return true;
 }
 
-// The writer's step.
+// Writes flight f's record (not flushed); the commits that name it find its place here.
+bool WriteRecordOf(Flight& f) {
+  const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error);
+  f.size = f.head.size() + f.group.undoSize;
+  if (stop != Stop::kNone) {
+    f.outcome.stop = stop;
+    return false;
+  }
+  // A commit sector may wait for the next record: it names this record's kMostOpenRecords before.
+  state.recorded.push_back({f.number, {f.offset, f.size, f.checksum}});
+  if (state.recorded.size() > journal::kMostOpenRecords + 1) state.recorded.pop_front();
+  return true;
+}
+
+// Flushes the journal; the flushes' time, not the table's, tells how large groups should grow.
+bool FlushJournal(Flight& f) {
+  const auto start = Clock::now();
+  const bool flushed = SyncJournal(f.outcome);
+  f.flushing += Clock::now() - start;
+  return flushed;
+}
+
+// Flushes the files of the groups that flight f's commit settles, and writes their table entries
+// (made durable by the journal's next flush, with the commit or before it).
+bool Settle(Flight& f) {
+  const auto start = Clock::now();
+  for (const std::uint32_t v : f.settleVolumes) {
+    platform::ClearLastError();
+    if (!platform::Sync(j.files[v].handle)) return Stopped(f.outcome, Stop::kVolumeFlushing, v);
+  }
+  platform::ClearLastError();
+  if (f.settleMark && !platform::Sync(j.markFile)) return Stopped(f.outcome, Stop::kVolumeFlushing, 0);
+  f.flushing += Clock::now() - start;
+  return WriteTable(f.outcome, f.settleTable);
+}
+
+// Writes flight f's commit sector (not flushed): its record and the open - 1 before it, each
+// flushed before.
+bool WriteCommitSector(Flight& f) {
+  journal::Commit commit{j.header.runId, f.number, f.open, {}};
+  for (std::uint32_t k = 0; k < f.open; ++k) {
+    const auto it = std::find_if(state.recorded.begin(), state.recorded.end(),
+                                 [&](const auto& r) { return r.first == f.number - k; });
+    if (it == state.recorded.end()) return Stopped(f.outcome, Stop::kJournalWriting);  // the run hands none such
+    commit.records[k] = it->second;
+  }
+  std::uint8_t sector[journal::kCommitBytes];
+  journal::EncodeCommit(commit, sector);
+  return WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2));
+}
+
+// Commits flight f on its own: its record written and flushed, the groups it settles flushed,
+// its commit sector written and flushed. Once that is flushed, its writes may be made.
+void CommitAlone(Flight& f) {
+  (void)(WriteRecordOf(f) && FlushJournal(f) && Settle(f) && WriteCommitSector(f) && FlushJournal(f));
+}
+
+// The recorder's step where it runs without the threads.
+void RecordFlight(Flight& f) {
+  if (!f.group.byWriter) CommitAlone(f);  // the writer makes its undo and commits it
+}
+
+// The writer's step: the group committed (where the writer makes its undo), then its writes made,
+// the mark stamped and the fingerprints of its blocks taken for the table.
 void WriteFlight(Flight& f) {
   if (f.group.byWriter) {
     MakeUndo(f.group);
-    const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error, f.flushing);
-    f.size = f.head.size() + f.group.undoSize;
-    if (stop != Stop::kNone) {
-      f.outcome.stop = stop;
-      return;
-    }
+    CommitAlone(f);
+    if (f.outcome.stop != Stop::kNone) return;
   }
-  // The group before is on disk before a commit names this one, and so are its table entries.
-  // The flushes' time, not the table's, tells how large groups should grow.
-  auto start = Clock::now();
-  if (!SyncWrittenFiles(f.outcome)) return;
-  f.flushing += Clock::now() - start;
-  if (!WriteTable(f.outcome)) return;
-  start = Clock::now();
-  std::uint8_t sector[journal::kCommitBytes];
-  journal::EncodeCommit({j.header.runId, f.number, f.offset, f.size, f.checksum}, sector);
-  if (!WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)) ||
-      !SyncJournal(f.outcome))
-    return;
-  f.flushing += Clock::now() - start;
   if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
   for (TableEntry& e : f.table) e.fingerprint = journal::Fingerprint(f.group.arena.data() + e.offset, blockSize);
-  state.tableDue = std::move(f.table);
 }
 
 // The oldest flight in stage, under the handover's lock; nullptr where there is none.
@@ -247,28 +279,78 @@ std::condition_variable& WaiterFor(Stage stage) {
   return stage == Stage::kToRecord ? h.recorderWake : stage == Stage::kToWrite ? h.writerWake : h.runWake;
 }
 
-// A thread's loop: it takes the oldest flight in stage from, runs step on it and passes it on to
-// stage to. After a failure (its own or the other thread's) flights only pass: a group after one
-// that failed is neither committed nor written.
-[[noreturn]] void StageLoop(Stage from, Stage to, void (*step)(Flight&)) {
+// Passes flight f on to stage to, or, after a failure (its own or another's), lands it: a group
+// after one that failed is neither committed nor written.
+void PassOn(Flight& f, Stage to) {
+  Handover& h = state.handover;
+  Stage next = to;
+  {
+    const std::lock_guard<std::mutex> hold(h.lock);
+    if (f.outcome.stop != Stop::kNone) h.stopped = true;
+    if (f.outcome.stop != Stop::kNone || h.stopped) next = Stage::kLanded;
+    f.stage = next;
+  }
+  WaiterFor(next).notify_one();
+  if (f.outcome.stop != Stop::kNone) h.recorderWake.notify_one();  // it may wait on a commit sector
+}
+
+bool Stopping() {
+  const std::lock_guard<std::mutex> hold(state.handover.lock);
+  return state.handover.stopped;
+}
+
+// The writer's loop: it takes the oldest flight to write, writes it and lands it.
+[[noreturn]] void WriterLoop() {
   Handover& h = state.handover;
   for (;;) {
     Flight* f = nullptr;
-    bool stopped = false;
     {
       std::unique_lock<std::mutex> hold(h.lock);
-      WaiterFor(from).wait(hold, [&] { return (f = OldestIn(from)) != nullptr; });
-      stopped = h.stopped;
+      h.writerWake.wait(hold, [&] { return (f = OldestIn(Stage::kToWrite)) != nullptr; });
     }
-    if (!stopped) step(*f);
-    Stage next = to;
+    if (!Stopping()) WriteFlight(*f);
+    PassOn(*f, Stage::kLanded);
+  }
+}
+
+// The recorder's loop. Where the run hands the next group whose undo it made on its way before it
+// waits for this one, this group's commit sector waits (kCommitting) and goes with the next
+// record's flush: a flush per group, not two. Decided in the run's order, not by when the threads
+// come to it, so that a run makes the same writes and flushes each time.
+[[noreturn]] void RecorderLoop() {
+  Handover& h = state.handover;
+  Flight* waiting = nullptr;  // its commit sector goes with the next record's flush
+  for (;;) {
+    Flight* f = nullptr;
     {
-      const std::lock_guard<std::mutex> hold(h.lock);
-      if (f->outcome.stop != Stop::kNone) h.stopped = true;
-      if (f->outcome.stop != Stop::kNone || h.stopped) next = Stage::kLanded;
-      f->stage = next;
+      std::unique_lock<std::mutex> hold(h.lock);
+      h.recorderWake.wait(hold, [&] { return (f = OldestIn(Stage::kToRecord)) != nullptr; });
+      f->stage = Stage::kCommitting;
     }
-    WaiterFor(next).notify_one();
+    const bool recording = !f->group.byWriter && !Stopping();
+    const bool recorded = recording && WriteRecordOf(*f);
+    if (waiting != nullptr) {
+      // Where this record could not be written, the sector is flushed alone.
+      if (!Stopping()) (void)(WriteCommitSector(*waiting) && FlushJournal(*waiting));
+      PassOn(*waiting, Stage::kToWrite);
+      waiting = nullptr;
+    } else if (recorded) {
+      (void)FlushJournal(*f);
+    }
+    if (recorded && f->outcome.stop == Stop::kNone && !Stopping() && Settle(*f)) {
+      bool next = false;
+      {
+        std::unique_lock<std::mutex> hold(h.lock);
+        h.recorderWake.wait(hold, [&] { return f->commitWith != Flight::CommitWith::kUndecided || h.stopped; });
+        next = f->commitWith == Flight::CommitWith::kNext && !h.stopped;
+      }
+      if (next) {
+        waiting = f;
+        continue;
+      }
+      (void)(WriteCommitSector(*f) && FlushJournal(*f));
+    }
+    PassOn(*f, Stage::kToWrite);
   }
 }
 
@@ -277,8 +359,8 @@ std::condition_variable& WaiterFor(Stage stage) {
 bool ThreadsRunning() {
   static const bool running = [] {
     try {
-      std::thread([] { StageLoop(Stage::kToRecord, Stage::kToWrite, RecordFlight); }).detach();
-      std::thread([] { StageLoop(Stage::kToWrite, Stage::kLanded, WriteFlight); }).detach();
+      std::thread(RecorderLoop).detach();
+      std::thread(WriterLoop).detach();
       return true;
     } catch (const std::system_error&) {
       return false;
@@ -303,7 +385,8 @@ void Start(Flight& f) {
   {
     const std::lock_guard<std::mutex> hold(state.handover.lock);
     const bool recorderBusy = std::any_of(std::begin(j.flights), std::end(j.flights), [&](const Flight& c) {
-      return c.number < f.number && (c.stage == Stage::kToRecord || c.stage == Stage::kHeld);
+      return c.number < f.number &&
+             (c.stage == Stage::kToRecord || c.stage == Stage::kCommitting || c.stage == Stage::kHeld);
     });
     if (f.group.byWriter && !recorderBusy) stage = Stage::kToWrite;
     f.stage = stage;
@@ -315,6 +398,11 @@ void Start(Flight& f) {
 // as the writes before it are made; the rest of its messages are shown once it has landed.
 void AwaitOldest(Flight& f) {
   Handover& h = state.handover;
+  {
+    const std::lock_guard<std::mutex> hold(h.lock);
+    if (f.commitWith == Flight::CommitWith::kUndecided) f.commitWith = Flight::CommitWith::kAlone;
+  }
+  h.recorderWake.notify_one();
   const std::vector<HeldWrite>& held = f.group.held;
   const bool watching = MessagesMade() > f.group.cap;  // messages wait for its writes
   for (std::size_t shown = 0;;) {
@@ -346,10 +434,18 @@ void AwaitOldest(Flight& f) {
 // The flight goes on its way (where the tests ask it to lag, only once the run waits for it).
 void HandToWriter(Flight& f) {
   f.busy = true;
-  if (platform::TestWriterLags()) {
+  {
+    // The group before, committed by the recorder, has its commit sector go with this record.
     const std::lock_guard<std::mutex> hold(state.handover.lock);
-    f.stage = Stage::kHeld;
-    return;
+    f.commitWith = Flight::CommitWith::kUndecided;
+    Flight& before = FlightOf(f.number - 1);
+    if (before.busy && before.number + 1 == f.number && !before.group.byWriter && !f.group.byWriter &&
+        before.commitWith == Flight::CommitWith::kUndecided)
+      before.commitWith = Flight::CommitWith::kNext;
+    if (platform::TestWriterLags()) {
+      f.stage = Stage::kHeld;
+      return;
+    }
   }
   Start(f);
 }
@@ -361,10 +457,12 @@ void AwaitFlightsThrough(std::uint64_t n) {
       ++j.oldestBusy;
       continue;
     }
-    // Lagging flights start in their order.
-    for (std::uint64_t k = j.oldestBusy; k <= n && k < j.nextNumber; ++k) {
-      Flight& lagging = FlightOf(k);
+    // Lagging flights start in their order, and with them the one whose record a commit sector
+    // of theirs waits for.
+    for (std::uint64_t k = j.oldestBusy; k < j.nextNumber; ++k) {
       std::unique_lock<std::mutex> hold(state.handover.lock);
+      if (k > n && FlightOf(k - 1).commitWith != Flight::CommitWith::kNext) break;
+      Flight& lagging = FlightOf(k);
       if (!lagging.busy || lagging.stage != Stage::kHeld) continue;
       hold.unlock();
       Start(lagging);

@@ -1,6 +1,8 @@
-// The journal's two threads: the recorder writes and flushes each committed group's record (where
-// the run made its undo), the writer lands it (the files the group before wrote flushed, the
-// commit sector written and flushed, the group's writes made), while the run gathers the next.
+// The journal's two threads: the recorder commits each group whose undo the run made (its record
+// written and flushed, the files of the groups its commit settles flushed, its commit sector
+// written and flushed, with the next record where that one waits), the writer makes the writes of
+// each group committed (committing first the groups whose undo it makes), while the run gathers
+// the next.
 #pragma once
 
 #include <cstdint>
@@ -12,9 +14,9 @@ namespace bt::journaling {
 
 // Flushes the files written since their last flush; false, with outcome set, where one fails.
 bool SyncWrittenFiles(Outcome& outcome);
-// Writes and flushes a group's record (the recorder's thread, or the writer's where it makes the undo).
+// Writes a group's record, not flushed (the recorder's thread, or the writer's where it makes the undo).
 Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
-                 int& error, Clock::duration& flushing);
+                 int& error);
 // The flight of a group committed goes on its way; the run waits for the flights, oldest first,
 // up to group number n, or all of them.
 void HandToWriter(Flight& f);

@@ -77,14 +77,17 @@ std::vector<std::uint8_t> BuildJournal(Source& in) {
   for (int s = 0; s < 2; ++s) {
     commits[s].runId = header.runId;
     commits[s].number = in.Next(1) % 3;
-    commits[s].recordOffset = kRecordsOffset + 4096 * (in.Next(1) % 2);
-    commits[s].recordSize = record.size() - in.Next(1) % 2;
-    commits[s].recordChecksum = bt::journal::ChecksumOf(record.data(), record.size());
+    commits[s].open = 1 + in.Next(1) % 2;
+    for (bt::journal::RecordPlace& p : commits[s].records)
+      p = {kRecordsOffset + 4096 * (in.Next(1) % 4), record.size() - in.Next(1) % 2,
+           bt::journal::ChecksumOf(record.data(), record.size())};
     bt::journal::EncodeCommit(commits[s], file.data() + kCommitOffset + kCommitBytes * s);
   }
   const bt::journal::Commit& newer = commits[0].number >= commits[1].number ? commits[0] : commits[1];
-  file.resize(std::max<std::size_t>(file.size(), newer.recordOffset + record.size()));
-  std::copy(record.begin(), record.end(), file.begin() + static_cast<std::ptrdiff_t>(newer.recordOffset));
+  for (const bt::journal::RecordPlace& p : newer.records) {
+    file.resize(std::max<std::size_t>(file.size(), p.offset + record.size()));
+    std::copy(record.begin(), record.end(), file.begin() + static_cast<std::ptrdiff_t>(p.offset));
+  }
 
   while (in.at + 4 <= in.size) {
     const std::uint32_t position = in.Next(3) % (file.size() + 1);
@@ -137,20 +140,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (found.header.volumes.empty()) __builtin_trap();
   if (found.commit.number == 0) return 0;
-  if (found.record.size() != found.commit.recordSize || found.undoOffset > found.record.size() ||
-      found.head.number != found.commit.number)
-    __builtin_trap();
-  // The undo of every block fits, they fill the record exactly, and putting them back stays in the block.
-  std::vector<std::uint8_t> block(found.head.blockSize);
-  std::size_t at = found.undoOffset;
-  for (const auto& e : found.head.entries)
-    for (std::uint32_t k = 0; k < e.blocks; ++k) {
-      const std::size_t n =
-          bt::journal::BlockUndoSize(found.record.data() + at, found.record.size() - at, found.head.blockSize);
-      if (n == 0) __builtin_trap();
-      bt::journal::ApplyBlockUndo(found.record.data() + at, found.head.blockSize, 1, block.data());
-      at += n;
-    }
-  if (at != found.record.size()) __builtin_trap();
+  if (found.records.size() != found.commit.open) __builtin_trap();
+  // The undo of every block fits, they fill each record exactly, and putting them back stays in the block.
+  for (std::size_t r = 0; r < found.records.size(); ++r) {
+    const bt::journal::Record& record = found.records[r];
+    if (record.bytes.size() != found.commit.records[r].size || record.undoOffset > record.bytes.size() ||
+        record.head.number != found.commit.number - r)
+      __builtin_trap();
+    std::vector<std::uint8_t> block(record.head.blockSize);
+    std::size_t at = record.undoOffset;
+    for (const auto& e : record.head.entries)
+      for (std::uint32_t k = 0; k < e.blocks; ++k) {
+        const std::size_t n =
+            bt::journal::BlockUndoSize(record.bytes.data() + at, record.bytes.size() - at, record.head.blockSize);
+        if (n == 0) __builtin_trap();
+        bt::journal::ApplyBlockUndo(record.bytes.data() + at, record.head.blockSize, 1, block.data());
+        at += n;
+      }
+    if (at != record.bytes.size()) __builtin_trap();
+  }
   return 0;
 }
