@@ -7,15 +7,17 @@
 // held or, where a flush costs little, by the writer thread below. A group ends at a point
 // between two blocks; it is then committed: its undo goes to a record of the journal with that
 // point (the block whose turn is next, the maps the run knows), the record is flushed, then a
-// commit sector naming it (after the database files written by the group before are flushed),
-// and only then are the writes made, in the order the run made them. Two threads do this while
-// the run gathers the next group: a recorder writes and flushes a group's record while a writer
-// lands the group before (flushes, commit, writes); where a flush costs little, the writer makes
-// the undo and writes the record itself. The group's messages are shown once it has landed. A group also ends
-// before the run reads on from the disk once messages were made in it (progress lines are not
-// kept waiting for long), and when the run stops: the database then holds what the run wrote
-// before it stopped, as without a journal. The recovery puts back the words of the last record
-// and runs on from its point.
+// commit sector naming it and the records of the groups written since the database files were
+// last flushed (the files are flushed first where it would name too many), and only then are the
+// writes made, in the order the run made them. Two threads do this while the run gathers the next
+// group: a recorder commits a group (its commit sector going with the next record's flush where
+// that one comes first) while a writer makes the writes of the groups before; where a flush costs
+// little, the writer makes the undo and commits the group itself. The group's messages are shown
+// once it has landed. A group also ends before the run reads on from the disk once messages were
+// made in it (progress lines are not kept waiting for long), and when the run stops: the database
+// then holds what the run wrote before it stopped, as without a journal. The recovery puts back
+// the words of the records the last commit names, the latest first, and runs on from the point of
+// the earliest.
 //
 // The journal is made (under a name of its own, flushed, then given its name without replacing
 // any file, and the name made durable) at the first commit, so a run that writes nothing leaves

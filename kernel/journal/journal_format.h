@@ -160,8 +160,9 @@ bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& h
 // conversion was interrupted, and byteturn-recover finds its journal, whatever the file is called
 // now and whatever the environment. It also tells how far the files got: group g's writes end with
 // the mark of group g in sector g % 2 of it (a sector is written whole or not at all), so the
-// files flushed before commit n hold the mark of n - 1 or later, and never one past the commit
-// in effect: a journal older than the files, or files older than the journal, show. Where the
+// files flushed before commit n hold the mark of the last group it settled (the one before the
+// records it names) or later, and never one past the commit in effect: a journal older than the
+// files, or files older than the journal, show. Where the
 // journal's full path does not fit in a sector, the mark names none (an empty path): the journal
 // is then looked for where the file's journals go. A main file shorter than its blocks takes no
 // mark: a read past its end would then find the mark instead of failing.

@@ -304,11 +304,13 @@ bool Stopping() {
   Handover& h = state.handover;
   for (;;) {
     Flight* f = nullptr;
+    bool stopped = false;
     {
       std::unique_lock<std::mutex> hold(h.lock);
       h.writerWake.wait(hold, [&] { return (f = OldestIn(Stage::kToWrite)) != nullptr; });
+      stopped = h.stopped;
     }
-    if (!Stopping()) WriteFlight(*f);
+    if (!stopped) WriteFlight(*f);
     PassOn(*f, Stage::kLanded);
   }
 }
@@ -322,16 +324,18 @@ bool Stopping() {
   Flight* waiting = nullptr;  // its commit sector goes with the next record's flush
   for (;;) {
     Flight* f = nullptr;
+    bool stopped = false;
     {
       std::unique_lock<std::mutex> hold(h.lock);
       h.recorderWake.wait(hold, [&] { return (f = OldestIn(Stage::kToRecord)) != nullptr; });
       f->stage = Stage::kCommitting;
+      stopped = h.stopped;
     }
-    const bool recording = !f->group.byWriter && !Stopping();
+    const bool recording = !f->group.byWriter && !stopped;
     const bool recorded = recording && WriteRecordOf(*f);
     if (waiting != nullptr) {
       // Where this record could not be written, the sector is flushed alone.
-      if (!Stopping()) (void)(WriteCommitSector(*waiting) && FlushJournal(*waiting));
+      if (!stopped) (void)(WriteCommitSector(*waiting) && FlushJournal(*waiting));
       PassOn(*waiting, Stage::kToWrite);
       waiting = nullptr;
     } else if (recorded) {
@@ -398,11 +402,13 @@ void Start(Flight& f) {
 // as the writes before it are made; the rest of its messages are shown once it has landed.
 void AwaitOldest(Flight& f) {
   Handover& h = state.handover;
+  bool decided = false;  // the recorder may wait for it: woken only then
   {
     const std::lock_guard<std::mutex> hold(h.lock);
+    decided = f.commitWith == Flight::CommitWith::kUndecided && !f.group.byWriter;
     if (f.commitWith == Flight::CommitWith::kUndecided) f.commitWith = Flight::CommitWith::kAlone;
   }
-  h.recorderWake.notify_one();
+  if (decided) h.recorderWake.notify_one();
   const std::vector<HeldWrite>& held = f.group.held;
   const bool watching = MessagesMade() > f.group.cap;  // messages wait for its writes
   for (std::size_t shown = 0;;) {
