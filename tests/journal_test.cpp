@@ -593,6 +593,17 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_FALSE(j::DecodeCommit(sector, commit)) << "commit byte " << at << " changed";
     sector[at] ^= 1;
   }
+  // A commit of version 8 names one record and says nothing of others: read as naming it alone.
+  std::uint8_t older[j::kCommitBytes] = {};
+  std::memcpy(older, "BTCOMMIT", 8);
+  const std::uint64_t fields[] = {0x5EED, 3, j::kRecordsOffset, 4000, 0xABCDEF};
+  for (std::size_t k = 0; k < 5; ++k) bt::StoreLE64(older + 8 + 8 * k, fields[k]);
+  bt::StoreLE64(older + 48, j::ChecksumOf(older, 48));
+  ASSERT_TRUE(j::DecodeCommit(older, commit, 8));
+  EXPECT_EQ(commit.number, 3u);
+  EXPECT_EQ(commit.open, 1u);
+  EXPECT_EQ(commit.records[0].size, 4000u);
+  EXPECT_FALSE(j::DecodeCommit(older, commit)) << "read as a commit of this version";
 
   // A journal whose last record is changed in its last byte, a byte of a word stored as it was:
   // records of sizes that end at every fourth place of a lane.
