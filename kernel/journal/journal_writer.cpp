@@ -62,28 +62,6 @@ bool SyncWrittenFiles(Outcome& outcome) {
   return true;
 }
 
-// The group's record at offset: its head, then the undo of its blocks, in pieces that are each
-// sent on their way to the disk while the next is written. Returns where it stopped (kNone:
-// written) with the system's error.
-Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
-                 int& error) {
-  journal::Checksum sum;
-  sum.Add(head.data(), head.size());
-  platform::ClearLastError();
-  bool written = WriteThrough(j.file, offset, head.data(), static_cast<std::uint32_t>(head.size()));
-  for (std::size_t done = 0; written && done < g.undoSize; done += kRecordPieceBytes) {
-    const std::size_t piece = std::min(g.undoSize - done, kRecordPieceBytes);
-    const std::uint64_t position = offset + head.size() + done;
-    sum.Add(g.undo.data() + done, piece);
-    written = WriteThrough(j.file, position, g.undo.data() + done, static_cast<std::uint32_t>(piece));
-    if (written) platform::StartWriteBack(j.file, position, piece);
-  }
-  error = platform::LastError();
-  if (!written) return Stop::kJournalWriting;
-  checksum = sum.Value();
-  return Stop::kNone;
-}
-
 namespace {
 
 // Block k of the group's write i, whose write failed, is written as it was before it, from its
@@ -191,14 +169,25 @@ bool WriteTable(Outcome& outcome, std::vector<TableEntry>& due) {
   return true;
 }
 
-// Writes flight f's record (not flushed); the commits that name it find its place here.
+// Writes flight f's record, not flushed: its head, then the undo of its blocks, in pieces that are
+// each sent on their way to the disk while the next is written. The commits that name it find its
+// place here.
 bool WriteRecordOf(Flight& f) {
-  const Stop stop = WriteRecord(f.group, f.head, f.offset, f.checksum, f.outcome.error);
-  f.size = f.head.size() + f.group.undoSize;
-  if (stop != Stop::kNone) {
-    f.outcome.stop = stop;
-    return false;
+  const Group& g = f.group;
+  journal::Checksum sum;
+  sum.Add(f.head.data(), f.head.size());
+  platform::ClearLastError();
+  bool written = WriteThrough(j.file, f.offset, f.head.data(), static_cast<std::uint32_t>(f.head.size()));
+  for (std::size_t done = 0; written && done < g.undoSize; done += kRecordPieceBytes) {
+    const std::size_t piece = std::min(g.undoSize - done, kRecordPieceBytes);
+    const std::uint64_t position = f.offset + f.head.size() + done;
+    sum.Add(g.undo.data() + done, piece);
+    written = WriteThrough(j.file, position, g.undo.data() + done, static_cast<std::uint32_t>(piece));
+    if (written) platform::StartWriteBack(j.file, position, piece);
   }
+  f.size = f.head.size() + g.undoSize;
+  if (!written) return Stopped(f.outcome, Stop::kJournalWriting);
+  f.checksum = sum.Value();
   // A commit sector may wait for the next record: it names this record's kMostOpenRecords before.
   state.recorded.push_back({f.number, {f.offset, f.size, f.checksum}});
   if (state.recorded.size() > journal::kMostOpenRecords + 1) state.recorded.pop_front();

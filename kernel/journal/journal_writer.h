@@ -14,9 +14,6 @@ namespace bt::journaling {
 
 // Flushes the files written since their last flush; false, with outcome set, where one fails.
 bool SyncWrittenFiles(Outcome& outcome);
-// Writes a group's record, not flushed (the recorder's thread, or the writer's where it makes the undo).
-Stop WriteRecord(const Group& g, const std::vector<std::uint8_t>& head, std::uint64_t offset, std::uint64_t& checksum,
-                 int& error);
 // The flight of a group committed goes on its way; the run waits for the flights, oldest first,
 // up to group number n, or all of them.
 void HandToWriter(Flight& f);
