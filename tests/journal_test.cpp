@@ -248,9 +248,9 @@ std::vector<std::pair<std::string, gendb::Params>> EveryKind() {
 }  // namespace
 
 // The undo of a write puts the block back as it was over whatever a write lost, kept or torn at
-// 512-byte boundaries leaves, and again over what an interrupted put-back left; a word whose
-// fields the write reversed, within the word or across words, takes a byte, and one stored as it
-// was tells each sector's state.
+// 512-byte boundaries leaves, and again over what an interrupted put-back left, or tells a sector
+// that holds part of a write ended at any byte; a word whose fields the write reversed, within the
+// word or across words, takes a byte, and each sector's first and last changed bytes tell its state.
 TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   using bt::journal::Undone;
   using Format = bt::journal::UndoFormat;
@@ -301,34 +301,35 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
           std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
           const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, effort, undo.data());
           const bool spans = reversing && effort == Effort::kSmallest;
-          EXPECT_LE(n, size / 64 + changed + (spans ? 32 * sectors : 8 * changed));
+          EXPECT_LE(n, size / 64 + changed + 3 * sectors + (spans ? 16 * sectors : 8 * changed));
           // Looking for spans across words makes the undo smaller where the write made them.
           if (effort == Effort::kQuick) quickSize = n;
           else if (spans && share != 0) EXPECT_LT(n, quickSize);
           else EXPECT_LE(n, quickSize);
-          EXPECT_GE(n, size / 64 + changed + 8 * sectors);
-          EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size, Format::kSpans), n);
-          EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size, Format::kSpans), 0u);
+          EXPECT_GE(n, size / 64 + changed + 3 * sectors);
+          EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, size, Format::kSpansAndEdges), n);
+          EXPECT_EQ(bt::journal::UndoSize(undo.data(), n - 1, size, Format::kSpansAndEdges), 0u);
           for (int cut = 0; cut < 4; ++cut) {  // kept whole, lost whole, torn twice
             std::vector<std::uint8_t> torn = after;
             for (std::uint32_t sector = 0; sector < size / 512; ++sector)
               if (cut == 1 || (cut > 1 && rng() % 2))
                 std::copy_n(before.begin() + 512 * sector, 512, torn.begin() + 512 * sector);
             const Undone put = torn != before ? Undone::kPutBack : Undone::kAsItWas;
-            EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, torn.data()), put);
+            EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, Format::kSpansAndEdges, torn.data()), put);
             EXPECT_EQ(torn, before) << "cut " << cut;
             // a second put-back changes nothing
-            EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, torn.data()), Undone::kAsItWas);
+            EXPECT_EQ(bt::journal::ApplyUndo(undo.data(), size, Format::kSpansAndEdges, torn.data()), Undone::kAsItWas);
           }
           // A write the system ended part way, at any byte, and a put-back ended so over the whole
           // write: the block is put back, or the sector that holds part of the write is told.
           std::size_t told = 0;
-          // (in a 64 KiB block a tear every 997 bytes falls at as varied offsets in a tenth of the time)
-          for (std::uint32_t at = 1; at < size; at += size > 8192 ? 997 : 97)
+          // (every byte of the smallest block; in the others a tear every 97 or 997 bytes falls at as
+          // varied offsets in a tenth of the time)
+          for (std::uint32_t at = 1; at < size; at += size == 4096 ? 1 : size > 8192 ? 997 : 97)
             for (bool putBackTorn : {false, true}) {
               std::vector<std::uint8_t> torn = putBackTorn ? before : after;
               std::copy((putBackTorn ? after : before).begin() + at, (putBackTorn ? after : before).end(), torn.begin() + at);
-              if (bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, torn.data()) == Undone::kTorn) ++told;
+              if (bt::journal::ApplyUndo(undo.data(), size, Format::kSpansAndEdges, torn.data()) == Undone::kTorn) ++told;
               else EXPECT_EQ(torn, before) << "ended at " << at << (putBackTorn ? ", put back" : "");
             }
           EXPECT_EQ(told != 0, share != 0) << told;
@@ -340,30 +341,36 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
           const std::vector<std::uint8_t>* states[] = {&before, &after, &again};
           for (std::uint32_t sector = 0; sector < size / 512; ++sector)
             std::copy_n(states[rng() % 3]->begin() + 512 * sector, 512, mixed.begin() + 512 * sector);
-          bt::journal::ApplyUndo(undo.data(), size, Format::kSpans, mixed.data());
+          bt::journal::ApplyUndo(undo.data(), size, Format::kSpansAndEdges, mixed.data());
           bt::journal::ApplyUndo(whole.data(), size, Format::kFirstWord, mixed.data());
           EXPECT_EQ(mixed, before);
         }
       }
-  // A sector's first and last words named are stored as they were, whatever their spans, and so
-  // is a word no spans explain; each run of words named ends a span.
+  // A word no spans explain is stored as it was; each run of words named ends a span; each sector
+  // keeps where its first and last changed bytes lie in its first and last words named, and what
+  // they were.
   std::vector<std::uint8_t> before(4096, 1), after(4096, 1), undo(bt::journal::MaxUndoBytes(4096));
-  after[8] = 2, after[9] = 3, after[16] = 3, after[17] = 2, before[16] = 2, before[17] = 3, after[24] = 7;
-  before[18] = after[18] = 5, before[19] = after[19] = 6;
+  after[9] = 2, after[10] = 3, after[16] = 3, after[17] = 2, before[16] = 2, before[17] = 3, after[30] = 7;
+  before[18] = after[18] = 5, before[19] = after[19] = 6, before[30] = 9;
   std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, Effort::kSmallest, undo.data());
-  ASSERT_EQ(n, 4096 / 64 + 3 + 16);
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), n);
-  const std::size_t codes = 4096 / 64;  // one per word named, then the words stored
+  ASSERT_EQ(n, 4096 / 64 + 3 + 3 + 16);
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpansAndEdges), n);
+  const std::size_t codes = 4096 / 64;  // one per word named, then each sector's edges, then the words stored
   EXPECT_EQ(undo[codes], 0xFF);
   EXPECT_EQ(undo[codes + 1], 0xFE);  // its bytes 0 and 1 a span, the others each its own
   EXPECT_EQ(undo[codes + 2], 0xFF);
-  undo[codes + 2] = 0x7F;  // the run's last word would not end a span
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), 0u);
+  EXPECT_EQ(undo[codes + 3], 0x61);  // bytes 9 and 30: byte 1 of word 1, byte 6 of word 3
+  EXPECT_EQ(undo[codes + 4], 1);
+  EXPECT_EQ(undo[codes + 5], 9);
+  undo[codes + 3] = 0x69;  // an edge past its word
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpansAndEdges), 0u);
+  undo[codes + 3] = 0x61, undo[codes + 2] = 0x7F;  // the run's last word would not end a span
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpansAndEdges), 0u);
   undo[codes + 2] = 0xFF, undo[codes + 1] = 0xFF;  // a word stored takes 8 bytes more
-  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpans), 0u);
-  // Fields across two words, and across two sectors: only the latter's words are stored, with
-  // each sector's first and last, a word whose every byte ends a field (its first, the last of a
-  // field across two words), and a word changed otherwise with the words whose fields reach it.
+  EXPECT_EQ(bt::journal::UndoSize(undo.data(), n, 4096, Format::kSpansAndEdges), 0u);
+  // Fields across two words, and across two sectors: only the latter's words are stored, with a
+  // word whose every byte ends a field (the last of a field across two words), and a word changed
+  // otherwise with the words whose fields reach it.
   before.assign(4096, 0), after.assign(4096, 0);
   for (std::size_t i = 0; i < 4096; ++i) before[i] = static_cast<std::uint8_t>(i * 13 + i / 256);
   after = before;
@@ -372,11 +379,11 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
     std::reverse(after.begin() + at, after.begin() + at + length);
   after[212] ^= 0x41;  // a word changed otherwise, which a field from the word before reaches into
   n = bt::journal::EncodeUndo(before.data(), after.data(), 4096, Effort::kSmallest, undo.data());
-  EXPECT_EQ(n, 4096 / 64 + 13 + 8 * 7) << "words 0 to 3, 5, 13, 14, 25, 26, 63, 64, 75 and 87 named; 0, 14, 25, 26, "
-                                          "63, 64 and 87 stored";
+  EXPECT_EQ(n, 4096 / 64 + 13 + 2 * 3 + 8 * 5) << "words 0 to 3, 5, 13, 14, 25, 26, 63, 64, 75 and 87 named; 14, 25, "
+                                                  "26, 63 and 64 stored";
   for (const std::vector<std::uint8_t>* found : {&after, &before}) {
     std::vector<std::uint8_t> block = *found;
-    bt::journal::ApplyUndo(undo.data(), 4096, Format::kSpans, block.data());
+    bt::journal::ApplyUndo(undo.data(), 4096, Format::kSpansAndEdges, block.data());
     EXPECT_EQ(block, before);
   }
   // A journal of the earlier format (kind 0) stored each sector's first word named only: its last
@@ -389,15 +396,32 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
   earlier[1] = 0x0A;  // words 1 and 3
   earlier[1 + codes + 1] = 0xFF;
   std::copy_n(was.begin() + 8, 8, earlier.begin() + 1 + codes + 2);
-  EXPECT_EQ(bt::journal::BlockUndoSize(earlier.data(), earlier.size(), 4096), earlier.size());
-  for (const std::vector<std::uint8_t>* found : {&written, &was}) {
-    std::vector<std::uint8_t> block = *found;
-    EXPECT_EQ(bt::journal::ApplyBlockUndo(earlier.data(), 4096, 1, block.data()),
-              found == &written ? Undone::kPutBack : Undone::kAsItWas);
-    EXPECT_EQ(block, was);
-  }
+  // An undo of an earlier format puts the written block back, and finds the block as it was so.
+  const auto putsBack = [](const std::vector<std::uint8_t>& blockUndo, const std::vector<std::uint8_t>& wasBlock,
+                           const std::vector<std::uint8_t>& writtenBlock) {
+    EXPECT_EQ(bt::journal::BlockUndoSize(blockUndo.data(), blockUndo.size(), 4096), blockUndo.size());
+    for (const std::vector<std::uint8_t>* found : {&writtenBlock, &wasBlock}) {
+      std::vector<std::uint8_t> block = *found;
+      EXPECT_EQ(bt::journal::ApplyBlockUndo(blockUndo.data(), 4096, 1, block.data()),
+                found == &writtenBlock ? Undone::kPutBack : Undone::kAsItWas);
+      EXPECT_EQ(block, wasBlock);
+    }
+  };
+  putsBack(earlier, was, written);
   earlier[0] = 2;  // of this format, whose sector's last word must be stored
   EXPECT_EQ(bt::journal::BlockUndoSize(earlier.data(), earlier.size(), 4096), 0u);
+  // One of the format before this (kind 4) stored each sector's first and last words named, and
+  // turns the words between back where the first tells the sector holds the write.
+  std::vector<std::uint8_t> spansWas(4096, 1), spansWritten(4096, 1), spans(1 + 4096 / 64 + 3 + 16, 0);
+  spansWas[8] = 2, spansWritten[8] = 3, spansWas[24] = 4, spansWritten[24] = 5;
+  for (int k = 0; k < 8; ++k) spansWas[16 + k] = spansWritten[23 - k] = static_cast<std::uint8_t>(10 + k);
+  spans[0] = 4, spans[1] = 0x0E;  // words 1 to 3
+  spans[1 + codes] = 0xFF, spans[1 + codes + 1] = 0x80, spans[1 + codes + 2] = 0xFF;
+  std::copy_n(spansWas.begin() + 8, 8, spans.begin() + 1 + codes + 3);
+  std::copy_n(spansWas.begin() + 24, 8, spans.begin() + 1 + codes + 11);
+  putsBack(spans, spansWas, spansWritten);
+  spans[0] = 6;  // of this format, which has each sector's edges too
+  EXPECT_EQ(bt::journal::BlockUndoSize(spans.data(), spans.size(), 4096), 0u);
 }
 
 // An encrypted block's undo over its plaintext puts the block back over whatever a write lost,

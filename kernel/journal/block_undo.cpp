@@ -14,16 +14,19 @@ namespace {
 
 // The kinds (block_undo.h).
 constexpr std::uint8_t kFirstWordDirect = 0, kFirstWordOverPlaintext = 1, kWordCodesDirect = 2,
-                       kWordCodesOverPlaintext = 3, kDirect = 4, kOverPlaintext = 5;
+                       kWordCodesOverPlaintext = 3, kWordsDirect = 4, kOverPlaintext = 5, kDirect = 6;
 constexpr std::size_t kTailBytes = 16;
 
-bool Direct(std::uint8_t kind) { return kind == kDirect || kind == kWordCodesDirect || kind == kFirstWordDirect; }
+bool Direct(std::uint8_t kind) {
+  return kind == kDirect || kind == kWordsDirect || kind == kWordCodesDirect || kind == kFirstWordDirect;
+}
 bool OverPlaintext(std::uint8_t kind) {
   return kind == kOverPlaintext || kind == kWordCodesOverPlaintext || kind == kFirstWordOverPlaintext;
 }
 bool LastStored(std::uint8_t kind) { return kind != kFirstWordDirect && kind != kFirstWordOverPlaintext; }
 UndoFormat FormatOf(std::uint8_t kind) {
-  return kind == kDirect || kind == kOverPlaintext ? UndoFormat::kSpans
+  return kind == kDirect                                ? UndoFormat::kSpansAndEdges
+         : kind == kWordsDirect || kind == kOverPlaintext ? UndoFormat::kSpans
          : LastStored(kind)                         ? UndoFormat::kFirstAndLastWord
                                                     : UndoFormat::kFirstWord;
 }

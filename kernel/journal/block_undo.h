@@ -1,5 +1,5 @@
 // The undo of one block written, as a record holds it: a kind byte, then
-// - kind 4 (direct): the undo of the bytes written over the bytes they replace (undo_codec.h);
+// - kind 6 (direct): the undo of the bytes written over the bytes they replace (undo_codec.h);
 // - kind 5 (over the plaintext), for a block of an encrypted database, which a write changes
 //   almost whole, where the conversion only reversed fields of its plaintext: a bit per 512-byte
 //   sector (bit s % 8 of byte s / 8), set where the ciphertext written differs from the one it
@@ -7,15 +7,17 @@
 //   and that word as it was (8 bytes), the same for its last word that differs, and, past sector
 //   0, the 16 bytes that end the sector before as written; then the turns of the block's
 //   plaintext (undo_codec.h);
-// - kinds 2 and 3: the same in the earlier format, whose undo and turns have codes of word
+// - kind 4: the direct undo of the earlier format, which stores each sector's first and last
+//   words named;
+// - kinds 2 and 3: kinds 4 and 5 in the earlier format, whose undo and turns have codes of word
 //   orders (undo_codec.h);
 // - kinds 0 and 1: the same in the format before, which stored each sector's first word only (a
 //   block written again in its group still takes kind 0: its undo stores every word).
-// A sector is written whole or not at all, and its first and last differing words tell which
-// (where they tell apart, the sector holds part of the write, which is told and not put back). A
-// sector that holds the write is decrypted (from the 16 bytes before it as written), its
-// plaintext turned back, and encrypted again (from the 16 bytes before it as they were): every
-// sector is then as before the write. The recovery needs the key it asks for. The undo holds
+// A sector is written whole or not at all, or up to some byte, and its edges, or its first and last
+// differing words, tell which (where they tell apart, the sector holds part of the write, which
+// is told and not put back). A sector that holds the write is decrypted (from the 16 bytes before
+// it as written), its plaintext turned back, and encrypted again (from the 16 bytes before it as
+// they were): every sector is then as before the write. The recovery needs the key it asks for. The undo holds
 // ciphertext the disk held and where the plaintext's reversed fields begin and end, never a byte
 // of the plaintext: a block whose conversion changed its plaintext otherwise takes the direct
 // undo, of its ciphertext.

@@ -53,6 +53,9 @@ std::uint8_t CodeOf(std::uint64_t before, std::uint64_t after) {
   return kinds[0] < kNoKind && kinds[1] < kNoKind ? static_cast<std::uint8_t>(kinds[0] | kinds[1] << 4) : 0;
 }
 
+// Whether undos of the format name spans (turns of either format are alike: they have no edges).
+bool OfSpans(UndoFormat format) { return format == UndoFormat::kSpansAndEdges || format == UndoFormat::kSpans; }
+
 bool Named(const std::uint8_t* undo, std::uint32_t word) { return (undo[word / 8] >> word % 8 & 1) != 0; }
 
 // How many words the bitmap names.
@@ -85,16 +88,13 @@ std::uint8_t EndsOf(std::uint8_t code) {
 
 // The words of a sector stored, once each named word has its ends from its order within the word
 // and the words with none (spanned) are left: stored too, or, given the sector's spans, their
-// spans found. No span crosses the end of the sector's first word named or the start of its last:
-// a write ended part way inside one of them is not told, and the words beside it would then be
-// turned back from what it holds alone.
-std::uint64_t StoredInSector(const SectorSpans* spans, std::uint64_t named, std::uint64_t spanned, std::uint8_t* ends) {
-  const std::uint64_t kept = KeptInSector(named);
+// spans found.
+std::uint64_t StoredInSector(const SectorSpans* spans, std::uint64_t spanned, std::uint8_t* ends) {
   if (spans == nullptr) {
     for (std::uint64_t rest = spanned; rest != 0; rest &= rest - 1) ends[__builtin_ctzll(rest)] = kStoredWord;
-    return kept | spanned;
+    return spanned;
   }
-  std::uint64_t stored = kept | FindSpansOfRuns(*spans, spanned, kept, ends);
+  std::uint64_t stored = FindSpansOfRuns(*spans, spanned, ends);
   // A word whose every byte ends a span (a span from the word before ends in its first byte, the
   // others are as they were) is stored: its ends tell a word stored.
   for (std::uint64_t rest = spanned & ~stored; rest != 0; rest &= rest - 1)
@@ -128,11 +128,47 @@ constexpr std::uint64_t kNotTurned = ~std::uint64_t{0};
 // The words of a sector stored, given each named word's ends from its order within the word, the
 // words with none (spanned) and, where they are not simply stored, the sector's spans; in turns
 // none, or kNotTurned where spans do not explain every word.
-std::uint64_t SectorStored(Unordered unordered, const SectorSpans* spans, std::uint64_t named, std::uint64_t spanned,
-                           std::uint8_t* ends) {
-  if (unordered != Unordered::kSpanned)
-    return StoredInSector(unordered == Unordered::kStored ? nullptr : spans, named, spanned, ends);
-  return spanned != 0 && FindSpansOfRuns(*spans, spanned, 0, ends) != 0 ? kNotTurned : 0;
+std::uint64_t SectorStored(Unordered unordered, const SectorSpans* spans, std::uint64_t spanned, std::uint8_t* ends) {
+  if (unordered != Unordered::kSpanned) return StoredInSector(unordered == Unordered::kStored ? nullptr : spans, spanned, ends);
+  return spanned != 0 && FindSpansOfRuns(*spans, spanned, ends) != 0 ? kNotTurned : 0;
+}
+
+// Writes the edges of sector s (undo_codec.h), whose words named are named, at edges; returns
+// where the next go.
+std::uint8_t* PutEdges(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s, std::uint64_t named,
+                       std::uint8_t* edges) {
+  const std::uint8_t* was = before + kSectorBytes * s;
+  const std::uint8_t* now = after + kSectorBytes * s;
+  const auto first = static_cast<unsigned>(__builtin_ctzll(named)), last = 63u - static_cast<unsigned>(__builtin_clzll(named));
+  // Byte k of a word is its bits 8k to 8k + 7 (LoadLE64).
+  const unsigned f = 8 * first + static_cast<unsigned>(__builtin_ctzll(LoadLE64(was + 8 * first) ^ LoadLE64(now + 8 * first))) / 8;
+  const unsigned l =
+      8 * last + (63u - static_cast<unsigned>(__builtin_clzll(LoadLE64(was + 8 * last) ^ LoadLE64(now + 8 * last)))) / 8;
+  edges[0] = static_cast<std::uint8_t>(f % 8 | l % 8 << 4);
+  edges[1] = was[f];
+  edges[2] = was[l];
+  return edges + kEdgeBytes;
+}
+
+// What an encoder puts aside while it writes the bitmap and the ends, as their place follows the
+// last ends: the edges and the words stored.
+struct Aside {
+  std::uint8_t* edges;
+  std::uint8_t* words;
+  Aside() {
+    thread_local std::array<std::uint8_t, kMaxBlockSize / kSectorBytes * kEdgeBytes> edgesAside;
+    thread_local std::array<std::uint8_t, kMaxBlockSize> wordsAside;
+    edges = edgesAside.data();
+    words = wordsAside.data();
+  }
+};
+
+// Lays the edges and the words put aside after the ends (which end at codes); returns the undo's size.
+std::size_t Gathered(const std::uint8_t* undo, std::uint8_t* codes, const Aside& start, const Aside& end) {
+  const auto edges = static_cast<std::size_t>(end.edges - start.edges), words = static_cast<std::size_t>(end.words - start.words);
+  std::memcpy(codes, start.edges, edges);
+  std::memcpy(codes + edges, start.words, words);
+  return static_cast<std::size_t>(codes - undo) + edges + words;
 }
 
 // The undo (or turns) of the write of after over before, a sector at a time: its bitmap and each
@@ -140,25 +176,25 @@ std::uint64_t SectorStored(Unordered unordered, const SectorSpans* spans, std::u
 // (the words aside, as their place follows the last ends); 0 for turns that spans do not explain.
 std::size_t EncodeWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                              Unordered unordered, std::uint8_t* undo) {
-  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
-  std::uint8_t* words = aside.data();
+  const Aside start;
+  Aside at = start;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     std::uint8_t ends[kSectorWords];
     const std::uint64_t spanned = SectorEndsWordByWord(before, after, s, undo, ends), named = NamedInSector(undo, s);
     SectorSpans spans;
     const bool spansFound = spanned != 0 && unordered != Unordered::kStored;
     if (spansFound) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    const std::uint64_t stored = SectorStored(unordered, spansFound ? &spans : nullptr, named, spanned, ends);
+    const std::uint64_t stored = SectorStored(unordered, spansFound ? &spans : nullptr, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
+    if (unordered != Unordered::kSpanned && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
     for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
       const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
       *codes++ = ends[w];
-      if ((stored >> w & 1) != 0) std::memcpy(words, before + kSectorBytes * s + 8 * w, 8), words += 8;
+      if ((stored >> w & 1) != 0) std::memcpy(at.words, before + kSectorBytes * s + 8 * w, 8), at.words += 8;
     }
   }
-  std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
-  return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
+  return Gathered(undo, codes, start, at);
 }
 
 #if defined(__x86_64__)
@@ -241,12 +277,12 @@ struct LineEnds {
 // last ends.)
 BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                                           Unordered unordered, std::uint8_t* undo) {
-  thread_local std::array<std::uint8_t, kMaxBlockSize> aside;
   constexpr std::uint32_t kLines = kSectorWords / 8;
   const LineCoder coder;
   const LineEnds lineEnds;
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
-  std::uint8_t* words = aside.data();
+  const Aside start;
+  Aside at = start;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     __m512i was[kLines], now[kLines];
     for (std::uint32_t k = 0; k < kLines; ++k) {
@@ -255,17 +291,16 @@ BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std:
       undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(was[k], now[k]);
     }
     const std::uint64_t named = NamedInSector(undo, s);
+    if (unordered != Unordered::kSpanned && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
     if (unordered == Unordered::kStored) {
-      const std::uint64_t kept = KeptInSector(named);
       for (std::uint32_t k = 0; k < kLines; ++k) {
         const __mmask8 changed = undo[kLines * s + k];
         if (changed == 0) continue;
         const __m512i code = coder.Codes(was[k], now[k]);
         const __mmask8 none = changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512());
         codes += PutCodes(codes, changed, _mm512_mask_mov_epi64(lineEnds.Of(code), none, _mm512_set1_epi64(kStoredWord)));
-        const auto stored = static_cast<__mmask8>(none | kept >> 8 * k);
-        _mm512_mask_compressstoreu_epi64(words, stored, was[k]);
-        words += 8 * __builtin_popcount(stored);
+        _mm512_mask_compressstoreu_epi64(at.words, none, was[k]);
+        at.words += 8 * __builtin_popcount(none);
       }
       continue;
     }
@@ -281,7 +316,7 @@ BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std:
     }
     SectorSpans spans;
     if (spanned != 0) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    const std::uint64_t stored = SectorStored(unordered, spanned != 0 ? &spans : nullptr, named, spanned, ends);
+    const std::uint64_t stored = SectorStored(unordered, spanned != 0 ? &spans : nullptr, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
     for (std::uint32_t k = 0; k < kLines; ++k) {
       const __mmask8 changed = undo[kLines * s + k];
@@ -289,12 +324,11 @@ BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std:
       codes += PutCodes(codes, changed,
                         _mm512_maskz_cvtepu8_epi64(0xFF, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(ends + 8 * k))));
       const auto inLine = static_cast<__mmask8>(stored >> 8 * k);
-      _mm512_mask_compressstoreu_epi64(words, inLine, was[k]);
-      words += 8 * __builtin_popcount(inLine);
+      _mm512_mask_compressstoreu_epi64(at.words, inLine, was[k]);
+      at.words += 8 * __builtin_popcount(inLine);
     }
   }
-  std::memcpy(codes, aside.data(), static_cast<std::size_t>(words - aside.data()));
-  return static_cast<std::size_t>(codes - undo) + static_cast<std::size_t>(words - aside.data());
+  return Gathered(undo, codes, start, at);
 }
 
 #undef BT_LINES_TARGET
@@ -398,20 +432,34 @@ bool SpansEndRuns(const std::uint8_t* undo, std::uint32_t blockSize, bool kept) 
   return true;
 }
 
-std::size_t SpansSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+// How many sectors have words named.
+std::size_t NamedSectors(const std::uint8_t* undo, std::uint32_t blockSize) {
+  std::size_t sectors = 0;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) sectors += NamedInSector(undo, s) != 0;
+  return sectors;
+}
+
+// The size of an undo of spans: with each sector's edges (byEdges), or of the earlier format, with
+// its first and last words named stored.
+std::size_t SpansSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool byEdges) {
   const std::size_t bitmap = UndoBitmapBytes(blockSize);
   if (available < bitmap) return 0;
   const std::size_t named = NamedCount(undo, blockSize);
-  if (available - bitmap < named || !SpansEndRuns(undo, blockSize, true)) return 0;
+  if (available - bitmap < named || !SpansEndRuns(undo, blockSize, !byEdges)) return 0;
   std::size_t stored = 0;
   const std::uint8_t* ends = undo + bitmap;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    const std::uint64_t inSector = NamedInSector(undo, s), kept = KeptInSector(inSector);
+    const std::uint64_t inSector = NamedInSector(undo, s), kept = byEdges ? 0 : KeptInSector(inSector);
     for (std::uint64_t rest = inSector; rest != 0; rest &= rest - 1, ++ends)
       stored += (kept & rest & (~rest + 1)) != 0 || *ends == kStoredWord;
   }
-  const std::size_t size = bitmap + named + 8 * stored;
-  return size <= available ? size : 0;
+  const std::size_t edges = byEdges ? kEdgeBytes * NamedSectors(undo, blockSize) : 0;
+  const std::size_t size = bitmap + named + edges + 8 * stored;
+  if (size > available) return 0;
+  // Each edge lies in a word: its index is 0 to 7.
+  for (std::size_t e = 0; e < edges; e += kEdgeBytes)
+    if ((undo[bitmap + named + e] & 0x88) != 0) return 0;
+  return size;
 }
 
 // Reverses again into was each span of the words named in a sector (endsOf: each word's ends, by
@@ -431,12 +479,13 @@ void ReverseSpans(const std::uint8_t* sector, std::uint64_t named, const std::ui
   }
 }
 
-Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_t* block) {
+Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, bool byEdges, std::uint8_t* block) {
   const std::uint8_t* ends = undo + UndoBitmapBytes(blockSize);
-  const std::uint8_t* stored = ends + NamedCount(undo, blockSize);
+  const std::uint8_t* edges = ends + NamedCount(undo, blockSize);
+  const std::uint8_t* stored = edges + (byEdges ? kEdgeBytes * NamedSectors(undo, blockSize) : 0);
   bool differed = false;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    const std::uint64_t named = NamedInSector(undo, s), kept = KeptInSector(named);
+    const std::uint64_t named = NamedInSector(undo, s), kept = byEdges ? 0 : KeptInSector(named);
     if (named == 0) continue;
     std::uint8_t* sector = block + kSectorBytes * s;
     std::uint8_t endsOf[kSectorWords] = {};
@@ -446,11 +495,19 @@ Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_
       endsOf[w] = *ends++;
       if ((kept >> w & 1) != 0 || endsOf[w] == kStoredWord) storedOf[w] = stored, stored += 8;
     }
-    // The sector's first word named tells whether it holds the write; its last must tell the same.
+    // The sector's first changed byte (of the earlier format: its first word named) tells whether
+    // it holds the write; its last must tell the same.
     const auto first = static_cast<unsigned>(__builtin_ctzll(named)), last = 63u - static_cast<unsigned>(__builtin_clzll(named));
-    const auto holds = [&](unsigned w) { return LoadLE64(sector + 8 * w) != LoadLE64(storedOf[w]); };
-    const bool holdsWrite = holds(first);
-    if (holds(last) != holdsWrite) return Undone::kTorn;
+    bool holdsWrite = false, lastHolds = false;
+    if (byEdges) {
+      holdsWrite = sector[8 * first + (edges[0] & 7u)] != edges[1];
+      lastHolds = sector[8 * last + (edges[0] >> 4 & 7u)] != edges[2];
+      edges += kEdgeBytes;
+    } else {
+      holdsWrite = LoadLE64(sector + 8 * first) != LoadLE64(storedOf[first]);
+      lastHolds = LoadLE64(sector + 8 * last) != LoadLE64(storedOf[last]);
+    }
+    if (lastHolds != holdsWrite) return Undone::kTorn;
     std::uint8_t was[kSectorBytes];
     std::memcpy(was, sector, kSectorBytes);
     if (holdsWrite) ReverseSpans(sector, named, endsOf, was);
@@ -466,12 +523,12 @@ Undone ApplySpans(const std::uint8_t* undo, std::uint32_t blockSize, std::uint8_
 }  // namespace
 
 std::size_t UndoSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format) {
-  if (format == UndoFormat::kSpans) return SpansSize(undo, available, blockSize);
+  if (OfSpans(format)) return SpansSize(undo, available, blockSize, format == UndoFormat::kSpansAndEdges);
   return WordCodesSize(undo, available, blockSize, format == UndoFormat::kFirstAndLastWord);
 }
 
 Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block) {
-  if (format == UndoFormat::kSpans) return ApplySpans(undo, blockSize, block);
+  if (OfSpans(format)) return ApplySpans(undo, blockSize, format == UndoFormat::kSpansAndEdges, block);
   return ApplyWordCodes(undo, blockSize, format == UndoFormat::kFirstAndLastWord, block);
 }
 
@@ -485,7 +542,7 @@ std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint
   if (available < bitmap) return 0;
   const std::size_t named = NamedCount(undo, blockSize);
   if (available - bitmap < named) return 0;
-  if (format == UndoFormat::kSpans) return SpansEndRuns(undo, blockSize, false) ? bitmap + named : 0;
+  if (OfSpans(format)) return SpansEndRuns(undo, blockSize, false) ? bitmap + named : 0;
   for (std::size_t i = 0; i < named; ++i)
     if (undo[bitmap + i] == 0 || !ValidCode(undo[bitmap + i])) return 0;
   return bitmap + named;
@@ -493,7 +550,7 @@ std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint
 
 void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
-  if (format != UndoFormat::kSpans) {
+  if (!OfSpans(format)) {
     for (std::uint32_t word = 0; word < blockSize / 8; ++word)
       if (Named(undo, word)) StoreLE64(block + 8 * word, Turn(LoadLE64(block + 8 * word), *code++));
     return;

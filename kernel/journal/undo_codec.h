@@ -6,7 +6,7 @@
 namespace bt::journal {
 
 // The undo of one block written, which puts the block back as it was over whatever a write lost,
-// kept or torn at any 512-byte boundary left:
+// kept or torn at any byte left:
 // - a bitmap with a bit per 8-byte word of the block (bit k % 8 of byte k / 8 for word k), set
 //   for each word the undo names: those the write changes;
 // - for each word named, in order, its span ends: bit k set where a span ends after the word's
@@ -15,32 +15,40 @@ namespace bt::journal {
 //   field of the block whose byte order the conversion turned, within a word or across words;
 //   a byte the write left is a span of its own. A word the write changed otherwise is stored, and
 //   takes 0xFF (every byte its own span), which a word that changed can have for no other reason;
+// - for each sector with words named, in order, its edges: where its first and its last changed
+//   bytes lie in its first and its last words named (a byte: the first's index in the low nibble,
+//   the last's in the high), then each of those two bytes as it was;
 // - the words stored, as they were, in order.
-// A sector is written whole or not at all, and the first and the last word named in each 512-byte
-// sector are stored as they were, whatever their spans: the sector holds the write where they
-// differ from it. Where only one of them does, the sector holds part of the write (one the system
-// ended part way inside the sector): it cannot be put back, and that is told. A write ended part
-// way inside the first or the last word itself is not told, so no span crosses the end of the
-// first word or the start of the last (the words beside them are never turned back from a part of
-// either). Stored words are put back whatever the sector holds, spans reversed again only where
-// it holds the write. The undos of a record are put back in the order of its writes. Block sizes
+// A sector is written whole or not at all, or up to some byte where the system ended the write
+// part way (a short write): the sector holds the write where its first changed byte differs from
+// the one the undo keeps, and where only one of the two edges does, it holds part of the write,
+// which cannot be put back, and that is told. So a write ended at any byte is told or harmless:
+// before the first changed byte it changed nothing, after the last it changed every byte it was
+// to. Stored words are put back whatever the sector holds, spans reversed again only where it
+// holds the write. The undos of a record are put back in the order of its writes. Block sizes
 // are multiples of 512.
 //
-// Undos of earlier formats name the words the same way, with a code byte each instead of its
-// spans: 0 for a word stored, else the byte order that turns the word written back into the one
-// it replaced (0xFF the whole word reversed, else a nibble for bytes 0..3 (low) and one for bytes
-// 4..7 (high), each 0 kept, 1 reversed, 2 both byte pairs swapped, 3 the first pair only, 4 the
-// second only); they store each sector's first and last word named, or its first only, and in
-// the latter tell no sector that holds part of a write.
-enum class UndoFormat { kSpans, kFirstAndLastWord, kFirstWord };
+// Undos of the earlier format (kSpans) store each sector's first and last words named instead of
+// its edges, whatever their spans, and no span crosses the end of the first or the start of the
+// last. Those of the formats before name the words the same way, with a code byte each instead of
+// its spans: 0 for a word stored, else the byte order that turns the word written back into the
+// one it replaced (0xFF the whole word reversed, else a nibble for bytes 0..3 (low) and one for
+// bytes 4..7 (high), each 0 kept, 1 reversed, 2 both byte pairs swapped, 3 the first pair only, 4
+// the second only); they store each sector's first and last word named, or its first only, and
+// in the latter tell no sector that holds part of a write.
+enum class UndoFormat { kSpansAndEdges, kSpans, kFirstAndLastWord, kFirstWord };
 inline constexpr std::uint32_t kSectorBytes = 512, kSectorWords = kSectorBytes / 8;
+inline constexpr std::size_t kEdgeBytes = 3;  // a sector's edges
 inline std::size_t UndoBitmapBytes(std::uint32_t blockSize) { return blockSize / 64; }
-inline std::size_t MaxUndoBytes(std::uint32_t blockSize) { return UndoBitmapBytes(blockSize) + blockSize / 8 * 9; }
+inline std::size_t MaxUndoBytes(std::uint32_t blockSize) {
+  return UndoBitmapBytes(blockSize) + blockSize / 8 * 9 + blockSize / kSectorBytes * kEdgeBytes;
+}
 // How hard the encoder looks: the words that no order within a word turns back are stored
 // (quick), or spans across words are looked for in them (smallest: where the run waits for the
 // disk, whose bytes cost more than the processor's time).
 enum class Effort { kQuick, kSmallest };
-// Writes the undo of the write of after over before to undo (MaxUndoBytes room); returns its size.
+// Writes the undo of the write of after over before to undo (MaxUndoBytes room), of the format
+// kSpansAndEdges; returns its size.
 std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo);
 // The same for a block written again in its group, whose sectors may each hold any of its writes:

@@ -121,17 +121,15 @@ void FindSectorSpans(const std::uint8_t* before, const std::uint8_t* after, Sect
   FindSectorSpansByteByByte(before, after, spans);
 }
 
-std::uint64_t FindSpansOfRuns(const SectorSpans& spans, std::uint64_t words, std::uint64_t alone, std::uint8_t* ends) {
+std::uint64_t FindSpansOfRuns(const SectorSpans& spans, std::uint64_t words, std::uint8_t* ends) {
   std::uint64_t failed = 0;
-  for (std::uint64_t part : {words & alone, words & ~alone})
-    while (part != 0) {
-      const auto from = static_cast<unsigned>(__builtin_ctzll(part));
-      const std::uint64_t rest = ~(part >> from);
-      const unsigned to = rest == 0 ? 64 : from + static_cast<unsigned>(__builtin_ctzll(rest));
-      const unsigned until = (alone >> from & 1) != 0 ? from + 1 : to;
-      FindSpans(spans, from, until, ends, failed);
-      part &= until == 64 ? 0 : ~std::uint64_t{0} << until;
-    }
+  while (words != 0) {
+    const auto from = static_cast<unsigned>(__builtin_ctzll(words));
+    const std::uint64_t rest = ~(words >> from);
+    const unsigned to = rest == 0 ? 64 : from + static_cast<unsigned>(__builtin_ctzll(rest));
+    FindSpans(spans, from, to, ends, failed);
+    words &= to == 64 ? 0 : ~std::uint64_t{0} << to;
+  }
   return failed;
 }
 

@@ -20,10 +20,10 @@ struct SectorSpans {
 // SectorSpans of the write of after over before (both at the sector's start).
 void FindSectorSpans(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans);
 
-// The spans of the runs of words of a sector (bit w for word w), each word of alone a run of its
-// own, and their ends (undo_codec.h), in ends by word: a span is the first that starts where the
-// one before ends, and must end within the run. Returns the words that no spans explain, whose
-// ends are then 0xFF, with those of the words before them whose spans reach into them.
-std::uint64_t FindSpansOfRuns(const SectorSpans& spans, std::uint64_t words, std::uint64_t alone, std::uint8_t* ends);
+// The spans of the runs of words of a sector (bit w for word w), and their ends (undo_codec.h), in
+// ends by word: a span is the first that starts where the one before ends, and must end within
+// the run. Returns the words that no spans explain, whose ends are then 0xFF, with those of the
+// words before them whose spans reach into them.
+std::uint64_t FindSpansOfRuns(const SectorSpans& spans, std::uint64_t words, std::uint8_t* ends);
 
 }  // namespace bt::journal
