@@ -14,19 +14,21 @@ namespace {
 
 // The kinds (block_undo.h).
 constexpr std::uint8_t kFirstWordDirect = 0, kFirstWordOverPlaintext = 1, kWordCodesDirect = 2,
-                       kWordCodesOverPlaintext = 3, kWordsDirect = 4, kOverPlaintext = 5, kDirect = 6;
+                       kWordCodesOverPlaintext = 3, kWordsDirect = 4, kWordsOverPlaintext = 5, kDirect = 6,
+                       kOverPlaintext = 7;
 constexpr std::size_t kTailBytes = 16;
 
 bool Direct(std::uint8_t kind) {
   return kind == kDirect || kind == kWordsDirect || kind == kWordCodesDirect || kind == kFirstWordDirect;
 }
 bool OverPlaintext(std::uint8_t kind) {
-  return kind == kOverPlaintext || kind == kWordCodesOverPlaintext || kind == kFirstWordOverPlaintext;
+  return kind == kOverPlaintext || kind == kWordsOverPlaintext || kind == kWordCodesOverPlaintext ||
+         kind == kFirstWordOverPlaintext;
 }
 bool LastStored(std::uint8_t kind) { return kind != kFirstWordDirect && kind != kFirstWordOverPlaintext; }
 UndoFormat FormatOf(std::uint8_t kind) {
-  return kind == kDirect                                ? UndoFormat::kSpansAndEdges
-         : kind == kWordsDirect || kind == kOverPlaintext ? UndoFormat::kSpans
+  return kind == kDirect ? UndoFormat::kSpansAndEdges
+         : kind == kWordsDirect || kind == kWordsOverPlaintext || kind == kOverPlaintext ? UndoFormat::kSpans
          : LastStored(kind)                         ? UndoFormat::kFirstAndLastWord
                                                     : UndoFormat::kFirstWord;
 }
@@ -46,8 +48,27 @@ std::uint8_t LastDiffering(const std::uint8_t* a, const std::uint8_t* b, std::ui
   return static_cast<std::uint8_t>(w);
 }
 
-// The bytes an undo over the plaintext gives sector s ahead of the turns.
+// The bytes an undo over the plaintext of the earlier kinds gives sector s ahead of the turns.
 std::size_t SectorEntryBytes(std::uint32_t s, bool lastStored) { return 9 + (lastStored ? 9 : 0) + (s != 0 ? kTailBytes : 0); }
+
+// An undo over the plaintext (kind 7) gives each sector written its edges: where its first and its
+// last differing bytes lie (2 bytes each) and each as it was.
+constexpr std::size_t kEdgesEntryBytes = 6;
+std::size_t EntryBytes(std::uint8_t kind, std::uint32_t s) {
+  return kind == kOverPlaintext ? kEdgesEntryBytes : SectorEntryBytes(s, LastStored(kind));
+}
+
+// Where in sector s of a and b their first and last differing bytes lie (there is one).
+unsigned FirstDifferingByte(const std::uint8_t* a, const std::uint8_t* b, std::uint32_t s) {
+  const unsigned w = FirstDiffering(a, b, s);
+  const std::uint64_t x = LoadLE64(a + kSectorBytes * s + 8 * w) ^ LoadLE64(b + kSectorBytes * s + 8 * w);
+  return 8 * w + static_cast<unsigned>(__builtin_ctzll(x)) / 8;
+}
+unsigned LastDifferingByte(const std::uint8_t* a, const std::uint8_t* b, std::uint32_t s) {
+  const unsigned w = LastDiffering(a, b, s);
+  const std::uint64_t x = LoadLE64(a + kSectorBytes * s + 8 * w) ^ LoadLE64(b + kSectorBytes * s + 8 * w);
+  return 8 * w + (63u - static_cast<unsigned>(__builtin_clzll(x))) / 8;
+}
 
 std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                                 std::uint32_t b, std::uint8_t* undo) {
@@ -63,14 +84,10 @@ std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* 
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     if (std::memcmp(before + kSectorBytes * s, after + kSectorBytes * s, kSectorBytes) == 0) continue;
     bits[s / 8] = static_cast<std::uint8_t>(bits[s / 8] | 1u << s % 8);
-    for (const std::uint8_t w : {FirstDiffering(before, after, s), LastDiffering(before, after, s)}) {
-      *at++ = w;
-      std::memcpy(at, before + kSectorBytes * s + 8 * w, 8);
-      at += 8;
-    }
-    if (s != 0) {
-      std::memcpy(at, after + kSectorBytes * s - kTailBytes, kTailBytes);
-      at += kTailBytes;
+    for (const unsigned i : {FirstDifferingByte(before, after, s), LastDifferingByte(before, after, s)}) {
+      StoreLE16(at, static_cast<std::uint16_t>(i));
+      at[2] = before[kSectorBytes * s + i];
+      at += 3;
     }
   }
   const std::size_t turns = EncodeTurns(plainBefore.data(), plainAfter.data(), blockSize, at);
@@ -79,19 +96,22 @@ std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* 
 
 // The part of an undo over the plaintext before its plaintext undo: its size, or 0 where it does
 // not fit in available bytes.
-std::size_t SectorPartSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, bool lastStored) {
+std::size_t SectorPartSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize) {
+  const std::uint8_t kind = undo[0];
   const std::size_t bitmap = SectorBitmapBytes(blockSize);
   if (available < 1 + bitmap) return 0;
   std::size_t size = 1 + bitmap;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s)
-    if (Bit(undo + 1, s)) size += SectorEntryBytes(s, lastStored);
+    if (Bit(undo + 1, s)) size += EntryBytes(kind, s);
   if (size > available) return 0;
-  // The word indexes lie within their sector.
+  // The word and byte indexes lie within their sector, the first edge not past the last.
   const std::uint8_t* at = undo + 1 + bitmap;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     if (!Bit(undo + 1, s)) continue;
-    if (at[0] >= kSectorWords || (lastStored && at[9] >= kSectorWords)) return 0;
-    at += SectorEntryBytes(s, lastStored);
+    if (kind == kOverPlaintext ? LoadLE16(at + 3) >= kSectorBytes || LoadLE16(at) > LoadLE16(at + 3)
+                               : at[0] >= kSectorWords || (LastStored(kind) && at[9] >= kSectorWords))
+      return 0;
+    at += EntryBytes(kind, s);
   }
   return size;
 }
@@ -145,6 +165,52 @@ Undone ApplyOverPlaintext(const std::uint8_t* undo, std::uint32_t blockSize, std
   return Undone::kPutBack;
 }
 
+// Kind 7. Each sector, in order, holds the block as it was or as written (its edges tell which),
+// and the other state follows from it by its turns; each state of a sector is encrypted from the
+// 16 bytes that end the sector before in the same state, so both are carried from sector to
+// sector, and a sector that holds the write is decrypted in the written state and encrypted
+// again in the other.
+Undone ApplyOverPlaintextByEdges(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b,
+                                 std::uint8_t* block) {
+  const std::uint8_t* bits = undo + 1;
+  const std::uint32_t sectors = blockSize / kSectorBytes;
+  bool written[kMaxBlockSize / kSectorBytes] = {};
+  const std::uint8_t* entry[kMaxBlockSize / kSectorBytes] = {};
+  const std::uint8_t* at = bits + SectorBitmapBytes(blockSize);
+  const auto differs = [&](std::uint32_t s, const std::uint8_t* edge) {
+    return block[kSectorBytes * s + LoadLE16(edge) % kSectorBytes] != edge[2];
+  };
+  std::uint32_t end = 0;  // past the last sector written
+  for (std::uint32_t s = 0; s < sectors; ++s) {
+    if (!Bit(bits, s)) continue;
+    entry[s] = at;
+    written[s] = differs(s, at);
+    if (differs(s, at + 3) != written[s]) return Undone::kTorn;
+    if (written[s]) end = s + 1;
+    at += kEdgesEntryBytes;
+  }
+  if (end == 0) return Undone::kAsItWas;
+  std::uint8_t was[16], now[16];  // the 16 bytes before the sector, as it was and as written
+  BlockIv(b, was);
+  std::memcpy(now, was, 16);
+  for (std::uint32_t s = 0; s < end; ++s) {
+    std::uint8_t* sector = block + kSectorBytes * s;
+    std::uint8_t plain[kSectorBytes], other[kSectorBytes], nextWas[16], nextNow[16];
+    std::memcpy(written[s] ? nextNow : nextWas, sector + kSectorBytes - 16, 16);
+    DecryptFrom(sector, plain, kSectorBytes, written[s] ? now : was);
+    ApplySectorTurns(at, blockSize, s, plain);
+    EncryptFrom(plain, written[s] ? sector : other, kSectorBytes, written[s] ? was : now);
+    std::memcpy(written[s] ? nextWas : nextNow, (written[s] ? sector : other) + kSectorBytes - 16, 16);
+    std::memcpy(was, nextWas, 16);
+    std::memcpy(now, nextNow, 16);
+  }
+  // Put back, a sector's edges are as they were: else the key, or a sector before it, was not as
+  // the undo has it.
+  for (std::uint32_t s = 0; s < end; ++s)
+    if (written[s] && (differs(s, entry[s]) || differs(s, entry[s] + 3))) return Undone::kTorn;
+  return Undone::kPutBack;
+}
+
 }  // namespace
 
 std::size_t MaxBlockUndoBytes(std::uint32_t blockSize) {
@@ -174,7 +240,7 @@ std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::
     return n == 0 ? 0 : 1 + n;
   }
   if (blockSize % kSectorBytes != 0) return 0;
-  const std::size_t part = SectorPartSize(undo, available, blockSize, LastStored(undo[0]));
+  const std::size_t part = SectorPartSize(undo, available, blockSize);
   if (part == 0) return 0;
   const std::size_t n = TurnsSize(undo + part, available - part, blockSize, FormatOf(undo[0]));
   return n == 0 ? 0 : part + n;
@@ -185,6 +251,7 @@ bool NeedsKey(const std::uint8_t* undo) { return !Direct(undo[0]); }
 Undone ApplyBlockUndo(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t b, std::uint8_t* block) {
   if (Direct(undo[0])) return ApplyUndo(undo + 1, blockSize, FormatOf(undo[0]), block);
   if (!databaseKeyLoaded) return Undone::kAsItWas;
+  if (undo[0] == kOverPlaintext) return ApplyOverPlaintextByEdges(undo, blockSize, b, block);
   return ApplyOverPlaintext(undo, blockSize, b, LastStored(undo[0]), block);
 }
 

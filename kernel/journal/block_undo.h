@@ -1,26 +1,30 @@
 // The undo of one block written, as a record holds it: a kind byte, then
 // - kind 6 (direct): the undo of the bytes written over the bytes they replace (undo_codec.h);
-// - kind 5 (over the plaintext), for a block of an encrypted database, which a write changes
+// - kind 7 (over the plaintext), for a block of an encrypted database, which a write changes
 //   almost whole, where the conversion only reversed fields of its plaintext: a bit per 512-byte
 //   sector (bit s % 8 of byte s / 8), set where the ciphertext written differs from the one it
-//   replaces; for each such sector, in order, the index of its first word that differs (a byte)
-//   and that word as it was (8 bytes), the same for its last word that differs, and, past sector
-//   0, the 16 bytes that end the sector before as written; then the turns of the block's
+//   replaces; for each such sector, in order, its edges: where its first differing byte lies (2
+//   bytes) and that byte as it was, the same for its last; then the turns of the block's
 //   plaintext (undo_codec.h);
-// - kind 4: the direct undo of the earlier format, which stores each sector's first and last
-//   words named;
-// - kinds 2 and 3: kinds 4 and 5 in the earlier format, whose undo and turns have codes of word
+// - kinds 4 and 5: kinds 6 and 7 of the earlier format: its direct undo stores each sector's first
+//   and last words named (undo_codec.h); its undo over the plaintext gives each sector written,
+//   instead of edges, the index of its first differing word (a byte) and that word as it was, the
+//   same for its last, and, past sector 0, the 16 bytes that end the sector before as written;
+// - kinds 2 and 3: kinds 4 and 5 in the format before, whose undo and turns have codes of word
 //   orders (undo_codec.h);
-// - kinds 0 and 1: the same in the format before, which stored each sector's first word only (a
-//   block written again in its group still takes kind 0: its undo stores every word).
+// - kinds 0 and 1: the same in the format before that, which stored each sector's first word only
+//   (a block written again in its group still takes kind 0: its undo stores every word).
 // A sector is written whole or not at all, or up to some byte, and its edges, or its first and last
 // differing words, tell which (where they tell apart, the sector holds part of the write, which
-// is told and not put back). A sector that holds the write is decrypted (from the 16 bytes before
-// it as written), its plaintext turned back, and encrypted again (from the 16 bytes before it as
-// they were): every sector is then as before the write. The recovery needs the key it asks for. The undo holds
-// ciphertext the disk held and where the plaintext's reversed fields begin and end, never a byte
-// of the plaintext: a block whose conversion changed its plaintext otherwise takes the direct
-// undo, of its ciphertext.
+// is told and not put back). Over the plaintext, the sectors are put back in order: a sector that
+// holds the write is decrypted from the 16 bytes before it as written, its plaintext turned back,
+// and encrypted again from the 16 bytes before it as they were; a sector that does not is
+// decrypted from those, and its plaintext turned and encrypted as written, only to give the
+// sector after it its 16 bytes as written (the earlier format kept them instead). Every sector is
+// then as before the write. The recovery needs the key it asks for. The undo holds ciphertext the
+// disk held and where the plaintext's reversed fields begin and end, never a byte of the
+// plaintext: a block whose conversion changed its plaintext otherwise takes the direct undo, of
+// its ciphertext.
 #pragma once
 
 #include <cstddef>

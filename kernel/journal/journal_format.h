@@ -45,8 +45,9 @@ namespace bt::journal {
 // reversed (kinds 4 and 5) instead of each word's order, so that a field across two words no
 // longer takes its words stored, nor an encrypted block its ciphertext whole. The undos of
 // earlier versions are read as they are. Version 9 lets a commit name the records before the last
-// too (a commit of an earlier version names one). Version 10 tells a sector's state in a direct
-// undo by its first and last changed bytes (kind 6) instead of storing its first and last words.
+// too (a commit of an earlier version names one). Version 10 tells a sector's state by its first
+// and last changed bytes instead of storing its first and last words (kinds 6 and 7), and an undo
+// over the plaintext no longer keeps the 16 bytes before each sector.
 inline constexpr std::uint32_t kVersion = 10, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;

@@ -548,6 +548,23 @@ std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint
   return bitmap + named;
 }
 
+namespace {
+
+// Turns the words of a sector named (named) back by their spans, whose ends begin at code;
+// returns where those of the next sector begin.
+const std::uint8_t* TurnSector(const std::uint8_t* code, std::uint64_t named, std::uint8_t* sector) {
+  if (named == 0) return code;
+  std::uint8_t endsOf[kSectorWords] = {};
+  for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) endsOf[__builtin_ctzll(rest)] = *code++;
+  std::uint8_t was[kSectorBytes];
+  std::memcpy(was, sector, kSectorBytes);
+  ReverseSpans(sector, named, endsOf, was);
+  std::memcpy(sector, was, kSectorBytes);
+  return code;
+}
+
+}  // namespace
+
 void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
   if (!OfSpans(format)) {
@@ -555,16 +572,14 @@ void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat fo
       if (Named(undo, word)) StoreLE64(block + 8 * word, Turn(LoadLE64(block + 8 * word), *code++));
     return;
   }
-  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
-    const std::uint64_t named = NamedInSector(undo, s);
-    if (named == 0) continue;
-    std::uint8_t endsOf[kSectorWords] = {};
-    for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) endsOf[__builtin_ctzll(rest)] = *code++;
-    std::uint8_t was[kSectorBytes];
-    std::memcpy(was, block + kSectorBytes * s, kSectorBytes);
-    ReverseSpans(block + kSectorBytes * s, named, endsOf, was);
-    std::memcpy(block + kSectorBytes * s, was, kSectorBytes);
-  }
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s)
+    code = TurnSector(code, NamedInSector(undo, s), block + kSectorBytes * s);
+}
+
+void ApplySectorTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s, std::uint8_t* sector) {
+  const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
+  for (std::uint32_t k = 0; k < s; ++k) code += static_cast<std::size_t>(__builtin_popcountll(NamedInSector(undo, k)));
+  TurnSector(code, NamedInSector(undo, s), sector);
 }
 
 }  // namespace bt::journal

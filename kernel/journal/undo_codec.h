@@ -71,5 +71,8 @@ std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, s
                         std::uint8_t* undo);
 std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format);
 void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block);
+// The same for sector s of the block alone (at sector), for turns of spans: a span never crosses a
+// sector, and turning a sector's spans again gives it back, so this turns a sector either way.
+void ApplySectorTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s, std::uint8_t* sector);
 
 }  // namespace bt::journal
