@@ -68,7 +68,8 @@ std::size_t NamedCount(const std::uint8_t* undo, std::uint32_t blockSize) {
 // The bitmap's bits of sector s: bit w for its word w.
 std::uint64_t NamedInSector(const std::uint8_t* undo, std::uint32_t s) { return LoadLE64(undo + 8 * s); }
 
-// The words of a sector whose bits are named that are stored whatever the write: the first and the last.
+// The words of a sector whose bits are named that an undo of the earlier format stores whatever the
+// write: the first and the last.
 std::uint64_t KeptInSector(std::uint64_t named) {
   return named == 0 ? 0 : (named & (~named + 1)) | std::uint64_t{1} << (63 - __builtin_clzll(named));
 }
