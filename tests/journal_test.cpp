@@ -450,6 +450,8 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
         std::reverse(converted.begin() + 8 * w, converted.begin() + 8 * w + 8);
       for (const auto& [at, length] : {std::pair{30u, 4u}, {2036u, 8u}, {2061u, 2u}})  // fields across words
         std::reverse(converted.begin() + at, converted.begin() + at + length);
+      // a field across two sectors, and a word changed otherwise: the turns leave their words
+      if (size == 8192) std::reverse(converted.begin() + 4092, converted.begin() + 4100);
       if (!reordered) converted[8 * 131 + 3] ^= 0x40;
       std::vector<std::uint8_t> before(size), after(size), undo(bt::journal::MaxBlockUndoBytes(size));
       bt::EncryptDataBlock(plain.data(), before.data(), b);
@@ -457,8 +459,8 @@ TEST(Journal, AnEncryptedBlocksUndoPutsItBackWithoutItsPlaintext) {
       const std::size_t n =
           bt::journal::EncodeBlockUndo(before.data(), after.data(), size, b, false, bt::journal::Effort::kSmallest, undo.data());
       undo.resize(n);
-      EXPECT_EQ(bt::journal::NeedsKey(undo.data()), reordered);
-      EXPECT_TRUE(!reordered || n < size / 16) << n;  // 6 bytes per sector, and the plaintext's turns
+      EXPECT_TRUE(bt::journal::NeedsKey(undo.data()));
+      EXPECT_LT(n, size / 16) << "6 bytes per sector, the plaintext's turns, and pieces of ciphertext for what they leave";
       EXPECT_EQ(std::search(undo.begin(), undo.end(), marker, marker + 8), undo.end());
       EXPECT_EQ(bt::journal::BlockUndoSize(undo.data(), n, size), n);
       EXPECT_EQ(bt::journal::BlockUndoSize(undo.data(), n - 1, size), 0u);

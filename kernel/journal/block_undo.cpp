@@ -1,6 +1,7 @@
 #include "block_undo.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 #include "block_cipher.h"
@@ -54,6 +55,29 @@ std::size_t SectorEntryBytes(std::uint32_t s, bool lastStored) { return 9 + (las
 // An undo over the plaintext (kind 7) gives each sector written its edges: where its first and its
 // last differing bytes lie (2 bytes each) and each as it was.
 constexpr std::size_t kEdgesEntryBytes = 6;
+
+// The words of the plaintext whose change no spans explain (unturned), by sector, and the 16-byte
+// pieces of the ciphertext that give them as they were: a word's own piece (its plaintext is that
+// piece decrypted, XORed with the piece before) and the piece before it.
+constexpr std::size_t kPieceBytes = 16;
+struct Unturned {
+  std::uint64_t inSector[kMaxBlockSize / kSectorBytes] = {};
+  bool Own(std::uint32_t p) const { return (inSector[p / 32] >> (2 * (p % 32)) & 3) != 0; }
+  bool Kept(std::uint32_t p) const { return Own(p) || (p + 1 < kMaxBlockSize / kPieceBytes && Own(p + 1)); }
+};
+Unturned UnturnedOf(const std::uint8_t* turns, std::uint32_t blockSize) {
+  Unturned u;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) u.inSector[s] = UnturnedInSector(turns, blockSize, s);
+  return u;
+}
+// The bytes kind 7 keeps past its turns: the 16 bytes that end each sector with words unturned
+// (but the last) as written, then the pieces, in order.
+std::size_t UnturnedBytes(const Unturned& u, std::uint32_t blockSize) {
+  std::size_t n = 0;
+  for (std::uint32_t s = 0; s + 1 < blockSize / kSectorBytes; ++s) n += u.inSector[s] != 0 ? kTailBytes : 0;
+  for (std::uint32_t p = 0; p < blockSize / kPieceBytes; ++p) n += u.Kept(p) ? kPieceBytes : 0;
+  return n;
+}
 std::size_t EntryBytes(std::uint8_t kind, std::uint32_t s) {
   return kind == kOverPlaintext ? kEdgesEntryBytes : SectorEntryBytes(s, LastStored(kind));
 }
@@ -90,8 +114,16 @@ std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* 
       at += 3;
     }
   }
-  const std::size_t turns = EncodeTurns(plainBefore.data(), plainAfter.data(), blockSize, at);
-  return turns == 0 ? 0 : static_cast<std::size_t>(at - undo) + turns;
+  const std::uint8_t* turns = at;
+  at += EncodeMarkedTurns(plainBefore.data(), plainAfter.data(), blockSize, at);
+  // The words the turns leave: the 16 bytes that end their sector as written, and the ciphertext
+  // that gives each as it was.
+  const Unturned unturned = UnturnedOf(turns, blockSize);
+  for (std::uint32_t s = 0; s + 1 < blockSize / kSectorBytes; ++s)
+    if (unturned.inSector[s] != 0) std::memcpy(at, after + kSectorBytes * (s + 1) - kTailBytes, kTailBytes), at += kTailBytes;
+  for (std::uint32_t p = 0; p < blockSize / kPieceBytes; ++p)
+    if (unturned.Kept(p)) std::memcpy(at, before + kPieceBytes * p, kPieceBytes), at += kPieceBytes;
+  return static_cast<std::size_t>(at - undo);
 }
 
 // The part of an undo over the plaintext before its plaintext undo: its size, or 0 where it does
@@ -190,17 +222,49 @@ Undone ApplyOverPlaintextByEdges(const std::uint8_t* undo, std::uint32_t blockSi
     at += kEdgesEntryBytes;
   }
   if (end == 0) return Undone::kAsItWas;
-  std::uint8_t was[16], now[16];  // the 16 bytes before the sector, as it was and as written
-  BlockIv(b, was);
-  std::memcpy(now, was, 16);
+  // The words the turns leave: where the 16 bytes that end their sector as written are, and the
+  // pieces of the ciphertext as it was.
+  const std::uint8_t* turns = at;
+  const Unturned unturned = UnturnedOf(turns, blockSize);
+  const std::uint8_t* kept = turns + TurnsSize(turns, SIZE_MAX, blockSize, UndoFormat::kSpans);
+  const std::uint8_t* tailOf[kMaxBlockSize / kSectorBytes] = {};
+  for (std::uint32_t s = 0; s + 1 < sectors; ++s)
+    if (unturned.inSector[s] != 0) tailOf[s] = kept, kept += kTailBytes;
+  thread_local std::array<const std::uint8_t*, kMaxBlockSize / kPieceBytes> pieceOf;
+  for (std::uint32_t p = 0; p < blockSize / kPieceBytes; ++p) {
+    pieceOf[p] = unturned.Kept(p) ? kept : nullptr;
+    if (pieceOf[p] != nullptr) kept += kPieceBytes;
+  }
+  std::uint8_t blockIv[16], was[16], now[16];  // the 16 bytes before the sector, as it was and as written
+  BlockIv(b, blockIv);
+  std::memcpy(was, blockIv, 16);
+  std::memcpy(now, blockIv, 16);
   for (std::uint32_t s = 0; s < end; ++s) {
     std::uint8_t* sector = block + kSectorBytes * s;
     std::uint8_t plain[kSectorBytes], other[kSectorBytes], nextWas[16], nextNow[16];
     std::memcpy(written[s] ? nextNow : nextWas, sector + kSectorBytes - 16, 16);
-    DecryptFrom(sector, plain, kSectorBytes, written[s] ? now : was);
-    ApplySectorTurns(at, blockSize, s, plain);
-    EncryptFrom(plain, written[s] ? sector : other, kSectorBytes, written[s] ? was : now);
-    std::memcpy(written[s] ? nextWas : nextNow, (written[s] ? sector : other) + kSectorBytes - 16, 16);
+    if (written[s] || unturned.inSector[s] == 0) {
+      DecryptFrom(sector, plain, kSectorBytes, written[s] ? now : was);
+      ApplySectorTurns(turns, blockSize, s, plain);
+    }
+    if (written[s]) {
+      // Each word unturned as it was: its piece decrypted, from the piece before it.
+      for (std::uint64_t rest = unturned.inSector[s]; rest != 0; rest &= rest - 1) {
+        const std::uint32_t word = kSectorWords * s + static_cast<std::uint32_t>(__builtin_ctzll(rest)), p = word / 2;
+        std::uint8_t piece[kPieceBytes];
+        DecryptFrom(pieceOf[p], piece, kPieceBytes, p == 0 ? blockIv : pieceOf[p - 1]);
+        std::memcpy(plain + 8 * (word % kSectorWords), piece + 8 * (word % 2), 8);
+      }
+      EncryptFrom(plain, sector, kSectorBytes, was);
+      std::memcpy(nextWas, sector + kSectorBytes - 16, 16);
+    } else if (unturned.inSector[s] != 0) {
+      // Its words unturned as written are not known: the 16 bytes that end it as written are kept.
+      if (tailOf[s] == nullptr) return Undone::kTorn;
+      std::memcpy(nextNow, tailOf[s], 16);
+    } else {
+      EncryptFrom(plain, other, kSectorBytes, now);
+      std::memcpy(nextNow, other + kSectorBytes - 16, 16);
+    }
     std::memcpy(was, nextWas, 16);
     std::memcpy(now, nextNow, 16);
   }
@@ -227,7 +291,7 @@ std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* afte
   // block the database keeps unencrypted (its label, its volume info blocks) takes.
   if (databaseEncrypted && databaseKeyLoaded && blockSize % 16 == 0) {
     const std::size_t size = EncodeOverPlaintext(before, after, blockSize, b, undo);
-    if (size != 0 && size <= blockSize / 4) return size;
+    if (size != 0 && size <= blockSize / 2) return size;
   }
   undo[0] = kDirect;
   return 1 + EncodeUndo(before, after, blockSize, effort, undo + 1);
@@ -243,7 +307,9 @@ std::size_t BlockUndoSize(const std::uint8_t* undo, std::size_t available, std::
   const std::size_t part = SectorPartSize(undo, available, blockSize);
   if (part == 0) return 0;
   const std::size_t n = TurnsSize(undo + part, available - part, blockSize, FormatOf(undo[0]));
-  return n == 0 ? 0 : part + n;
+  if (n == 0 || undo[0] != kOverPlaintext) return n == 0 ? 0 : part + n;
+  const std::size_t size = part + n + UnturnedBytes(UnturnedOf(undo + part, blockSize), blockSize);
+  return size <= available ? size : 0;
 }
 
 bool NeedsKey(const std::uint8_t* undo) { return !Direct(undo[0]); }

@@ -1,11 +1,13 @@
 // The undo of one block written, as a record holds it: a kind byte, then
 // - kind 6 (direct): the undo of the bytes written over the bytes they replace (undo_codec.h);
 // - kind 7 (over the plaintext), for a block of an encrypted database, which a write changes
-//   almost whole, where the conversion only reversed fields of its plaintext: a bit per 512-byte
-//   sector (bit s % 8 of byte s / 8), set where the ciphertext written differs from the one it
-//   replaces; for each such sector, in order, its edges: where its first differing byte lies (2
-//   bytes) and that byte as it was, the same for its last; then the turns of the block's
-//   plaintext (undo_codec.h);
+//   almost whole: a bit per 512-byte sector (bit s % 8 of byte s / 8), set where the ciphertext
+//   written differs from the one it replaces; for each such sector, in order, its edges: where
+//   its first differing byte lies (2 bytes) and that byte as it was, the same for its last; then
+//   the marked turns of the block's plaintext (undo_codec.h); then, for the words they leave (a
+//   field across two sectors, a word changed otherwise), the 16 bytes that end each sector with
+//   such words, but the last, as written, and the 16-byte pieces of the ciphertext as it was
+//   that hold such a word or come just before one, in order;
 // - kinds 4 and 5: kinds 6 and 7 of the earlier format: its direct undo stores each sector's first
 //   and last words named (undo_codec.h); its undo over the plaintext gives each sector written,
 //   instead of edges, the index of its first differing word (a byte) and that word as it was, the
@@ -20,11 +22,14 @@
 // holds the write is decrypted from the 16 bytes before it as written, its plaintext turned back,
 // and encrypted again from the 16 bytes before it as they were; a sector that does not is
 // decrypted from those, and its plaintext turned and encrypted as written, only to give the
-// sector after it its 16 bytes as written (the earlier format kept them instead). Every sector is
-// then as before the write. The recovery needs the key it asks for. The undo holds ciphertext the
-// disk held and where the plaintext's reversed fields begin and end, never a byte of the
-// plaintext: a block whose conversion changed its plaintext otherwise takes the direct undo, of
-// its ciphertext.
+// sector after it its 16 bytes as written (the earlier format kept them for every sector; kind 7
+// keeps them where the sector has words the turns leave, whose bytes as written it cannot know).
+// In a sector that holds the write, a word the turns leave is put back from its piece, decrypted
+// from the piece before it (or the block's IV). Every sector is then as before the write. The
+// recovery needs the key it asks for. The undo holds ciphertext the disk held and where the
+// plaintext's reversed fields begin and end, never a byte of the plaintext; it takes the direct
+// undo, of the ciphertext, where that is smaller (more than half the block over the plaintext:
+// the earlier kinds 5, 3 and 1 had no pieces and took it wherever a word changed otherwise).
 #pragma once
 
 #include <cstddef>

@@ -122,8 +122,10 @@ std::uint64_t SectorEndsWordByWord(const std::uint8_t* before, const std::uint8_
 
 // What becomes of the words named that no order within the word turns back: stored, their spans
 // looked for (those that none explain stored), or, in turns, their spans, which must explain
-// them all.
-enum class Unordered { kStored, kSpannedOrStored, kSpanned };
+// them all, or, in marked turns, their spans, those that none explain marked (0xFF) and not
+// stored. Only undos have edges.
+enum class Unordered { kStored, kSpannedOrStored, kSpanned, kMarked };
+bool WithEdges(Unordered unordered) { return unordered == Unordered::kStored || unordered == Unordered::kSpannedOrStored; }
 constexpr std::uint64_t kNotTurned = ~std::uint64_t{0};
 
 // The words of a sector stored, given each named word's ends from its order within the word, the
@@ -186,9 +188,10 @@ std::size_t EncodeWordByWord(const std::uint8_t* before, const std::uint8_t* aft
     SectorSpans spans;
     const bool spansFound = spanned != 0 && unordered != Unordered::kStored;
     if (spansFound) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    const std::uint64_t stored = SectorStored(unordered, spansFound ? &spans : nullptr, spanned, ends);
+    std::uint64_t stored = SectorStored(unordered, spansFound ? &spans : nullptr, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
-    if (unordered != Unordered::kSpanned && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
+    if (unordered == Unordered::kMarked) stored = 0;
+    if (WithEdges(unordered) && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
     for (std::uint64_t rest = named; rest != 0; rest &= rest - 1) {
       const auto w = static_cast<unsigned>(__builtin_ctzll(rest));
       *codes++ = ends[w];
@@ -292,7 +295,7 @@ BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std:
       undo[kLines * s + k] = _mm512_cmpneq_epi64_mask(was[k], now[k]);
     }
     const std::uint64_t named = NamedInSector(undo, s);
-    if (unordered != Unordered::kSpanned && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
+    if (WithEdges(unordered) && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
     if (unordered == Unordered::kStored) {
       for (std::uint32_t k = 0; k < kLines; ++k) {
         const __mmask8 changed = undo[kLines * s + k];
@@ -317,8 +320,9 @@ BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std:
     }
     SectorSpans spans;
     if (spanned != 0) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    const std::uint64_t stored = SectorStored(unordered, spanned != 0 ? &spans : nullptr, spanned, ends);
+    std::uint64_t stored = SectorStored(unordered, spanned != 0 ? &spans : nullptr, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
+    if (unordered == Unordered::kMarked) stored = 0;
     for (std::uint32_t k = 0; k < kLines; ++k) {
       const __mmask8 changed = undo[kLines * s + k];
       if (changed == 0) continue;
@@ -536,6 +540,20 @@ Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat f
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo) {
   return Encode(before, after, blockSize, Unordered::kSpanned, undo);
+}
+
+std::size_t EncodeMarkedTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                              std::uint8_t* undo) {
+  return Encode(before, after, blockSize, Unordered::kMarked, undo);
+}
+
+std::uint64_t UnturnedInSector(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s) {
+  const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
+  for (std::uint32_t k = 0; k < s; ++k) code += static_cast<std::size_t>(__builtin_popcountll(NamedInSector(undo, k)));
+  std::uint64_t unturned = 0;
+  for (std::uint64_t rest = NamedInSector(undo, s); rest != 0; rest &= rest - 1)
+    if (*code++ == kStoredWord) unturned |= rest & (~rest + 1);
+  return unturned;
 }
 
 std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format) {

@@ -69,6 +69,12 @@ Undone ApplyUndo(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat f
 // whatever it holds. Turns of the earlier formats have a code byte for each word instead (none 0).
 std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                         std::uint8_t* undo);
+// Marked turns: the same where spans explain every word that changed; each word they do not
+// explain is marked (0xFF, every byte its own span: turning leaves it as it is) and not stored.
+std::size_t EncodeMarkedTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                              std::uint8_t* undo);
+// The words of sector s that marked turns leave as they are (bit w for its word w).
+std::uint64_t UnturnedInSector(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s);
 std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format);
 void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block);
 // The same for sector s of the block alone (at sector), for turns of spans: a span never crosses a
