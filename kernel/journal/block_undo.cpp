@@ -64,6 +64,16 @@ struct Unturned {
   std::uint64_t inSector[kMaxBlockSize / kSectorBytes] = {};
   bool Own(std::uint32_t p) const { return (inSector[p / 32] >> (2 * (p % 32)) & 3) != 0; }
   bool Kept(std::uint32_t p) const { return Own(p) || (p + 1 < kMaxBlockSize / kPieceBytes && Own(p + 1)); }
+  // Calls f with each piece kept, in order (only the sectors with words unturned, or whose next
+  // sector's first piece has one, have any).
+  template <typename F>
+  void ForEachKept(std::uint32_t blockSize, F f) const {
+    constexpr std::uint32_t kSectorPieces = kSectorBytes / kPieceBytes;
+    for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s)
+      if (inSector[s] != 0 || (s + 1 < blockSize / kSectorBytes && (inSector[s + 1] & 3) != 0))
+        for (std::uint32_t p = kSectorPieces * s; p < kSectorPieces * (s + 1); ++p)
+          if (Kept(p)) f(p);
+  }
 };
 Unturned UnturnedOf(const std::uint8_t* turns, std::uint32_t blockSize) {
   Unturned u;
@@ -75,7 +85,7 @@ Unturned UnturnedOf(const std::uint8_t* turns, std::uint32_t blockSize) {
 std::size_t UnturnedBytes(const Unturned& u, std::uint32_t blockSize) {
   std::size_t n = 0;
   for (std::uint32_t s = 0; s + 1 < blockSize / kSectorBytes; ++s) n += u.inSector[s] != 0 ? kTailBytes : 0;
-  for (std::uint32_t p = 0; p < blockSize / kPieceBytes; ++p) n += u.Kept(p) ? kPieceBytes : 0;
+  u.ForEachKept(blockSize, [&](std::uint32_t) { n += kPieceBytes; });
   return n;
 }
 std::size_t EntryBytes(std::uint8_t kind, std::uint32_t s) {
@@ -94,8 +104,12 @@ unsigned LastDifferingByte(const std::uint8_t* a, const std::uint8_t* b, std::ui
   return 8 * w + (63u - static_cast<unsigned>(__builtin_clzll(x))) / 8;
 }
 
+// Over the plaintext, where the run waits for the disk (effort kSmallest), the words the spans do
+// not explain are marked and kept as pieces of ciphertext; where the processor is what the run
+// waits for, that is not looked for (0 where spans do not explain every word: the block then takes
+// the direct undo, a quick one).
 std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                                std::uint32_t b, std::uint8_t* undo) {
+                                std::uint32_t b, Effort effort, std::uint8_t* undo) {
   thread_local std::array<std::uint8_t, kMaxBlockSize> plainBefore, plainAfter;
   std::uint8_t iv[16];
   BlockIv(b, iv);
@@ -115,14 +129,19 @@ std::size_t EncodeOverPlaintext(const std::uint8_t* before, const std::uint8_t* 
     }
   }
   const std::uint8_t* turns = at;
-  at += EncodeMarkedTurns(plainBefore.data(), plainAfter.data(), blockSize, at);
+  const std::size_t turnsSize = effort == Effort::kQuick ? EncodeTurns(plainBefore.data(), plainAfter.data(), blockSize, at)
+                                                         : EncodeMarkedTurns(plainBefore.data(), plainAfter.data(), blockSize, at);
+  if (turnsSize == 0) return 0;
+  at += turnsSize;
   // The words the turns leave: the 16 bytes that end their sector as written, and the ciphertext
   // that gives each as it was.
   const Unturned unturned = UnturnedOf(turns, blockSize);
   for (std::uint32_t s = 0; s + 1 < blockSize / kSectorBytes; ++s)
     if (unturned.inSector[s] != 0) std::memcpy(at, after + kSectorBytes * (s + 1) - kTailBytes, kTailBytes), at += kTailBytes;
-  for (std::uint32_t p = 0; p < blockSize / kPieceBytes; ++p)
-    if (unturned.Kept(p)) std::memcpy(at, before + kPieceBytes * p, kPieceBytes), at += kPieceBytes;
+  unturned.ForEachKept(blockSize, [&](std::uint32_t p) {
+    std::memcpy(at, before + kPieceBytes * p, kPieceBytes);
+    at += kPieceBytes;
+  });
   return static_cast<std::size_t>(at - undo);
 }
 
@@ -231,10 +250,10 @@ Undone ApplyOverPlaintextByEdges(const std::uint8_t* undo, std::uint32_t blockSi
   for (std::uint32_t s = 0; s + 1 < sectors; ++s)
     if (unturned.inSector[s] != 0) tailOf[s] = kept, kept += kTailBytes;
   thread_local std::array<const std::uint8_t*, kMaxBlockSize / kPieceBytes> pieceOf;
-  for (std::uint32_t p = 0; p < blockSize / kPieceBytes; ++p) {
-    pieceOf[p] = unturned.Kept(p) ? kept : nullptr;
-    if (pieceOf[p] != nullptr) kept += kPieceBytes;
-  }
+  unturned.ForEachKept(blockSize, [&](std::uint32_t p) {
+    pieceOf[p] = kept;
+    kept += kPieceBytes;
+  });
   std::uint8_t blockIv[16], was[16], now[16];  // the 16 bytes before the sector, as it was and as written
   BlockIv(b, blockIv);
   std::memcpy(was, blockIv, 16);
@@ -290,7 +309,7 @@ std::size_t EncodeBlockUndo(const std::uint8_t* before, const std::uint8_t* afte
   // Over the plaintext where that holds no plaintext and is smaller than the direct undo, which a
   // block the database keeps unencrypted (its label, its volume info blocks) takes.
   if (databaseEncrypted && databaseKeyLoaded && blockSize % 16 == 0) {
-    const std::size_t size = EncodeOverPlaintext(before, after, blockSize, b, undo);
+    const std::size_t size = EncodeOverPlaintext(before, after, blockSize, b, effort, undo);
     if (size != 0 && size <= blockSize / 2) return size;
   }
   undo[0] = kDirect;

@@ -28,8 +28,9 @@
 // from the piece before it (or the block's IV). Every sector is then as before the write. The
 // recovery needs the key it asks for. The undo holds ciphertext the disk held and where the
 // plaintext's reversed fields begin and end, never a byte of the plaintext; it takes the direct
-// undo, of the ciphertext, where that is smaller (more than half the block over the plaintext:
-// the earlier kinds 5, 3 and 1 had no pieces and took it wherever a word changed otherwise).
+// undo, of the ciphertext, where that is smaller (more than half the block over the plaintext),
+// and where the words the turns leave are not looked for (effort kQuick); the earlier kinds 5, 3
+// and 1 had no pieces and took it wherever a word changed otherwise.
 #pragma once
 
 #include <cstddef>
