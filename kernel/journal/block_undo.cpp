@@ -77,7 +77,7 @@ struct Unturned {
 };
 Unturned UnturnedOf(const std::uint8_t* turns, std::uint32_t blockSize) {
   Unturned u;
-  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) u.inSector[s] = UnturnedInSector(turns, blockSize, s);
+  WalkSectorTurns(turns, blockSize, nullptr, u.inSector);
   return u;
 }
 // The bytes kind 7 keeps past its turns: the 16 bytes that end each sector with words unturned
@@ -244,7 +244,9 @@ Undone ApplyOverPlaintextByEdges(const std::uint8_t* undo, std::uint32_t blockSi
   // The words the turns leave: where the 16 bytes that end their sector as written are, and the
   // pieces of the ciphertext as it was.
   const std::uint8_t* turns = at;
-  const Unturned unturned = UnturnedOf(turns, blockSize);
+  Unturned unturned;
+  const std::uint8_t* codesOf[kMaxBlockSize / kSectorBytes];
+  WalkSectorTurns(turns, blockSize, codesOf, unturned.inSector);
   const std::uint8_t* kept = turns + TurnsSize(turns, SIZE_MAX, blockSize, UndoFormat::kSpans);
   const std::uint8_t* tailOf[kMaxBlockSize / kSectorBytes] = {};
   for (std::uint32_t s = 0; s + 1 < sectors; ++s)
@@ -264,7 +266,7 @@ Undone ApplyOverPlaintextByEdges(const std::uint8_t* undo, std::uint32_t blockSi
     std::memcpy(written[s] ? nextNow : nextWas, sector + kSectorBytes - 16, 16);
     if (written[s] || unturned.inSector[s] == 0) {
       DecryptFrom(sector, plain, kSectorBytes, written[s] ? now : was);
-      ApplySectorTurns(turns, blockSize, s, plain);
+      ApplySectorTurns(turns, codesOf[s], s, plain);
     }
     if (written[s]) {
       // Each word unturned as it was: its piece decrypted, from the piece before it.

@@ -547,13 +547,16 @@ std::size_t EncodeMarkedTurns(const std::uint8_t* before, const std::uint8_t* af
   return Encode(before, after, blockSize, Unordered::kMarked, undo);
 }
 
-std::uint64_t UnturnedInSector(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s) {
+void WalkSectorTurns(const std::uint8_t* undo, std::uint32_t blockSize, const std::uint8_t** codes,
+                     std::uint64_t* unturned) {
   const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
-  for (std::uint32_t k = 0; k < s; ++k) code += static_cast<std::size_t>(__builtin_popcountll(NamedInSector(undo, k)));
-  std::uint64_t unturned = 0;
-  for (std::uint64_t rest = NamedInSector(undo, s); rest != 0; rest &= rest - 1)
-    if (*code++ == kStoredWord) unturned |= rest & (~rest + 1);
-  return unturned;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    if (codes != nullptr) codes[s] = code;
+    std::uint64_t left = 0;
+    for (std::uint64_t rest = NamedInSector(undo, s); rest != 0; rest &= rest - 1)
+      if (*code++ == kStoredWord) left |= rest & (~rest + 1);
+    if (unturned != nullptr) unturned[s] = left;
+  }
 }
 
 std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format) {
@@ -595,10 +598,8 @@ void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat fo
     code = TurnSector(code, NamedInSector(undo, s), block + kSectorBytes * s);
 }
 
-void ApplySectorTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s, std::uint8_t* sector) {
-  const std::uint8_t* code = undo + UndoBitmapBytes(blockSize);
-  for (std::uint32_t k = 0; k < s; ++k) code += static_cast<std::size_t>(__builtin_popcountll(NamedInSector(undo, k)));
-  TurnSector(code, NamedInSector(undo, s), sector);
+void ApplySectorTurns(const std::uint8_t* undo, const std::uint8_t* codes, std::uint32_t s, std::uint8_t* sector) {
+  TurnSector(codes, NamedInSector(undo, s), sector);
 }
 
 }  // namespace bt::journal

@@ -73,12 +73,16 @@ std::size_t EncodeTurns(const std::uint8_t* before, const std::uint8_t* after, s
 // explain is marked (0xFF, every byte its own span: turning leaves it as it is) and not stored.
 std::size_t EncodeMarkedTurns(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
                               std::uint8_t* undo);
-// The words of sector s that marked turns leave as they are (bit w for its word w).
-std::uint64_t UnturnedInSector(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s);
+// Of each sector s of the block, in one walk over the turns: where the span ends of its words
+// begin (codes[s]), and the words that marked turns leave as they are (unturned[s], bit w for its
+// word w). Either may be null.
+void WalkSectorTurns(const std::uint8_t* undo, std::uint32_t blockSize, const std::uint8_t** codes,
+                     std::uint64_t* unturned);
 std::size_t TurnsSize(const std::uint8_t* undo, std::size_t available, std::uint32_t blockSize, UndoFormat format);
 void ApplyTurns(const std::uint8_t* undo, std::uint32_t blockSize, UndoFormat format, std::uint8_t* block);
-// The same for sector s of the block alone (at sector), for turns of spans: a span never crosses a
-// sector, and turning a sector's spans again gives it back, so this turns a sector either way.
-void ApplySectorTurns(const std::uint8_t* undo, std::uint32_t blockSize, std::uint32_t s, std::uint8_t* sector);
+// The same for sector s of the block alone (at sector), for turns of spans, whose span ends begin
+// at codes (WalkSectorTurns): a span never crosses a sector, and turning a sector's spans again
+// gives it back, so this turns a sector either way.
+void ApplySectorTurns(const std::uint8_t* undo, const std::uint8_t* codes, std::uint32_t s, std::uint8_t* sector);
 
 }  // namespace bt::journal
