@@ -6,6 +6,7 @@
 #include "map_block.h"
 #include "messages.h"
 #include "database.h"
+#include "read_ahead.h"
 #include "store.h"
 #include "volume_io.h"
 
@@ -124,6 +125,7 @@ void BeginVolumeBatch(const Maps& maps, std::uint32_t first, std::uint32_t last,
   batch.slots = SlotCount();
   batch.windowFirst = batch.windowEnd = batch.pendingFirst = batch.next = from;
   TheStore().BeginInTurn(writeFile, Position(from));
+  StartReadAhead(readFile, Position(std::uint64_t{last} + 1), Position(from));
   HoldOutput(true);
   SetOutputMark(from);
 }
@@ -132,6 +134,7 @@ Bytes FetchBlock(std::uint32_t b) {
   if (b >= batch.windowFirst && b < batch.windowEnd) return Bytes(Slot(b), blockSize);
   WritePendingBlocks();  // their slots are about to be filled again
   TheStore().BeforeRead(b);
+  ReadAheadOf(Position(b));
   batch.windowFirst = batch.windowEnd = b;
   // A store that writes nothing lets the batch read through free blocks, in longer reads; where
   // such a read fails, it reads as the conversion does.
@@ -179,6 +182,7 @@ void WritePendingBlocks() {
 }
 
 void EndVolumeBatch() {
+  StopReadAhead();
   WritePendingBlocks();
   TheStore().EndVolume(batch.last + 1);
   HoldOutput(false);

@@ -3,6 +3,7 @@
 #include "block_batch.h"
 #include "compression.h"
 #include "database.h"
+#include "read_ahead.h"
 
 namespace bt {
 
@@ -30,6 +31,7 @@ Reach FilesOfThePass::Write(std::uint32_t b, const std::uint8_t* bytes, const ch
 Pass::Pass() { compression::ForgetLoadFailures(); }
 
 Pass::~Pass() {
+  if (read != platform::kInvalidFile) StopReadAhead();  // a run that ended part way through a volume
   platform::Close(read);
   platform::Close(write);
 }

@@ -152,6 +152,15 @@ void StartWriteBack(File file, std::uint64_t position, std::uint64_t size) {
 #endif
 }
 
+void WillRead(File file, std::uint64_t position, std::uint64_t size) {
+  (void)::posix_fadvise(static_cast<int>(file), Offset(position), Offset(size), POSIX_FADV_WILLNEED);
+}
+
+std::uint64_t MemoryBytes() {
+  const long pages = ::sysconf(_SC_PHYS_PAGES), page = ::sysconf(_SC_PAGESIZE);
+  return pages > 0 && page > 0 ? static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(page) : 0;
+}
+
 std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
 std::uint32_t TestCheckSlots() { return faults::CheckSlots(); }
 std::uint32_t TestGroupBytes() { return faults::GroupBytes(); }

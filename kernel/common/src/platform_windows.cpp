@@ -144,6 +144,14 @@ bool Sync(File file) { return !Injected(faults::BeforeSync(file)) && FlushFileBu
 
 // The system's lazy writer already writes a file back while it is being written.
 void StartWriteBack(File, std::uint64_t, std::uint64_t) {}
+// The system reads ahead of a file read in order by itself; there is no call to ask it for a range.
+void WillRead(File, std::uint64_t, std::uint64_t) {}
+
+std::uint64_t MemoryBytes() {
+  MEMORYSTATUSEX status{};
+  status.dwLength = sizeof status;
+  return GlobalMemoryStatusEx(&status) ? status.ullTotalPhys : 0;
+}
 
 std::uint32_t TestBatchBlocks() { return faults::BatchBlocks(); }
 std::uint32_t TestCheckSlots() { return faults::CheckSlots(); }
