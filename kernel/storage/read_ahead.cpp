@@ -22,7 +22,7 @@ std::uint64_t AheadBytes() {
 }
 
 // Under lock: the file, how far it is asked for (next) and where the run reads. The thread sleeps
-// once it is a GiB ahead, and the run wakes it once a step more is wanted. Never destroyed: the
+// once it is far enough ahead, and the run wakes it once a step more is wanted. Never destroyed: the
 // thread waits on it until the process ends.
 struct Ahead {
   std::mutex lock;
