@@ -847,6 +847,43 @@ TEST(Journal, ACutDuringTheRecoveryIsFinishedByTheNext) {
   }
 }
 
+// Recoveries interrupted one after another, each before it finishes what the one before it began:
+// killed (what it did not flush stays in the page cache) and then power-cut, which loses what the
+// killed ones did not flush. Each recovery's put-back stands for the blocks of the records before
+// it; the blocks that needed no change are those an earlier recovery put back, and the next one
+// must still find them as this one did.
+TEST(Journal, RecoveriesInterruptedOneAfterAnotherAreFinishedByTheNext) {
+  std::mt19937_64 rng(11);
+  for (const auto& [name, p] : EveryKind()) {
+    if (name != "plain" && name != "volume set") continue;
+    SCOPED_TRACE(name);
+    Scratch s;
+    const Case c = Prepare(s, p);
+    const std::string chain = kSmallGroups + "BYTETURN_PAGECACHE='" + Shown(c.ledger) + "' ";
+    Reset(c);
+    const std::uint64_t operations = OperationsOf(Convert(c, UnderTest().faultsExe, chain + "BYTETURN_POWERCUT=1000000"));
+    ASSERT_GT(operations, 40u);
+    for (int round = 0; round < (SlowStage() ? 2 : 16); ++round) {
+      Reset(c);
+      const std::uint64_t n = operations / 8 + rng() % (operations * 3 / 4);
+      ASSERT_EQ(Convert(c, UnderTest().faultsExe, chain + "BYTETURN_POWERCUT=" + std::to_string(n) + ":1").status, 99);
+      std::string trace = "run cut at " + std::to_string(n) + " of " + std::to_string(operations) + ", recoveries";
+      // Three killed, at their put-back's commit or past it, then one power-cut there.
+      for (int k = 0; k < 4; ++k) {
+        const std::uint64_t m = 12 + rng() % 150;
+        trace += (k == 3 ? " cut at " : " killed at ") + std::to_string(m);
+        const RunResult r =
+            Recover(c, chain + "BYTETURN_POWERCUT=" + std::to_string(m) + ":" + std::to_string(k + 1) + (k == 3 ? "" : ":kill"));
+        ASSERT_TRUE(r.status == 98 || r.status == 99 || r.status == 0) << trace << "\n" << r.out << r.err;
+        if (r.status == 0) break;
+      }
+      SCOPED_TRACE(trace);
+      FinishAndExpectTwin(c);
+      if (HasFailure()) return;
+    }
+  }
+}
+
 // A run killed at each of its flushes leaves what it did not flush in the page cache, where the
 // recovery finds it; the recovery is power-cut at each of its first operations, which loses, keeps
 // or tears the killed run's unflushed writes as well as its own; the next recovery finishes the

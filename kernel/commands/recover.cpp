@@ -178,16 +178,19 @@ void CheckContentsOrRefuse(const journal::Found& found, const std::string& path,
 // put back from a copy taken while the run went on (its blocks read in turn, some before the run
 // reached them, one maybe as a write was half made) holds blocks or parts of blocks as they were
 // before the run, which the sample may miss. Left out: the writes of the records in effect (put
-// back), and the blocks of the groups flushed before the last commit, whose entries were written
-// with it and may be lost with it where the power went (the last record names them, checked whole). A volume that is
-// another's file too is left to the checks of links: its blocks are written through both names.
+// back), and the blocks their records name as landed: those of the groups flushed before the last
+// commit, whose entries were written with it and may be lost with it where the power went (the
+// last record names them, checked whole), and those a recovery's put-back left, whose entries
+// settle with the first group after it. A volume that is another's file too is left to the checks
+// of links: its blocks are written through both names.
 void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File journalFile, const std::string& path,
                                 const std::vector<std::uint32_t>& keys, const std::string& caution) {
   const journal::Header& h = found.header;
   if (found.commit.number == 0 || h.tableBlocks == 0) return;
   const std::uint32_t size = found.Latest().blockSize;
   std::vector<std::uint64_t> written = WrittenByOpenRecords(found, keys);
-  for (const journal::Check& c : found.Latest().landed) written.push_back(BlockKey(c.volume, c.position / size));
+  for (const journal::Record& r : found.records)
+    for (const journal::Check& c : r.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
   std::sort(written.begin(), written.end());
   constexpr std::uint32_t kRun = 128;
   std::vector<std::uint8_t> entries(2 * kRun), blocks(std::size_t{kRun} * size);
@@ -348,6 +351,14 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
     // anything is written, not where the run comes to it.
     const platform::File file = platform::OpenReadWrite(path);
     if (file == platform::kInvalidFile) Refuse("cannot open " + path + ". " + ErrorText() + " Nothing was changed.");
+    // Flushed before it is read: a killed run or recovery may have left writes in the system's
+    // cache, which the checks and the put-back read as the disk's, and a power cut must not take
+    // them back once the put-back relies on them.
+    platform::ClearLastError();
+    if (!platform::Sync(file)) {
+      platform::Close(file);
+      Refuse("cannot flush " + path + ". " + ErrorText() + " Nothing was changed.");
+    }
     identities.push_back(platform::IdentityOf(file));
     // A further volume holds as many bytes as when the run began (one that is the main file bears
     // its mark, and is the main file's to check).
@@ -433,8 +444,9 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
 
 // The blocks of the records in effect as their undos put them back, the latest record's first:
 // those that change, and each block's first 512 bytes as it leaves them (for the journal's next
-// record). A block that still holds what it held is left alone: the write that failed on a bad
-// place of the disk is not tried again here, but where the run meets it, with the run's own
+// record), with the blocks those records name as landed. A block that still holds what it held is
+// left alone, its entry in the table of written blocks taken as it is: the write that failed on a
+// bad place of the disk is not tried again here, but where the run meets it, with the run's own
 // message.
 struct PutBacks {
   struct Block {
@@ -444,6 +456,7 @@ struct PutBacks {
   };
   std::vector<Block> blocks;
   std::vector<journal::Check> landed;
+  std::vector<KeptBlock> kept;  // the blocks of landed left as the disk holds them
 };
 PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path) {
   PutBacks out;
@@ -457,6 +470,7 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
   struct Left {
     std::uint32_t volume;
     std::uint64_t position, sum;
+    std::uint16_t fingerprint;
     std::vector<std::uint8_t> bytes;  // none: as the disk holds it
   };
   std::map<std::uint64_t, Left> done;
@@ -488,7 +502,8 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
         // A block the record writes again is put back by its later undo, whatever this one found.
         if (undone == journal::Undone::kTorn) torn.try_emplace(key, e.volume, position);
         else torn.erase(key);
-        Left left{e.volume, position, journal::ChecksumOf(current.data(), journal::kCheckedBytes), {}};
+        Left left{e.volume, position, journal::ChecksumOf(current.data(), journal::kCheckedBytes),
+                  journal::Fingerprint(current.data(), blockBytes), {}};
         if (undone == journal::Undone::kPutBack || (later != done.end() && !later->second.bytes.empty()))
           left.bytes = current;
         now[key] = std::move(left);
@@ -497,11 +512,33 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
     if (!torn.empty()) RefuseTornBlock(found, path, torn.begin()->second.first, torn.begin()->second.second);
     for (auto& [key, left] : now) done[key] = std::move(left);
   }
+  // The blocks the records name as landed go on into the next record as the disk holds them: the
+  // table may give another write of them than the disk holds (lost with the commit that wrote
+  // their entries, or undone by an earlier recovery's put-back), which the next recovery must
+  // leave out of its check as this one did.
+  for (const journal::Record& r : found.records)
+    for (const journal::Check& c : r.head.landed) {
+      if (c.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
+      const std::uint64_t key = BlockKey(keys[c.volume], c.position / blockBytes);
+      if (done.contains(key)) continue;
+      platform::File& file = files[c.volume];
+      if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(c.volume));
+      if (file == platform::kInvalidFile)
+        Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(c.volume), ErrorText());
+      if (!ReadThrough(file, c.position, current.data(), blockBytes))
+        Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(c.volume),
+             static_cast<unsigned long long>(c.position), ErrorText());
+      done[key] = Left{c.volume, c.position, journal::ChecksumOf(current.data(), journal::kCheckedBytes),
+                       journal::Fingerprint(current.data(), blockBytes), {}};
+    }
   for (const platform::File file : files) platform::Close(file);
   for (auto& [key, left] : done) {
     out.landed.push_back({keys[left.volume], left.position, 0, left.sum});
-    if (!left.bytes.empty())
-      out.blocks.push_back({left.volume, BlockAt(left.volume, left.position, blockBytes), left.position, std::move(left.bytes)});
+    const std::uint32_t b = BlockAt(left.volume, left.position, blockBytes);
+    if (left.bytes.empty())
+      out.kept.push_back({b, left.fingerprint});
+    else
+      out.blocks.push_back({left.volume, b, left.position, std::move(left.bytes)});
   }
   return out;
 }
@@ -511,7 +548,7 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
 // part way inside a sector, is finished by the next one from that record, whatever the disk then
 // holds. Each block's bytes are let go once held.
 void PutBack(PutBacks& p) {
-  NoteResumedBlocks(p.landed);
+  NoteResumedBlocks(p.landed, p.kept);
   for (PutBacks::Block& b : p.blocks) {
     HoldPutBack(b.volume, b.position, b.bytes.data(), b.block);
     std::vector<std::uint8_t>().swap(b.bytes);

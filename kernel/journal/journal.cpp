@@ -136,9 +136,10 @@ void ContinueJournal(const JournalResume& resume) {
     if (c.volume < j.tails.size()) j.tails[c.volume] = Journal::Tail{true, false, c, 0};
 }
 
-void NoteResumedBlocks(const std::vector<journal::Check>& landed) {
+void NoteResumedBlocks(const std::vector<journal::Check>& landed, const std::vector<KeptBlock>& kept) {
   StampResumedGroup();
   j.landed = landed;
+  for (const KeptBlock& k : kept) j.kept.push_back({k.block, k.fingerprint, TableEntry::kKept});
   // What the put-back left is what the disk holds now.
   for (const journal::Check& c : landed) {
     const std::uint64_t key = BlockKey(j.fileKey[c.volume], c.position / blockSize);

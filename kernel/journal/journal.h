@@ -72,7 +72,13 @@ std::string RecoverLine(const JournalFound& found, const std::string& fileName);
 void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps);
 // Continues the journal of an interrupted run, opened by the recovery, from the record in effect;
 // the main file is marked (again) before anything is written. NoteResumedBlocks: the blocks the
-// recovery's put-back left (as Check with after), which the next record names as landed.
+// recovery's put-back left (as Check with after), which the next record names as landed, and of
+// those it left as the disk holds them, their entries for the table of written blocks (which may
+// still give a write an earlier put-back undid), which the first group committed after it settles.
+struct KeptBlock {
+  std::uint32_t block;  // numbered as the table numbers blocks
+  std::uint16_t fingerprint;
+};
 struct JournalResume {
   platform::File file;
   std::string path;
@@ -81,7 +87,7 @@ struct JournalResume {
   const Maps* maps;
 };
 void ContinueJournal(const JournalResume& resume);
-void NoteResumedBlocks(const std::vector<journal::Check>& landed);
+void NoteResumedBlocks(const std::vector<journal::Check>& landed, const std::vector<KeptBlock>& kept);
 // Whether a block of that key is in the sample at modulus (the label block always is).
 bool Sampled(std::uint64_t key, std::uint64_t modulus);
 bool JournalHoldsWrites();

@@ -189,6 +189,12 @@ void Commit() {
   f.flushing = {};
   f.head = std::move(headBytes);
   Landed(j.group, f.landed, f.table);
+  // The blocks the recovery's put-back left as they were: their table entries settle with this
+  // group, but for those it writes itself.
+  for (const TableEntry& e : j.kept)
+    if (std::none_of(f.table.begin(), f.table.end(), [&](const TableEntry& t) { return t.block == e.block; }))
+      f.table.push_back(e);
+  j.kept.clear();
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;

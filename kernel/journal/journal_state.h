@@ -61,7 +61,8 @@ struct Outcome {
 struct TableEntry {
   std::uint32_t block;
   std::uint16_t fingerprint;  // taken by the writer, from the group's arena at offset
-  std::size_t offset;
+  std::size_t offset;         // kKept: a block the recovery's put-back left, its fingerprint known
+  static constexpr std::size_t kKept = SIZE_MAX;
 };
 
 // A group committed, on its way through two threads while the run gathers the next group. Where
@@ -154,6 +155,7 @@ struct Journal {
   // What the next record names of the blocks written: those the recovery's put-back left, and the
   // sample, by block key.
   std::vector<journal::Check> landed;
+  std::vector<TableEntry> kept;  // the put-back's blocks left as they were, for the next group's table entries
   std::unordered_map<std::uint64_t, journal::Check> sample;
   std::uint64_t sampleModulus = 1;
   // By volume: the block written at the highest position so far, which every record's sample

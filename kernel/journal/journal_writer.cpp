@@ -152,7 +152,9 @@ bool ApplyWrites(Flight& f) {
 // and so does a piece that cannot be read: its entries are then only not checked).
 bool WriteTable(Outcome& outcome, std::vector<TableEntry>& due) {
   std::erase_if(due, [](const TableEntry& e) { return e.block >= j.header.tableBlocks; });
-  std::sort(due.begin(), due.end(), [](const TableEntry& a, const TableEntry& b) { return a.block < b.block; });
+  // In the groups' order within a block: a block the recovery's put-back left, then wrote again
+  // in a group settled with it, takes that group's entry.
+  std::stable_sort(due.begin(), due.end(), [](const TableEntry& a, const TableEntry& b) { return a.block < b.block; });
   constexpr std::uint32_t kGap = 2048;  // entries closer than this share a piece
   std::vector<std::uint8_t>& piece = state.tablePiece;
   for (std::size_t i = 0, end = 0; i < due.size(); i = end) {
@@ -251,7 +253,8 @@ void WriteFlight(Flight& f) {
     if (f.outcome.stop != Stop::kNone) return;
   }
   if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
-  for (TableEntry& e : f.table) e.fingerprint = journal::Fingerprint(f.group.arena.data() + e.offset, blockSize);
+  for (TableEntry& e : f.table)
+    if (e.offset != TableEntry::kKept) e.fingerprint = journal::Fingerprint(f.group.arena.data() + e.offset, blockSize);
 }
 
 // The oldest flight in stage, under the handover's lock; nullptr where there is none.
