@@ -863,7 +863,7 @@ TEST(Journal, RecoveriesInterruptedOneAfterAnotherAreFinishedByTheNext) {
     Reset(c);
     const std::uint64_t operations = OperationsOf(Convert(c, UnderTest().faultsExe, chain + "BYTETURN_POWERCUT=1000000"));
     ASSERT_GT(operations, 40u);
-    for (int round = 0; round < (SlowStage() ? 2 : 16); ++round) {
+    for (int round = 0; round < (SlowStage() ? 1 : 16); ++round) {
       Reset(c);
       const std::uint64_t n = operations / 8 + rng() % (operations * 3 / 4);
       ASSERT_EQ(Convert(c, UnderTest().faultsExe, chain + "BYTETURN_POWERCUT=" + std::to_string(n) + ":1").status, 99);
