@@ -475,28 +475,33 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
   };
   std::map<std::uint64_t, Left> done;
   std::vector<std::uint8_t> current(blockBytes);
+  // Reads the block at position of volume into current; a file that cannot be opened or read ends
+  // the recovery with the system's reason.
+  const auto readBlock = [&](std::uint32_t volume, std::uint64_t position) {
+    platform::File& file = files[volume];
+    if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(volume));
+    if (file == platform::kInvalidFile)
+      Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(volume), ErrorText());
+    if (!ReadThrough(file, position, current.data(), blockBytes))
+      Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(volume),
+           static_cast<unsigned long long>(position), ErrorText());
+  };
   for (const journal::Record& r : found.records) {
     std::map<std::uint64_t, Left> now;
     std::map<std::uint64_t, std::pair<std::uint32_t, std::uint64_t>> torn;  // by key: volume, position
     std::size_t at = r.undoOffset;
     for (const journal::Entry& e : r.head.entries) {
       if (e.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
-      platform::File& file = files[e.volume];
-      if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(e.volume));
-      if (file == platform::kInvalidFile)
-        Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(e.volume), ErrorText());
       for (std::uint32_t k = 0; k < e.blocks; ++k) {
         const std::uint64_t position = e.position + std::uint64_t{k} * blockBytes;
         const std::uint8_t* undo = r.bytes.data() + at;
         at += journal::BlockUndoSize(undo, r.bytes.size() - at, blockBytes);
         const std::uint64_t key = BlockKey(keys[e.volume], position / blockBytes);
         const auto later = done.find(key);
-        if (later != done.end() && !later->second.bytes.empty()) {
+        if (later != done.end() && !later->second.bytes.empty())
           current = later->second.bytes;
-        } else if (!ReadThrough(file, position, current.data(), blockBytes)) {
-          Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(e.volume),
-               static_cast<unsigned long long>(position), ErrorText());
-        }
+        else
+          readBlock(e.volume, position);
         const std::uint32_t b = BlockAt(e.volume, position, blockBytes);
         const journal::Undone undone = journal::ApplyBlockUndo(undo, blockBytes, b, current.data());
         // A block the record writes again is put back by its later undo, whatever this one found.
@@ -521,13 +526,7 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
       if (c.volume > furtherVolumeCount) Refuse("the journal names a volume the database does not have.");
       const std::uint64_t key = BlockKey(keys[c.volume], c.position / blockBytes);
       if (done.contains(key)) continue;
-      platform::File& file = files[c.volume];
-      if (file == platform::kInvalidFile) file = platform::OpenReadOnly(VolumePath(c.volume));
-      if (file == platform::kInvalidFile)
-        Fail("\r\nError opening volume #%d for reading. %s\r\n", static_cast<int>(c.volume), ErrorText());
-      if (!ReadThrough(file, c.position, current.data(), blockBytes))
-        Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(c.volume),
-             static_cast<unsigned long long>(c.position), ErrorText());
+      readBlock(c.volume, c.position);
       done[key] = Left{c.volume, c.position, journal::ChecksumOf(current.data(), journal::kCheckedBytes),
                        journal::Fingerprint(current.data(), blockBytes), {}};
     }
