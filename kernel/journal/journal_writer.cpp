@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "block_undo.h"
 #include "journal_commit.h"
@@ -353,15 +351,7 @@ bool Stopping() {
 // The run's side.
 // The threads, started once; false where the system cannot start them.
 bool ThreadsRunning() {
-  static const bool running = [] {
-    try {
-      std::thread(RecorderLoop).detach();
-      std::thread(WriterLoop).detach();
-      return true;
-    } catch (const std::system_error&) {
-      return false;
-    }
-  }();
+  static const bool running = platform::StartThread(RecorderLoop) && platform::StartThread(WriterLoop);
   return running;
 }
 

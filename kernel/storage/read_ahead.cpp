@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 namespace bt {
 
@@ -56,14 +54,7 @@ bool Wanted(std::uint64_t more) {
 }
 
 bool AheadRunning() {
-  static const bool running = [] {
-    try {
-      std::thread(AheadLoop).detach();
-      return true;
-    } catch (const std::system_error&) {
-      return false;
-    }
-  }();
+  static const bool running = platform::StartThread(AheadLoop);
   return running;
 }
 

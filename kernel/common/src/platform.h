@@ -1,12 +1,14 @@
 // Operating system interface: files, error texts, the executable's path, run-time library
-// loading and terminal echo. Everything that needs an operating system header lives behind
-// this header, in one source file per platform.
+// loading, terminal echo and the program's own threads. Everything that needs an operating system
+// header lives behind this header, in one source file per platform.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 namespace platform {
@@ -58,6 +60,16 @@ void StartWriteBack(File file, std::uint64_t position, std::uint64_t size);
 void WillRead(File file, std::uint64_t position, std::uint64_t size);
 // The machine's memory in bytes (0 where it cannot be told).
 std::uint64_t MemoryBytes();
+// Starts body on a thread of its own that runs until the process ends; false where the system
+// cannot start one (the caller then does the work itself).
+inline bool StartThread(void (*body)()) {
+  try {
+    std::thread(body).detach();
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
 // Blocks per batch that a test build asks the conversion to use; 0 in the program itself.
 std::uint32_t TestBatchBlocks();
 // Held blocks and chunks of marks that a test build asks byteturn-check to keep in memory; 0 in
