@@ -4,6 +4,7 @@
 #include "run.h"
 #include "database.h"
 
+#include <bit>
 #include <filesystem>
 
 using namespace testsupport;
@@ -43,6 +44,8 @@ TEST_P(Conversions, SpanningDatabasesConvertToTheirMirrorImage) {
 
 TEST(Conversion, DenseDatabaseWithClearBitmapFlags) {
   for (bool big : {true, false}) {
+    // The slow stages take the order foreign to the host, whose loads all turn their bytes.
+    if (SlowStage() && big == (std::endian::native == std::endian::big)) continue;
     Scratch s;
     gendb::Params p;
     p.seed = 3;
