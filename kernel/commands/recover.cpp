@@ -535,7 +535,7 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
     out.landed.push_back({keys[left.volume], left.position, 0, left.sum});
     const std::uint32_t b = BlockAt(left.volume, left.position, blockBytes);
     if (left.bytes.empty())
-      out.kept.push_back({b, left.fingerprint});
+      out.kept.push_back({b, left.fingerprint, out.landed.back()});
     else
       out.blocks.push_back({left.volume, b, left.position, std::move(left.bytes)});
   }

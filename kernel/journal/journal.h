@@ -74,10 +74,12 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps);
 // the main file is marked (again) before anything is written. NoteResumedBlocks: the blocks the
 // recovery's put-back left (as Check with after), which the next record names as landed, and of
 // those it left as the disk holds them, their entries for the table of written blocks (which may
-// still give a write an earlier put-back undid), which the first group committed after it settles.
+// still give a write an earlier put-back undid), which the first group committed after it settles
+// as though it wrote them.
 struct KeptBlock {
   std::uint32_t block;  // numbered as the table numbers blocks
   std::uint16_t fingerprint;
+  journal::Check landed;  // as in landed
 };
 struct JournalResume {
   platform::File file;

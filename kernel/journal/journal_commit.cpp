@@ -189,12 +189,17 @@ void Commit() {
   f.flushing = {};
   f.head = std::move(headBytes);
   Landed(j.group, f.landed, f.table);
-  // The blocks the recovery's put-back left as they were: their table entries settle with this
-  // group, but for those it writes itself.
-  for (const TableEntry& e : j.kept)
-    if (std::none_of(f.table.begin(), f.table.end(), [&](const TableEntry& t) { return t.block == e.block; }))
-      f.table.push_back(e);
+  // The blocks the recovery's put-back left as they were settle with this group, but for those it
+  // writes itself: their table entries, and as landed in the record of the commit that settles it.
+  // Should that commit's table piece be lost, the entries of the run's writes that an earlier
+  // put-back undid are left out of the check as this group's own blocks are.
+  for (std::size_t k = 0; k < j.kept.size(); ++k)
+    if (std::none_of(f.table.begin(), f.table.end(), [&](const TableEntry& t) { return t.block == j.kept[k].block; })) {
+      f.table.push_back(j.kept[k]);
+      f.landed.push_back(j.keptLanded[k]);
+    }
   j.kept.clear();
+  j.keptLanded.clear();
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;

@@ -155,7 +155,9 @@ struct Journal {
   // What the next record names of the blocks written: those the recovery's put-back left, and the
   // sample, by block key.
   std::vector<journal::Check> landed;
-  std::vector<TableEntry> kept;  // the put-back's blocks left as they were, for the next group's table entries
+  // The put-back's blocks left as they were: the next group's table entries, and its blocks landed.
+  std::vector<TableEntry> kept;
+  std::vector<journal::Check> keptLanded;
   std::unordered_map<std::uint64_t, journal::Check> sample;
   std::uint64_t sampleModulus = 1;
   // By volume: the block written at the highest position so far, which every record's sample
