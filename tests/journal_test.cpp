@@ -1728,7 +1728,8 @@ TEST(Journal, DatabasesThatShareAJournalDirectoryKeepTheirOwn) {
 
 // A database moved with its directory (its lock with it), and another run interrupted since in the
 // directory it left: the recovery of the moved one removes the lock beside it and leaves the
-// other's, which still guards a half-converted database until its own recovery.
+// other's, which still guards a half-converted database until its own recovery. Moved and its main
+// file renamed as well, the lock beside it goes, unless another database is now the main file there.
 TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
   Scratch s;
   const Case c = Prepare(s, Rich());
@@ -1745,7 +1746,19 @@ TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
   EXPECT_TRUE(ReadBytes(s.Path("moved/ORVA.DAT")) == ReadBytes(c.twin[0]));
   EXPECT_FALSE(Exists(s.Path("moved/orva.lck"))) << "the lock that moved with the database";
   EXPECT_TRUE(Exists(c.lock)) << "the other run's lock";
-  FinishAndExpectTwin(c);
+  for (const bool another : {false, true}) {
+    SCOPED_TRACE(another ? "another database there" : "none there");
+    const std::string dir = another ? "beside" : "renamed";
+    fs::rename(c.dir, s.Path(dir));
+    fs::rename(s.Path(dir + "/ORVA.DAT"), s.Path(dir + "/Data.dat"));
+    if (another) fs::copy_file(s.Path("moved/ORVA.DAT"), s.Path(dir + "/ORVA.DAT"));
+    const RunResult renamed = RecoverAt(c, s.dir, dir + Sep() + "Data.dat");
+    EXPECT_EQ(renamed.status, 0) << renamed.out << renamed.err;
+    EXPECT_TRUE(ReadBytes(s.Path(dir + "/Data.dat")) == ReadBytes(c.twin[0]));
+    EXPECT_EQ(Exists(s.Path(dir + "/orva.lck")), another);
+    fs::create_directories(c.dir);
+    if (!another) CutHalfway(c, "3");
+  }
 }
 
 // The main file moved to another directory as a new file (as to another disk), and the commands

@@ -619,7 +619,15 @@ void Recover(int argc, const char* const* argv) {
   if (taken.empty()) {
     FinishRun(pass, here);
   } else {
-    if (!here.empty() && FullPath(here) != taken) RemoveLeftLock(here);
+    // A file renamed from ORVA.DAT takes no lock of its own; the run's lock, moved with the
+    // directory, is the one beside it, unless a main file there that is another database keeps it.
+    std::string beside = here;
+    if (beside.empty()) {
+      const std::size_t slash = databaseFileName.find_last_of(std::string{'/', platform::kSeparator});
+      const std::string mainThere = databaseFileName.substr(0, slash == std::string::npos ? 0 : slash + 1) + "ORVA.DAT";
+      if (LockGuardsThisFile(FullPath(mainThere))) beside = LockPathFor(mainThere);
+    }
+    if (!beside.empty() && FullPath(beside) != taken) RemoveLeftLock(beside);
     FinishRun(pass, LockGuardsThisFile(found.header.mainFile) ? taken : std::string());
   }
 }
