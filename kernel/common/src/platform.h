@@ -55,8 +55,9 @@ bool Sync(File file);
 // Starts writing the given range of the file back to the disk without waiting for it, so that a
 // later Sync has less left to do. Failures are ignored: Sync reports them.
 void StartWriteBack(File file, std::uint64_t position, std::uint64_t size);
-// Asks the system to read the given range of the file into its cache now, without waiting for
-// it, so that the reads that follow find it there. A hint: failures are ignored.
+// Has the system read the given range of the file into its cache, so that the reads that follow
+// find it there: on Linux asked for and not waited for, on Windows read (the caller waits). A
+// hint: failures are ignored.
 void WillRead(File file, std::uint64_t position, std::uint64_t size);
 // The machine's memory in bytes (0 where it cannot be told).
 std::uint64_t MemoryBytes();
