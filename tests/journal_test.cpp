@@ -583,8 +583,8 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_EQ(back.volumes[0].size, 0x2000u);
     EXPECT_EQ(j::RecordsStart(back), j::kRecordsOffset + 8192);
     // Its end: the volume's size, the main file's size, the lock "L", the key check, the table's
-    // size, the checksum.
-    bytes.resize(bytes.size() - 8 - 4 - 12);
+    // size, the lock's identity, the checksum.
+    bytes.resize(bytes.size() - 8 - 16 - 4 - 12);
     bytes.erase(bytes.end() - 3 - 8 - 8, bytes.end() - 3 - 8);
     bt::StoreLE32(bytes.data() + 8, 5);
     const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
@@ -600,13 +600,31 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     header.keyCheck = 0;
     header.tableBlocks = 0;
   }
+  {
+    // One of version 10, before the lock's identity: read as it is, with none.
+    header.lockIdentity = {5, 6};
+    std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
+    j::Header back;
+    std::string why;
+    ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
+    EXPECT_EQ(back.lockIdentity, (platform::FileIdentity{5, 6}));
+    bytes.resize(bytes.size() - 8 - 16);
+    bt::StoreLE32(bytes.data() + 8, 10);
+    const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
+    for (int k = 0; k < 8; ++k) bytes.push_back(static_cast<std::uint8_t>(sum >> (8 * k)));
+    back = j::Header{};
+    ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
+    EXPECT_EQ(back.lockIdentity, platform::FileIdentity{});
+    EXPECT_EQ(back.lockPath, "L");
+    header.lockIdentity = {};
+  }
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
-    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the table's size
+    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the lock's identity
     EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << "main file name of " << name;
     EXPECT_EQ(why, "its header is damaged");
   }
@@ -1728,8 +1746,8 @@ TEST(Journal, DatabasesThatShareAJournalDirectoryKeepTheirOwn) {
 
 // A database moved with its directory (its lock with it), and another run interrupted since in the
 // directory it left: the recovery of the moved one removes the lock beside it and leaves the
-// other's, which still guards a half-converted database until its own recovery. Moved and its main
-// file renamed as well, the lock beside it goes, unless another database is now the main file there.
+// other's, which still guards a half-converted database until its own recovery. Neither a main file
+// renamed nor one moved in beside another run's lock changes which lock is whose.
 TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
   Scratch s;
   const Case c = Prepare(s, Rich());
@@ -1746,19 +1764,25 @@ TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
   EXPECT_TRUE(ReadBytes(s.Path("moved/ORVA.DAT")) == ReadBytes(c.twin[0]));
   EXPECT_FALSE(Exists(s.Path("moved/orva.lck"))) << "the lock that moved with the database";
   EXPECT_TRUE(Exists(c.lock)) << "the other run's lock";
-  for (const bool another : {false, true}) {
-    SCOPED_TRACE(another ? "another database there" : "none there");
-    const std::string dir = another ? "beside" : "renamed";
-    fs::rename(c.dir, s.Path(dir));
-    fs::rename(s.Path(dir + "/ORVA.DAT"), s.Path(dir + "/Data.dat"));
-    if (another) fs::copy_file(s.Path("moved/ORVA.DAT"), s.Path(dir + "/ORVA.DAT"));
-    const RunResult renamed = RecoverAt(c, s.dir, dir + Sep() + "Data.dat");
-    EXPECT_EQ(renamed.status, 0) << renamed.out << renamed.err;
-    EXPECT_TRUE(ReadBytes(s.Path(dir + "/Data.dat")) == ReadBytes(c.twin[0]));
-    EXPECT_EQ(Exists(s.Path(dir + "/orva.lck")), another);
-    fs::create_directories(c.dir);
-    if (!another) CutHalfway(c, "3");
-  }
+  // The other run's database moved with its directory and renamed; a third run's main file moved
+  // into that directory, renamed, without its lock: each recovery removes its own run's lock, in
+  // whichever directory it is now, and leaves the other's.
+  fs::rename(c.dir, s.Path("renamed"));
+  fs::rename(s.Path("renamed/ORVA.DAT"), s.Path("renamed/Zdata.dat"));
+  Scratch t;
+  const Case x = Prepare(t, Rich());
+  CutHalfway(x);
+  ASSERT_TRUE(Exists(x.lock));
+  fs::rename(x.files[0], s.Path("renamed/Data.dat"));
+  const RunResult third = RecoverAt(x, s.dir, std::string("renamed") + Sep() + "Data.dat");
+  EXPECT_EQ(third.status, 0) << third.out << third.err;
+  EXPECT_TRUE(ReadBytes(s.Path("renamed/Data.dat")) == ReadBytes(x.twin[0]));
+  EXPECT_FALSE(Exists(x.lock)) << "the lock the third run took";
+  EXPECT_TRUE(Exists(s.Path("renamed/orva.lck"))) << "the other run's lock";
+  const RunResult other = RecoverAt(c, s.dir, std::string("renamed") + Sep() + "Zdata.dat");
+  EXPECT_EQ(other.status, 0) << other.out << other.err;
+  EXPECT_TRUE(ReadBytes(s.Path("renamed/Zdata.dat")) == ReadBytes(c.twin[0]));
+  EXPECT_FALSE(Exists(s.Path("renamed/orva.lck"))) << "the lock that moved with the renamed database";
 }
 
 // The main file moved to another directory as a new file (as to another disk), and the commands

@@ -613,22 +613,19 @@ void Recover(int argc, const char* const* argv) {
   TheStore().Settle(resume, 0);
   ConvertVolumes(pass, found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
-  // The locks the run left: beside the file now (moved with it), and where the run took it.
-  const std::string& taken = found.header.lockPath;
+  // The lock the run left: where the run took it, and beside the file now where it went with the
+  // directory (whatever the file is named now). The journal knows the lock by its identity, so
+  // that another run's lock in either place stays; one of an earlier version by its place alone.
+  const journal::Header& h = found.header;
   const std::string here = LockPathFor(databaseFileName);
-  if (taken.empty()) {
+  if (h.lockPath.empty()) {
     FinishRun(pass, here);
+  } else if (h.lockIdentity != platform::FileIdentity{}) {
+    for (const std::string& lock : {h.lockPath, LockBeside(databaseFileName)}) RemoveLeftLock(lock, &h.lockIdentity);
+    FinishRun(pass, std::string());
   } else {
-    // A file renamed from ORVA.DAT takes no lock of its own; the run's lock, moved with the
-    // directory, is the one beside it, unless a main file there that is another database keeps it.
-    std::string beside = here;
-    if (beside.empty()) {
-      const std::size_t slash = databaseFileName.find_last_of(std::string{'/', platform::kSeparator});
-      const std::string mainThere = databaseFileName.substr(0, slash == std::string::npos ? 0 : slash + 1) + "ORVA.DAT";
-      if (LockGuardsThisFile(FullPath(mainThere))) beside = LockPathFor(mainThere);
-    }
-    if (!beside.empty() && FullPath(beside) != taken) RemoveLeftLock(beside);
-    FinishRun(pass, LockGuardsThisFile(found.header.mainFile) ? taken : std::string());
+    if (!here.empty() && FullPath(here) != h.lockPath) RemoveLeftLock(here);
+    FinishRun(pass, LockGuardsThisFile(h.mainFile) ? h.lockPath : std::string());
   }
 }
 }  // namespace

@@ -10,6 +10,7 @@
 #include "journal_files.h"
 #include "journal_state.h"
 #include "journal_writer.h"
+#include "lock_file.h"
 #include "messages.h"
 #include "database.h"
 #include "volume_io.h"
@@ -83,6 +84,7 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
     j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
                                 VolumeIdentity(v), v == 0 ? 0 : VolumeSize(v)});
   j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
+  j.header.lockIdentity = lockPath.empty() ? platform::FileIdentity{} : HeldLockIdentity();
   j.header.keyChecked = databaseEncrypted && databaseKeyLoaded;
   j.header.keyCheck = KeyCheck(j.header.runId);
   j.header.tableBlocks = lastBlock < UINT32_MAX ? lastBlock + 1 : UINT32_MAX;

@@ -214,6 +214,8 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
   w.U32(header.keyChecked ? 1 : 0);
   w.U64(header.keyCheck);
   w.U32(header.tableBlocks);
+  w.U64(header.lockIdentity.device);
+  w.U64(header.lockIdentity.index);
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   return w.bytes;
 }
@@ -255,6 +257,10 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
     header.keyChecked = r.U32() != 0;
     header.keyCheck = r.U64();
     header.tableBlocks = r.U32();
+  }
+  if (version >= 11) {
+    header.lockIdentity.device = r.U64();
+    header.lockIdentity.index = r.U64();
   }
   const std::size_t content = r.at;
   if (!r.ok || r.U64() != ChecksumOf(bytes, content) || !r.ok || header.volumes.empty()) {

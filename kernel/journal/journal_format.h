@@ -48,7 +48,7 @@ namespace bt::journal {
 // too (a commit of an earlier version names one). Version 10 tells a sector's state by its first
 // and last changed bytes instead of storing its first and last words (kinds 6 and 7), and an undo
 // over the plaintext no longer keeps the 16 bytes before each sector.
-inline constexpr std::uint32_t kVersion = 10, kOldestVersion = 5;
+inline constexpr std::uint32_t kVersion = 11, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
@@ -92,6 +92,7 @@ struct Header {
   std::vector<VolumeRecord> volumes;  // the main file first, then volumes 1..n
   std::uint64_t mainFileSize = 0;     // before the run; the run's mark lies there (mark.h)
   std::string lockPath;               // the lock the run took, "" for none
+  platform::FileIdentity lockIdentity;  // of that lock ({}: not known, as before version 11)
   // Of an encrypted database: KeyCheck(runId) under the key the run was given, so that a recovery
   // given another key of the same key ID is refused. None in a journal of version 5.
   bool keyChecked = false;

@@ -23,7 +23,12 @@ std::string LockPathFor(const std::string& fileName) {
   if (fileName.size() < n) return "";
   for (std::size_t i = 0; i < n; ++i)
     if (FoldLetter(fileName[fileName.size() - n + i]) != FoldLetter(kMain[i])) return "";
-  return fileName.substr(0, fileName.size() - n) + "orva.lck";
+  return LockBeside(fileName);
+}
+
+std::string LockBeside(const std::string& fileName) {
+  const std::size_t slash = fileName.find_last_of(std::string{'/', platform::kSeparator});
+  return fileName.substr(0, slash == std::string::npos ? 0 : slash + 1) + "orva.lck";
 }
 
 void SetLockedAdvice(std::string (*advice)(const std::string& fileName)) { lockedAdvice = advice; }
@@ -61,12 +66,13 @@ void TakeLock(const std::string& lockPath, const std::string& fileName) {
 }
 
 
-bool RemoveLeftLock(const std::string& lockPath) {
+bool RemoveLeftLock(const std::string& lockPath, const platform::FileIdentity* identity) {
   if (lockPath.empty()) return false;
   const platform::File file = platform::OpenReadWrite(lockPath);
   if (file == platform::kInvalidFile) return false;
   char text[sizeof kLockText] = {};
-  const bool ours = platform::ReadAt(file, text, sizeof text, 0) == static_cast<std::int64_t>(sizeof kLockText - 1) &&
+  const bool ours = (identity == nullptr || platform::IdentityOf(file) == *identity) &&
+                    platform::ReadAt(file, text, sizeof text, 0) == static_cast<std::int64_t>(sizeof kLockText - 1) &&
                     std::string(text) == kLockText && platform::TryLockExclusive(file);
   platform::Close(file);
   return ours && platform::RemoveFile(lockPath);
@@ -101,6 +107,10 @@ std::string InUseLine(const std::string& fileName) {
 
 void RefuseWhenInUse(const std::string& fileName) {
   if (const std::string line = InUseLine(fileName); !line.empty()) FailTo(stderr, "%s", line.c_str());
+}
+
+platform::FileIdentity HeldLockIdentity() {
+  return heldLock == platform::kInvalidFile ? platform::FileIdentity{} : platform::IdentityOf(heldLock);
 }
 
 // A lock this process took is removed; any other only where a run of byteturn left it.

@@ -3,10 +3,14 @@
 
 #include <string>
 
+#include "platform.h"
+
 namespace bt {
 
 // Lock path for a database file name, "" when the name takes no lock.
 std::string LockPathFor(const std::string& fileName);
+// The lock a main file in the directory of fileName takes, whatever fileName's own name.
+std::string LockBeside(const std::string& fileName);
 // Takes the lock; ends the run with status 1 when it is held or cannot be written.
 void TakeLock(const std::string& lockPath, const std::string& fileName);
 // Ends the run when the lock is there (a store that writes nothing only looks). The refusal names
@@ -23,7 +27,10 @@ void RefuseWhenInUse(const std::string& fileName);
 std::string InUseLine(const std::string& fileName);
 // Removes the lock this process took, or else one a run of byteturn left.
 void ReleaseLock(const std::string& lockPath);
-// Removes a lock that a run of byteturn left (its text, and no run holding it); true when removed.
-bool RemoveLeftLock(const std::string& lockPath);
+// Removes a lock that a run of byteturn left (its text, and no run holding it), and where identity
+// is given, only that file; true when removed.
+bool RemoveLeftLock(const std::string& lockPath, const platform::FileIdentity* identity = nullptr);
+// The identity of the lock this process took and holds ({} where it holds none).
+platform::FileIdentity HeldLockIdentity();
 
 }  // namespace bt
