@@ -583,8 +583,8 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_EQ(back.volumes[0].size, 0x2000u);
     EXPECT_EQ(j::RecordsStart(back), j::kRecordsOffset + 8192);
     // Its end: the volume's size, the main file's size, the lock "L", the key check, the table's
-    // size, the lock's identity, the checksum.
-    bytes.resize(bytes.size() - 8 - 16 - 4 - 12);
+    // size, the lock's identity and time, the checksum.
+    bytes.resize(bytes.size() - 8 - 24 - 4 - 12);
     bytes.erase(bytes.end() - 3 - 8 - 8, bytes.end() - 3 - 8);
     bt::StoreLE32(bytes.data() + 8, 5);
     const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
@@ -601,22 +601,26 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     header.tableBlocks = 0;
   }
   {
-    // One of version 10, before the lock's identity: read as it is, with none.
+    // One of version 10, before the lock's identity and time: read as it is, with none.
     header.lockIdentity = {5, 6};
+    header.lockWritten = 7;
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_EQ(back.lockIdentity, (platform::FileIdentity{5, 6}));
-    bytes.resize(bytes.size() - 8 - 16);
+    EXPECT_EQ(back.lockWritten, 7u);
+    bytes.resize(bytes.size() - 8 - 24);
     bt::StoreLE32(bytes.data() + 8, 10);
     const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
     for (int k = 0; k < 8; ++k) bytes.push_back(static_cast<std::uint8_t>(sum >> (8 * k)));
     back = j::Header{};
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_EQ(back.lockIdentity, platform::FileIdentity{});
+    EXPECT_EQ(back.lockWritten, 0u);
     EXPECT_EQ(back.lockPath, "L");
     header.lockIdentity = {};
+    header.lockWritten = 0;
   }
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
@@ -624,7 +628,7 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
-    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the lock's identity
+    bytes[bytes.size() - 9] ^= 1;  // the last byte before the checksum: the lock's time
     EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << "main file name of " << name;
     EXPECT_EQ(why, "its header is damaged");
   }
@@ -1779,10 +1783,28 @@ TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
   EXPECT_TRUE(ReadBytes(s.Path("renamed/Data.dat")) == ReadBytes(x.twin[0]));
   EXPECT_FALSE(Exists(x.lock)) << "the lock the third run took";
   EXPECT_TRUE(Exists(s.Path("renamed/orva.lck"))) << "the other run's lock";
+  EXPECT_NE(third.err.find(std::string("byteturn-recover: the lock renamed") + Sep() + "orva.lck stays: it is not the one the interrupted run took"),
+            std::string::npos)
+      << third.err;
   const RunResult other = RecoverAt(c, s.dir, std::string("renamed") + Sep() + "Zdata.dat");
   EXPECT_EQ(other.status, 0) << other.out << other.err;
   EXPECT_TRUE(ReadBytes(s.Path("renamed/Zdata.dat")) == ReadBytes(c.twin[0]));
   EXPECT_FALSE(Exists(s.Path("renamed/orva.lck"))) << "the lock that moved with the renamed database";
+  EXPECT_EQ(other.err, "");
+
+  // A lock file the run's lock once was, written at another time: the system gives a removed
+  // file's index to a later one, another run's lock say. It stays.
+  Scratch u;
+  const Case y = Prepare(u, Rich());
+  CutHalfway(y);
+  fs::last_write_time(y.lock, fs::last_write_time(y.lock) - std::chrono::hours(1));
+  const RunResult reused = Recover(y);
+  EXPECT_EQ(reused.status, 0) << reused.out << reused.err;
+  EXPECT_TRUE(Exists(y.lock));
+  EXPECT_NE(reused.err.find(" stays: it is not the one the interrupted run took (another run's, or a copy). Remove it once "
+                            "nothing uses the database beside it.\n"),
+            std::string::npos)
+      << reused.err;
 }
 
 // The main file moved to another directory as a new file (as to another disk), and the commands

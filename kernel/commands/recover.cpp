@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "driver.h"
 #include "block_cipher.h"
@@ -614,14 +615,23 @@ void Recover(int argc, const char* const* argv) {
   ConvertVolumes(pass, found.header.verbose, resume);
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
   // The lock the run left: where the run took it, and beside the file now where it went with the
-  // directory (whatever the file is named now). The journal knows the lock by its identity, so
-  // that another run's lock in either place stays; one of an earlier version by its place alone.
+  // directory (whatever the file is named now). The journal knows the lock by its identity and
+  // when it was written, so that another lock in either place stays, and is told; a journal of
+  // an earlier version knows it by its place alone.
   const journal::Header& h = found.header;
   const std::string here = LockPathFor(databaseFileName);
   if (h.lockPath.empty()) {
     FinishRun(pass, here);
   } else if (h.lockIdentity != platform::FileIdentity{}) {
-    for (const std::string& lock : {h.lockPath, LockBeside(databaseFileName)}) RemoveLeftLock(lock, &h.lockIdentity);
+    const LockStamp stamp{h.lockIdentity, h.lockWritten};
+    std::vector<std::string> places = {h.lockPath};
+    if (const std::string beside = LockBeside(databaseFileName); FullPath(beside) != h.lockPath) places.push_back(beside);
+    for (const std::string& lock : places)
+      if (!RemoveLeftLock(lock, &stamp) && platform::FileExists(lock))
+        PrintTo(stderr,
+                "byteturn-recover: the lock %s stays: it is not the one the interrupted run took (another run's, "
+                "or a copy). Remove it once nothing uses the database beside it.\n",
+                lock.c_str());
     FinishRun(pass, std::string());
   } else {
     if (!here.empty() && FullPath(here) != h.lockPath) RemoveLeftLock(here);

@@ -84,7 +84,9 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
     j.header.volumes.push_back({v == 0 ? std::uint16_t{0} : volumeDirIndex[v], v == 0 ? 1 : volumeFirstBlock[v],
                                 VolumeIdentity(v), v == 0 ? 0 : VolumeSize(v)});
   j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
-  j.header.lockIdentity = lockPath.empty() ? platform::FileIdentity{} : HeldLockIdentity();
+  const LockStamp lock = lockPath.empty() ? LockStamp{} : HeldLockStamp();
+  j.header.lockIdentity = lock.identity;
+  j.header.lockWritten = lock.written;
   j.header.keyChecked = databaseEncrypted && databaseKeyLoaded;
   j.header.keyCheck = KeyCheck(j.header.runId);
   j.header.tableBlocks = lastBlock < UINT32_MAX ? lastBlock + 1 : UINT32_MAX;

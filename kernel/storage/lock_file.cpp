@@ -66,12 +66,12 @@ void TakeLock(const std::string& lockPath, const std::string& fileName) {
 }
 
 
-bool RemoveLeftLock(const std::string& lockPath, const platform::FileIdentity* identity) {
+bool RemoveLeftLock(const std::string& lockPath, const LockStamp* stamp) {
   if (lockPath.empty()) return false;
   const platform::File file = platform::OpenReadWrite(lockPath);
   if (file == platform::kInvalidFile) return false;
   char text[sizeof kLockText] = {};
-  const bool ours = (identity == nullptr || platform::IdentityOf(file) == *identity) &&
+  const bool ours = (stamp == nullptr || LockStamp{platform::IdentityOf(file), platform::WrittenTimeOf(file)} == *stamp) &&
                     platform::ReadAt(file, text, sizeof text, 0) == static_cast<std::int64_t>(sizeof kLockText - 1) &&
                     std::string(text) == kLockText && platform::TryLockExclusive(file);
   platform::Close(file);
@@ -109,8 +109,9 @@ void RefuseWhenInUse(const std::string& fileName) {
   if (const std::string line = InUseLine(fileName); !line.empty()) FailTo(stderr, "%s", line.c_str());
 }
 
-platform::FileIdentity HeldLockIdentity() {
-  return heldLock == platform::kInvalidFile ? platform::FileIdentity{} : platform::IdentityOf(heldLock);
+LockStamp HeldLockStamp() {
+  if (heldLock == platform::kInvalidFile) return {};
+  return {platform::IdentityOf(heldLock), platform::WrittenTimeOf(heldLock)};
 }
 
 // A lock this process took is removed; any other only where a run of byteturn left it.

@@ -27,10 +27,17 @@ void RefuseWhenInUse(const std::string& fileName);
 std::string InUseLine(const std::string& fileName);
 // Removes the lock this process took, or else one a run of byteturn left.
 void ReleaseLock(const std::string& lockPath);
-// Removes a lock that a run of byteturn left (its text, and no run holding it), and where identity
-// is given, only that file; true when removed.
-bool RemoveLeftLock(const std::string& lockPath, const platform::FileIdentity* identity = nullptr);
-// The identity of the lock this process took and holds ({} where it holds none).
-platform::FileIdentity HeldLockIdentity();
+// What tells the lock a run took from any other file, one given its index after it was removed
+// included: its identity and when it was written.
+struct LockStamp {
+  platform::FileIdentity identity;
+  std::uint64_t written = 0;
+  friend bool operator==(const LockStamp&, const LockStamp&) = default;
+};
+// Removes a lock that a run of byteturn left (its text, and no run holding it), and where a stamp
+// is given, only the file of that stamp; true when removed.
+bool RemoveLeftLock(const std::string& lockPath, const LockStamp* stamp = nullptr);
+// The stamp of the lock this process took and holds ({} where it holds none).
+LockStamp HeldLockStamp();
 
 }  // namespace bt

@@ -101,6 +101,12 @@ FileIdentity IdentityOf(File file) {
   return {info.dwVolumeSerialNumber, std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow};
 }
 
+std::uint64_t WrittenTimeOf(File file) {
+  BY_HANDLE_FILE_INFORMATION info;
+  if (!GetFileInformationByHandle(ToHandle(file), &info)) return 0;
+  return std::uint64_t{info.ftLastWriteTime.dwHighDateTime} << 32 | info.ftLastWriteTime.dwLowDateTime;
+}
+
 // In the user's temporary directory, deleted when its handle is closed, and sparse.
 File CreateTemporaryFile() {
   char dir[MAX_PATH + 1], name[MAX_PATH + 1];
