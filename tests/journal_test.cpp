@@ -601,15 +601,15 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     header.tableBlocks = 0;
   }
   {
-    // One of version 10, before the lock's identity and time: read as it is, with none.
+    // One of version 10, before the lock's identity and time: read as it is, with neither.
     header.lockIdentity = {5, 6};
-    header.lockWritten = 7;
+    header.lockChanged = 7;
     std::vector<std::uint8_t> bytes = j::EncodeHeader(header);
     j::Header back;
     std::string why;
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_EQ(back.lockIdentity, (platform::FileIdentity{5, 6}));
-    EXPECT_EQ(back.lockWritten, 7u);
+    EXPECT_EQ(back.lockChanged, 7u);
     bytes.resize(bytes.size() - 8 - 24);
     bt::StoreLE32(bytes.data() + 8, 10);
     const std::uint64_t sum = j::ChecksumOf(bytes.data(), bytes.size());
@@ -617,10 +617,10 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     back = j::Header{};
     ASSERT_TRUE(j::DecodeHeader(bytes.data(), bytes.size(), back, why)) << why;
     EXPECT_EQ(back.lockIdentity, platform::FileIdentity{});
-    EXPECT_EQ(back.lockWritten, 0u);
+    EXPECT_EQ(back.lockChanged, 0u);
     EXPECT_EQ(back.lockPath, "L");
     header.lockIdentity = {};
-    header.lockWritten = 0;
+    header.lockChanged = 0;
   }
   for (std::size_t name = 0; name < 32; ++name) {
     header.mainFile.assign(name, 'd');
@@ -1792,8 +1792,8 @@ TEST(Journal, ARecoveryRemovesTheLocksOfItsOwnRunOnly) {
   EXPECT_FALSE(Exists(s.Path("renamed/orva.lck"))) << "the lock that moved with the renamed database";
   EXPECT_EQ(other.err, "");
 
-  // A lock file the run's lock once was, written at another time: the system gives a removed
-  // file's index to a later one, another run's lock say. It stays.
+  // A lock file with the index the run's lock had, changed at another time: the system gives a
+  // removed file's index to a later one, another run's lock say. It stays.
   Scratch u;
   const Case y = Prepare(u, Rich());
   CutHalfway(y);

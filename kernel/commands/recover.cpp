@@ -616,14 +616,14 @@ void Recover(int argc, const char* const* argv) {
   for (const std::string& left : TemporaryJournalsOf(path)) platform::RemoveFile(left);
   // The lock the run left: where the run took it, and beside the file now where it went with the
   // directory (whatever the file is named now). The journal knows the lock by its identity and
-  // when it was written, so that another lock in either place stays, and is told; a journal of
+  // when it last changed, so that another lock in either place stays, and is told; a journal of
   // an earlier version knows it by its place alone.
   const journal::Header& h = found.header;
   const std::string here = LockPathFor(databaseFileName);
   if (h.lockPath.empty()) {
     FinishRun(pass, here);
   } else if (h.lockIdentity != platform::FileIdentity{}) {
-    const LockStamp stamp{h.lockIdentity, h.lockWritten};
+    const LockStamp stamp{h.lockIdentity, h.lockChanged};
     std::vector<std::string> places = {h.lockPath};
     if (const std::string beside = LockBeside(databaseFileName); FullPath(beside) != h.lockPath) places.push_back(beside);
     for (const std::string& lock : places)

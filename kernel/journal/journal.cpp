@@ -86,7 +86,7 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   j.header.lockPath = lockPath.empty() ? std::string() : FullPath(lockPath);
   const LockStamp lock = lockPath.empty() ? LockStamp{} : HeldLockStamp();
   j.header.lockIdentity = lock.identity;
-  j.header.lockWritten = lock.written;
+  j.header.lockChanged = lock.changed;
   j.header.keyChecked = databaseEncrypted && databaseKeyLoaded;
   j.header.keyCheck = KeyCheck(j.header.runId);
   j.header.tableBlocks = lastBlock < UINT32_MAX ? lastBlock + 1 : UINT32_MAX;

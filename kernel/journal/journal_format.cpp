@@ -216,7 +216,7 @@ std::vector<std::uint8_t> EncodeHeader(const Header& header) {
   w.U32(header.tableBlocks);
   w.U64(header.lockIdentity.device);
   w.U64(header.lockIdentity.index);
-  w.U64(header.lockWritten);
+  w.U64(header.lockChanged);
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   return w.bytes;
 }
@@ -262,7 +262,7 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
   if (version >= 11) {
     header.lockIdentity.device = r.U64();
     header.lockIdentity.index = r.U64();
-    header.lockWritten = r.U64();
+    header.lockChanged = r.U64();
   }
   const std::size_t content = r.at;
   if (!r.ok || r.U64() != ChecksumOf(bytes, content) || !r.ok || header.volumes.empty()) {

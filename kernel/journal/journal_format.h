@@ -92,9 +92,9 @@ struct Header {
   std::vector<VolumeRecord> volumes;  // the main file first, then volumes 1..n
   std::uint64_t mainFileSize = 0;     // before the run; the run's mark lies there (mark.h)
   std::string lockPath;               // the lock the run took, "" for none
-  // Of that lock, its identity and when it was written ({} and 0: not known, as before version 11).
+  // Of that lock, its identity and when it last changed ({} and 0: not known, as before version 11).
   platform::FileIdentity lockIdentity;
-  std::uint64_t lockWritten = 0;
+  std::uint64_t lockChanged = 0;
   // Of an encrypted database: KeyCheck(runId) under the key the run was given, so that a recovery
   // given another key of the same key ID is refused. None in a journal of version 5.
   bool keyChecked = false;

@@ -71,7 +71,7 @@ bool RemoveLeftLock(const std::string& lockPath, const LockStamp* stamp) {
   const platform::File file = platform::OpenReadWrite(lockPath);
   if (file == platform::kInvalidFile) return false;
   char text[sizeof kLockText] = {};
-  const bool ours = (stamp == nullptr || LockStamp{platform::IdentityOf(file), platform::WrittenTimeOf(file)} == *stamp) &&
+  const bool ours = (stamp == nullptr || LockStamp{platform::IdentityOf(file), platform::ChangedTimeOf(file)} == *stamp) &&
                     platform::ReadAt(file, text, sizeof text, 0) == static_cast<std::int64_t>(sizeof kLockText - 1) &&
                     std::string(text) == kLockText && platform::TryLockExclusive(file);
   platform::Close(file);
@@ -111,7 +111,7 @@ void RefuseWhenInUse(const std::string& fileName) {
 
 LockStamp HeldLockStamp() {
   if (heldLock == platform::kInvalidFile) return {};
-  return {platform::IdentityOf(heldLock), platform::WrittenTimeOf(heldLock)};
+  return {platform::IdentityOf(heldLock), platform::ChangedTimeOf(heldLock)};
 }
 
 // A lock this process took is removed; any other only where a run of byteturn left it.

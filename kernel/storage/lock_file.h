@@ -28,10 +28,10 @@ std::string InUseLine(const std::string& fileName);
 // Removes the lock this process took, or else one a run of byteturn left.
 void ReleaseLock(const std::string& lockPath);
 // What tells the lock a run took from any other file, one given its index after it was removed
-// included: its identity and when it was written.
+// included: its identity and when it last changed.
 struct LockStamp {
   platform::FileIdentity identity;
-  std::uint64_t written = 0;
+  std::uint64_t changed = 0;
   friend bool operator==(const LockStamp&, const LockStamp&) = default;
 };
 // Removes a lock that a run of byteturn left (its text, and no run holding it), and where a stamp

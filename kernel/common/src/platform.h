@@ -36,9 +36,11 @@ struct FileIdentity {
   friend auto operator<=>(const FileIdentity&, const FileIdentity&) = default;
 };
 FileIdentity IdentityOf(File file);
-// When the file's bytes were last written, in the system's own units (0 where it cannot be told):
-// with its identity, it tells a file from another given the same index after it was removed.
-std::uint64_t WrittenTimeOf(File file);
+// When the file last changed, in the system's own units (0 where it cannot be told): with its
+// identity, it tells a file from another given the same index after it was removed. On POSIX the
+// time its status changed, which a copy or a restore cannot carry over; on Windows, whose file
+// indexes count their reuse, the time it was last written.
+std::uint64_t ChangedTimeOf(File file);
 // Creates a file for reading and writing in the system's temporary directory that goes away when
 // it is closed or the process ends; unwritten ranges take no space where the system allows.
 File CreateTemporaryFile();

@@ -97,10 +97,10 @@ FileIdentity IdentityOf(File file) {
   return {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)};
 }
 
-std::uint64_t WrittenTimeOf(File file) {
+std::uint64_t ChangedTimeOf(File file) {
   struct stat st;
   if (::fstat(static_cast<int>(file), &st) != 0) return 0;
-  return static_cast<std::uint64_t>(st.st_mtim.tv_sec) * 1000000000u + static_cast<std::uint64_t>(st.st_mtim.tv_nsec);
+  return static_cast<std::uint64_t>(st.st_ctim.tv_sec) * 1000000000u + static_cast<std::uint64_t>(st.st_ctim.tv_nsec);
 }
 
 // Made with mkstemp in TMPDIR (else /tmp) and unlinked at once: nothing is left behind.

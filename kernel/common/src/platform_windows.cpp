@@ -101,7 +101,7 @@ FileIdentity IdentityOf(File file) {
   return {info.dwVolumeSerialNumber, std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow};
 }
 
-std::uint64_t WrittenTimeOf(File file) {
+std::uint64_t ChangedTimeOf(File file) {
   BY_HANDLE_FILE_INFORMATION info;
   if (!GetFileInformationByHandle(ToHandle(file), &info)) return 0;
   return std::uint64_t{info.ftLastWriteTime.dwHighDateTime} << 32 | info.ftLastWriteTime.dwLowDateTime;
