@@ -143,10 +143,7 @@ void ContinueJournal(const JournalResume& resume) {
 void NoteResumedBlocks(const std::vector<journal::Check>& landed, const std::vector<KeptBlock>& kept) {
   StampResumedGroup();
   j.landed = landed;
-  for (const KeptBlock& k : kept) {
-    j.kept.push_back({k.block, k.fingerprint, TableEntry::kKept});
-    j.keptLanded.push_back(k.landed);
-  }
+  j.kept = kept;
   // What the put-back left is what the disk holds now.
   for (const journal::Check& c : landed) {
     const std::uint64_t key = BlockKey(j.fileKey[c.volume], c.position / blockSize);

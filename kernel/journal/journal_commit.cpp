@@ -193,13 +193,12 @@ void Commit() {
   // writes itself: their table entries, and as landed in the record of the commit that settles it.
   // Should that commit's table piece be lost, the entries of the run's writes that an earlier
   // put-back undid are left out of the check as this group's own blocks are.
-  for (std::size_t k = 0; k < j.kept.size(); ++k)
-    if (std::none_of(f.table.begin(), f.table.end(), [&](const TableEntry& t) { return t.block == j.kept[k].block; })) {
-      f.table.push_back(j.kept[k]);
-      f.landed.push_back(j.keptLanded[k]);
+  for (const KeptBlock& k : j.kept)
+    if (std::none_of(f.table.begin(), f.table.end(), [&](const TableEntry& t) { return t.block == k.block; })) {
+      f.table.push_back({k.block, k.fingerprint, TableEntry::kKept});
+      f.landed.push_back(k.landed);
     }
   j.kept.clear();
-  j.keptLanded.clear();
   const auto now = Clock::now();
   f.working = now - j.groupStart;
   j.groupStart = now;

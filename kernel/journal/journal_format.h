@@ -47,7 +47,8 @@ namespace bt::journal {
 // earlier versions are read as they are. Version 9 lets a commit name the records before the last
 // too (a commit of an earlier version names one). Version 10 tells a sector's state by its first
 // and last changed bytes instead of storing its first and last words (kinds 6 and 7), and an undo
-// over the plaintext no longer keeps the 16 bytes before each sector.
+// over the plaintext no longer keeps the 16 bytes before each sector. Version 11 names the lock the
+// run took by its identity and time as well as its path.
 inline constexpr std::uint32_t kVersion = 11, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::size_t kLabelCopyBytes = 4096;

@@ -155,9 +155,7 @@ struct Journal {
   // What the next record names of the blocks written: those the recovery's put-back left, and the
   // sample, by block key.
   std::vector<journal::Check> landed;
-  // The put-back's blocks left as they were: the next group's table entries, and its blocks landed.
-  std::vector<TableEntry> kept;
-  std::vector<journal::Check> keptLanded;
+  std::vector<KeptBlock> kept;  // the put-back's blocks left as they were, for the next group
   std::unordered_map<std::uint64_t, journal::Check> sample;
   std::uint64_t sampleModulus = 1;
   // By volume: the block written at the highest position so far, which every record's sample
