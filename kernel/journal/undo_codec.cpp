@@ -88,14 +88,14 @@ std::uint8_t EndsOf(std::uint8_t code) {
 }
 
 // The words of a sector stored, once each named word has its ends from its order within the word
-// and the words with none (spanned) are left: stored too, or, given the sector's spans, their
+// and the words with none (spanned) are left: stored too, or, given the sector's bytes, their
 // spans found.
-std::uint64_t StoredInSector(const SectorSpans* spans, std::uint64_t spanned, std::uint8_t* ends) {
-  if (spans == nullptr) {
+std::uint64_t StoredInSector(const Sector* sector, std::uint64_t spanned, std::uint8_t* ends) {
+  if (sector == nullptr) {
     for (std::uint64_t rest = spanned; rest != 0; rest &= rest - 1) ends[__builtin_ctzll(rest)] = kStoredWord;
     return spanned;
   }
-  std::uint64_t stored = FindSpansOfRuns(*spans, spanned, ends);
+  std::uint64_t stored = FindSpansOfRuns(*sector, spanned, ends);
   // A word whose every byte ends a span (a span from the word before ends in its first byte, the
   // others are as they were) is stored: its ends tell a word stored.
   for (std::uint64_t rest = spanned & ~stored; rest != 0; rest &= rest - 1)
@@ -128,12 +128,12 @@ enum class Unordered { kStored, kSpannedOrStored, kSpanned, kMarked };
 bool WithEdges(Unordered unordered) { return unordered == Unordered::kStored || unordered == Unordered::kSpannedOrStored; }
 constexpr std::uint64_t kNotTurned = ~std::uint64_t{0};
 
-// The words of a sector stored, given each named word's ends from its order within the word, the
-// words with none (spanned) and, where they are not simply stored, the sector's spans; in turns
-// none, or kNotTurned where spans do not explain every word.
-std::uint64_t SectorStored(Unordered unordered, const SectorSpans* spans, std::uint64_t spanned, std::uint8_t* ends) {
-  if (unordered != Unordered::kSpanned) return StoredInSector(unordered == Unordered::kStored ? nullptr : spans, spanned, ends);
-  return spanned != 0 && FindSpansOfRuns(*spans, spanned, ends) != 0 ? kNotTurned : 0;
+// The words of a sector stored, given each named word's ends from its order within the word and
+// the words with none (spanned), whose spans are looked for in the sector's bytes where they are
+// not simply stored; in turns none, or kNotTurned where spans do not explain every word.
+std::uint64_t SectorStored(Unordered unordered, const Sector& sector, std::uint64_t spanned, std::uint8_t* ends) {
+  if (unordered != Unordered::kSpanned) return StoredInSector(unordered == Unordered::kStored ? nullptr : &sector, spanned, ends);
+  return spanned != 0 && FindSpansOfRuns(sector, spanned, ends) != 0 ? kNotTurned : 0;
 }
 
 // Writes the edges of sector s (undo_codec.h), whose words named are named, at edges; returns
@@ -185,10 +185,7 @@ std::size_t EncodeWordByWord(const std::uint8_t* before, const std::uint8_t* aft
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     std::uint8_t ends[kSectorWords];
     const std::uint64_t spanned = SectorEndsWordByWord(before, after, s, undo, ends), named = NamedInSector(undo, s);
-    SectorSpans spans;
-    const bool spansFound = spanned != 0 && unordered != Unordered::kStored;
-    if (spansFound) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    std::uint64_t stored = SectorStored(unordered, spansFound ? &spans : nullptr, spanned, ends);
+    std::uint64_t stored = SectorStored(unordered, {before + kSectorBytes * s, after + kSectorBytes * s}, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
     if (unordered == Unordered::kMarked) stored = 0;
     if (WithEdges(unordered) && named != 0) at.edges = PutEdges(before, after, s, named, at.edges);
@@ -318,9 +315,7 @@ BT_LINES_TARGET std::size_t EncodeByLines(const std::uint8_t* before, const std:
       spanned |= std::uint64_t{static_cast<__mmask8>(changed & _mm512_cmpeq_epi64_mask(code, _mm512_setzero_si512()))}
                  << 8 * k;
     }
-    SectorSpans spans;
-    if (spanned != 0) FindSectorSpans(before + kSectorBytes * s, after + kSectorBytes * s, spans);
-    std::uint64_t stored = SectorStored(unordered, spanned != 0 ? &spans : nullptr, spanned, ends);
+    std::uint64_t stored = SectorStored(unordered, {before + kSectorBytes * s, after + kSectorBytes * s}, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
     if (unordered == Unordered::kMarked) stored = 0;
     for (std::uint32_t k = 0; k < kLines; ++k) {

@@ -1,133 +1,86 @@
 #include "undo_spans.h"
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
 #include <algorithm>
-#include <cstring>
+
+#include "byteorder.h"
 
 namespace bt::journal {
 
 namespace {
 
-// SectorSpans, byte by byte (before and after at the sector's start).
-void FindSectorSpansByteByByte(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
-  spans = {};
-  for (unsigned i = 0; i < kSectorBytes; ++i) {
-    if (before[i] == after[i]) {
-      spans.length[i] = 1;
-      spans.one[i / 64] |= std::uint64_t{1} << i % 64;
-      continue;
-    }
-    for (const unsigned length : {2u, 3u, 4u, 8u}) {
-      unsigned k = 0;
-      while (i + length <= kSectorBytes && k < length && after[i + k] == before[i + length - 1 - k]) ++k;
-      if (k != length) continue;
-      spans.length[i] = static_cast<std::uint8_t>(length);
-      break;
-    }
+// The length of the span that starts at byte i of the sector: 1 to 8 where the byte is as it was
+// (the bytes as they were from it on, up to 8), else the shortest of 2, 3, 4 and 8 bytes, within
+// the sector, whose order the write reversed, or 0 where there is none. Byte k of a word loaded
+// little-endian is bits 8k to 8k + 7; loaded big-endian, the bytes are in reverse, so the first n
+// bytes reversed are that word shifted right by 8 (8 - n) bits.
+unsigned SpanAt(const Sector& sector, unsigned i, bool& asItWas) {
+  const std::uint8_t* was = sector.before + i;
+  const std::uint8_t* now = sector.after + i;
+  asItWas = was[0] == now[0];
+  if (i + 8 <= kSectorBytes) {
+    const std::uint64_t before = LoadLE64(was), after = LoadLE64(now);
+    if (asItWas) return before == after ? 8 : static_cast<unsigned>(__builtin_ctzll(before ^ after)) / 8;
+    const std::uint64_t reversed = LoadBE64(was);
+    return ((after ^ reversed >> 48) & 0xFFFF) == 0       ? 2
+           : ((after ^ reversed >> 40) & 0xFFFFFF) == 0   ? 3
+           : ((after ^ reversed >> 32) & 0xFFFFFFFF) == 0 ? 4
+           : after == reversed                            ? 8
+                                                          : 0;
   }
+  const unsigned room = kSectorBytes - i;
+  if (asItWas) {
+    unsigned n = 1;
+    while (n < room && was[n] == now[n]) ++n;
+    return n;
+  }
+  if (room >= 2 && now[0] == was[1] && now[1] == was[0]) return 2;
+  if (room >= 3 && now[0] == was[2] && now[1] == was[1] && now[2] == was[0]) return 3;
+  if (room >= 4 && LoadLE32(now) == LoadBE32(was)) return 4;
+  return 0;
 }
 
-#if defined(__x86_64__)
-#define BT_LINES_TARGET __attribute__((target("avx512f,avx512bw,avx512vl,popcnt")))
-
-// FindSectorSpansByteByByte, a line at a time: the bytes of after against those of before d bytes
-// on (the d that the lengths need), from a copy of before with room on both sides; then, for each
-// length, the compares of its bytes ANDed, shifted to the span's first byte.
-BT_LINES_TARGET void FindSectorSpansByLines(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
-  constexpr int kRoom = 8;
-  alignas(64) std::uint8_t was[kRoom + kSectorBytes + kRoom] = {};
-  std::memcpy(was + kRoom, before, kSectorBytes);
-  std::uint64_t on[15][8] = {};  // on[7 + d]: after's byte i is before's byte i + d, within the sector
-  for (unsigned k = 0; k < 8; ++k) {
-    const __m512i now = _mm512_loadu_si512(after + 64 * k);
-    for (const int d : {-7, -5, -3, -2, -1, 0, 1, 2, 3, 5, 7}) {
-      std::uint64_t within = ~std::uint64_t{0};
-      if (k == 0 && d < 0) within <<= -d;
-      if (k == 7 && d > 0) within >>= d;
-      on[7 + d][k] = _mm512_mask_cmpeq_epi8_mask(within, now, _mm512_loadu_si512(was + kRoom + 64 * k + d));
-    }
-  }
-  // The mask of distance d, from byte n on.
-  const auto from = [&](int d, unsigned k, unsigned n) {
-    const std::uint64_t* m = on[7 + d];
-    return n == 0 ? m[k] : m[k] >> n | (k < 7 ? m[k + 1] << (64 - n) : 0);
+// The spans of a run of the sector's words [from, to) (FindSpansOfRuns).
+void FindSpans(const Sector& sector, unsigned from, unsigned to, std::uint8_t* ends, std::uint64_t& stored) {
+  std::fill(ends + from, ends + to, std::uint8_t{0});
+  // Sets the end bits of bytes [first, first + count), count at most 8.
+  const auto endAfter = [&](unsigned first, unsigned count) {
+    const unsigned bits = ((1u << count) - 1) << first % 8;
+    ends[first / 8] = static_cast<std::uint8_t>(ends[first / 8] | bits);
+    if (bits >> 8 != 0) ends[first / 8 + 1] = static_cast<std::uint8_t>(ends[first / 8 + 1] | bits >> 8);
   };
-  for (unsigned k = 0; k < 8; ++k) {
-    const std::uint64_t two = from(1, k, 0) & from(-1, k, 1);
-    const std::uint64_t three = from(2, k, 0) & from(0, k, 1) & from(-2, k, 2);
-    const std::uint64_t four = from(3, k, 0) & from(1, k, 1) & from(-1, k, 2) & from(-3, k, 3);
-    const std::uint64_t eight = from(7, k, 0) & from(5, k, 1) & from(3, k, 2) & from(1, k, 3) & from(-1, k, 4) &
-                                from(-3, k, 5) & from(-5, k, 6) & from(-7, k, 7);
-    // The shortest laid last.
-    __m512i length = _mm512_maskz_mov_epi8(eight, _mm512_set1_epi8(8));
-    length = _mm512_mask_mov_epi8(length, four, _mm512_set1_epi8(4));
-    length = _mm512_mask_mov_epi8(length, three, _mm512_set1_epi8(3));
-    length = _mm512_mask_mov_epi8(length, two, _mm512_set1_epi8(2));
-    length = _mm512_mask_mov_epi8(length, on[7][k], _mm512_set1_epi8(1));
-    _mm512_storeu_si512(spans.length + 64 * k, length);
-    spans.one[k] = on[7][k];
-  }
-}
-
-#undef BT_LINES_TARGET
-
-bool ByLines() {
-  static const bool byLines = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
-  return byLines;
-}
-#endif
-
-// The spans of a run of the sector's words [from, to) (FindSpansOfRuns); bytes as they were are
-// taken a run of them at once.
-void FindSpans(const SectorSpans& spans, unsigned from, unsigned to, std::uint8_t* ends, std::uint64_t& stored) {
-  std::uint64_t endBits[8] = {};  // bit i % 64 of [i / 64] where a span ends at byte i
   const unsigned end = 8 * to;
   unsigned edge = 8 * from;  // the last end on a word's edge
   for (unsigned i = 8 * from; i < end;) {
-    unsigned length = spans.length[i];
-    const unsigned k = i / 64, b = i % 64;
-    const bool asItWas = length == 1;
+    bool asItWas = false;
+    unsigned length = SpanAt(sector, i, asItWas);
     if (asItWas) {
-      const std::uint64_t changed = ~(spans.one[k] >> b);
-      length = std::min({changed == 0 ? 64 - b : static_cast<unsigned>(__builtin_ctzll(changed)), 64 - b, end - i});
-      endBits[k] |= (length == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << length) - 1) << b;
+      length = std::min(length, end - i);
+      endAfter(i, length);  // every byte as it was ends a span
     } else if (length != 0 && i + length <= end) {
-      endBits[(i + length - 1) / 64] |= std::uint64_t{1} << (i + length - 1) % 64;
+      endAfter(i + length - 1, 1);
     } else {
       for (unsigned w = edge / 8; w <= i / 8; ++w) {
-        endBits[w / 8] |= std::uint64_t{0xFF} << 8 * (w % 8);
+        ends[w] = 0xFF;
         stored |= std::uint64_t{1} << w;
       }
       i = edge = 8 * (i / 8 + 1);
       continue;
     }
-    // Every byte of a run as it was ends a span; of a longer span, its last only.
     const unsigned next = i + length;
     if (asItWas ? (next & ~7u) >= i : next % 8 == 0) edge = next & ~7u;
     i = next;
   }
-  for (unsigned w = from; w < to; ++w) ends[w] = static_cast<std::uint8_t>(endBits[w / 8] >> 8 * (w % 8));
 }
 
 }  // namespace
 
-void FindSectorSpans(const std::uint8_t* before, const std::uint8_t* after, SectorSpans& spans) {
-#if defined(__x86_64__)
-  if (ByLines()) return FindSectorSpansByLines(before, after, spans);
-#endif
-  FindSectorSpansByteByByte(before, after, spans);
-}
-
-std::uint64_t FindSpansOfRuns(const SectorSpans& spans, std::uint64_t words, std::uint8_t* ends) {
+std::uint64_t FindSpansOfRuns(const Sector& sector, std::uint64_t words, std::uint8_t* ends) {
   std::uint64_t failed = 0;
   while (words != 0) {
     const auto from = static_cast<unsigned>(__builtin_ctzll(words));
     const std::uint64_t rest = ~(words >> from);
     const unsigned to = rest == 0 ? 64 : from + static_cast<unsigned>(__builtin_ctzll(rest));
-    FindSpans(spans, from, to, ends, failed);
+    FindSpans(sector, from, to, ends, failed);
     words &= to == 64 ? 0 : ~std::uint64_t{0} << to;
   }
   return failed;

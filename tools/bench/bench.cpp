@@ -4,7 +4,8 @@
 // the conversion's peak resident memory. With --other DIR it also times the programs of another
 // build in the same rounds, before this build's in every other round, and prints this build's
 // times against them. With --ceiling 1 it times, instead of the programs, what a journal's writes
-// and flushes alone cost on this disk (Ceiling below).
+// and flushes alone cost on this disk (Ceiling below); with --undo 1, the journal's undo encoder
+// alone, over the database and its conversion (Undo below).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -15,6 +16,7 @@
 
 #include "gendb.h"
 #include "platform.h"
+#include "undo_codec.h"
 
 namespace {
 
@@ -115,6 +117,42 @@ double Ceiling(const std::string& db, const std::string& journalPath, std::uint6
   return std::chrono::duration<double>(end - start).count();
 }
 
+// The undo encoder alone: the blocks of the database (before) that its conversion (after)
+// changed, taken 1 MiB at a time into memory as the run holds them (untimed), each block's undo
+// made with the given effort (timed). Returns the seconds it took; bytes gets the undo's size.
+double Undo(const std::string& before, const std::string& after, std::uint32_t blockSize, bt::journal::Effort effort,
+            std::uint64_t& bytes) {
+  const platform::File was = platform::OpenReadOnly(before), now = platform::OpenReadOnly(after);
+  if (was == platform::kInvalidFile || now == platform::kInvalidFile) {
+    std::fprintf(stderr, "bench: cannot open %s or %s\n", before.c_str(), after.c_str());
+    std::exit(1);
+  }
+  const std::uint64_t size = static_cast<std::uint64_t>(platform::FileSize(was)), piece = std::uint64_t{1} << 20;
+  std::vector<std::uint8_t> a(piece), b(piece), undo(piece / blockSize * bt::journal::MaxUndoBytes(blockSize));
+  std::chrono::steady_clock::duration spent{};
+  bytes = 0;
+  for (std::uint64_t at = 0; at < size; at += piece) {
+    const std::uint64_t n = std::min(piece, size - at);
+    if (platform::ReadAt(was, a.data(), n, at) != static_cast<std::int64_t>(n) ||
+        platform::ReadAt(now, b.data(), n, at) != static_cast<std::int64_t>(n)) {
+      std::fprintf(stderr, "bench: cannot read %s or %s\n", before.c_str(), after.c_str());
+      std::exit(1);
+    }
+    std::vector<std::uint64_t> changed;
+    for (std::uint64_t k = 0; k + blockSize <= n; k += blockSize)
+      if (std::memcmp(a.data() + k, b.data() + k, blockSize) != 0) changed.push_back(k);
+    const auto start = std::chrono::steady_clock::now();
+    std::size_t used = 0;
+    for (const std::uint64_t k : changed)
+      used += bt::journal::EncodeUndo(a.data() + k, b.data() + k, blockSize, effort, undo.data() + used);
+    spent += std::chrono::steady_clock::now() - start;
+    bytes += used;
+  }
+  platform::Close(was);
+  platform::Close(now);
+  return std::chrono::duration<double>(spent).count();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -126,7 +164,7 @@ int main(int argc, char** argv) {
   std::string dir = "/tmp";
   int rounds = 2;
   bool encrypted = false;
-  bool cold = false, ceiling = false;
+  bool cold = false, ceiling = false, undo = false;
   std::string other;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string a = argv[i];
@@ -141,10 +179,11 @@ int main(int argc, char** argv) {
     else if (a == "--cold") cold = std::strcmp(v, "1") == 0;
     else if (a == "--other") other = v;
     else if (a == "--ceiling") ceiling = std::strcmp(v, "1") == 0;
+    else if (a == "--undo") undo = std::strcmp(v, "1") == 0;
     else {
       std::fprintf(stderr,
                    "usage: bench [--size-mib N] [--code N] [--free F] [--dir DIR] [--rounds N] "
-                   "[--mix-other-only 1] [--encrypted 1] [--cold 1] [--other DIR] [--ceiling 1]\n");
+                   "[--mix-other-only 1] [--encrypted 1] [--cold 1] [--other DIR] [--ceiling 1] [--undo 1]\n");
       return 2;
     }
   }
@@ -214,6 +253,32 @@ int main(int argc, char** argv) {
                   Median(pattern.times) / Median(timesLarge), Best(pattern.times) / Best(patterns[0].times),
                   Median(pattern.times) / Median(patterns[0].times));
     }
+    platform::RemoveFile(db);
+    return 0;
+  }
+  if (undo) {
+    // The quick undo and the smallest, by turns, over the database and its conversion.
+    const std::string twin = db + ".converted";
+    if (std::system(("cp " + db + " " + twin + " && BYTETURN_JOURNAL=off " + byteturn + " -t " + twin + " > /dev/null" +
+                     (encrypted ? " 2>/dev/null < " + answers : std::string()))
+                        .c_str()) != 0) {
+      std::fprintf(stderr, "bench: the conversion of %s failed\n", twin.c_str());
+      return 1;
+    }
+    std::vector<double> quick, smallest;
+    std::uint64_t quickBytes = 0, smallestBytes = 0;
+    for (int r = 0; r < rounds; ++r) {
+      quick.push_back(Undo(db, twin, g.blockSize, bt::journal::Effort::kQuick, quickBytes));
+      smallest.push_back(Undo(db, twin, g.blockSize, bt::journal::Effort::kSmallest, smallestBytes));
+      std::printf("round %d: quick %.3f s, smallest %.3f s\n", r + 1, quick.back(), smallest.back());
+      std::fflush(stdout);
+    }
+    const double size = static_cast<double>(std::uint64_t{p.lastBlock} * g.blockSize);
+    std::printf("quick undo:    %.3f s (median %.3f s), %.1f%% of the database\n", Best(quick), Median(quick),
+                100.0 * static_cast<double>(quickBytes) / size);
+    std::printf("smallest undo: %.3f s (median %.3f s), %.1f%% of the database\n", Best(smallest), Median(smallest),
+                100.0 * static_cast<double>(smallestBytes) / size);
+    platform::RemoveFile(twin);
     platform::RemoveFile(db);
     return 0;
   }
