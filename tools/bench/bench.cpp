@@ -74,7 +74,8 @@ double Median(std::vector<double> times) {
 // changed (inverted, as a conversion changes them), each piece sent on its way, and before every
 // window of windowMiB a journal piece of journalShare of the window's bytes (taken from them, so
 // that it is as compressible as an undo of them) written to a journal of two slots and flushed,
-// the file flushed too (the window before must be on the disk before its record is replaced);
+// the file flushed too (the window before must be on the disk before its record is replaced; with
+// a share of 0, the flushes alone);
 // the file and the journal flushed at the end. The pattern of a journal that writes its undo
 // ahead of the writes it covers, without the conversion's own work. Two calls leave the file as
 // it was. Returns the seconds it took.
@@ -94,7 +95,7 @@ double Ceiling(const std::string& db, const std::string& journalPath, std::uint6
   for (std::uint64_t at = 0; at < size && ok; at += piece) {
     const std::uint64_t n = std::min(piece, size - at);
     ok = platform::ReadAt(file, bytes.data(), n, at) == static_cast<std::int64_t>(n);
-    if (journalBytes != 0 && at % window == 0) {
+    if (window != 0 && at % window == 0) {
       for (std::uint64_t k = 0; k < journalBytes; k += n) std::memcpy(record.data() + k, bytes.data(), n);
       ok = ok && platform::WriteAt(journal, record.data(), journalBytes, slot * journalBytes) ==
                      static_cast<std::int64_t>(journalBytes) &&
@@ -219,13 +220,16 @@ int main(int argc, char** argv) {
   };
   const std::string rewriteBlock = rewrite(std::to_string(g.blockSize)), rewriteLarge = rewrite("1M");
   if (ceiling) {
-    // Four rewrites per round (the file ends as it began), the copy after the first.
+    // Five rewrites per round, the copy after the first (each inverts every byte: the same bytes
+    // to write whichever form the file is in): alone; the file flushed every 8 MiB with no
+    // journal; journals of today's undo (a tenth of the data-rich database) at today's groups and
+    // at windows of 64 MiB; and of 4% at 64 MiB.
     struct Pattern {
       std::uint64_t windowMiB;
       double share;
       std::vector<double> times;
     };
-    Pattern patterns[] = {{0, 0, {}}, {8, 0.22, {}}, {64, 0.22, {}}, {64, 0.08, {}}};
+    Pattern patterns[] = {{0, 0, {}}, {8, 0, {}}, {8, 0.10, {}}, {64, 0.10, {}}, {64, 0.04, {}}};
     std::vector<double> timesLarge;
     for (int r = 0; r < rounds; ++r) {
       std::printf("round %d:", r + 1);
@@ -244,6 +248,8 @@ int main(int argc, char** argv) {
     for (const Pattern& pattern : patterns) {
       if (pattern.windowMiB == 0)
         std::printf("rewritten, one flush at the end:          ");
+      else if (pattern.share == 0)
+        std::printf("no journal, the file flushed every %3llu MiB: ", static_cast<unsigned long long>(pattern.windowMiB));
       else
         std::printf("journal of %2.0f%%, flushed every %3llu MiB:  ", pattern.share * 100,
                     static_cast<unsigned long long>(pattern.windowMiB));
