@@ -80,7 +80,8 @@ double Median(std::vector<double> times) {
 // ahead of the writes it covers, without the conversion's own work. Two calls leave the file as
 // it was. With a block every aloneKiB written and sent on its way first, alone, and the rest of
 // each MiB around those blocks: the same bytes in the requests of a journaled run, whose blocks
-// written out of turn reach the disk alone when their group is settled. Returns the seconds.
+// written out of turn reach the disk alone when their group is settled (a pattern that costs more
+// here than those requests cost the run: doc/benchmark.md). Returns the seconds.
 double Ceiling(const std::string& db, const std::string& journalPath, std::uint64_t windowMiB, double journalShare,
                std::uint64_t aloneKiB, std::uint32_t blockSize) {
   const platform::File file = platform::OpenReadWrite(db), journal = platform::CreateReadWrite(journalPath);
