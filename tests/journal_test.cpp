@@ -1469,6 +1469,35 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
   ExpectTwin(c);
 }
 
+// A run whose database's directory is moved away while it goes on (the operator took it for dead
+// and put the backup back in its place), started from the directory above, leaves the journal and the lock now under their names, another run's,
+// as they are: its own went with the directory, where its database is converted and unmarked.
+TEST(Journal, ARunMovedAwayLeavesWhatWasPutInItsPlace) {
+  if (UnderTest().windows) GTEST_SKIP() << "a directory whose files are open cannot be moved";
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  const std::uintmax_t size = fs::file_size(c.files[0]);
+  auto run = std::async(std::launch::async, [&] {
+    return RunByteturn({std::string("db") + Sep() + "ORVA.DAT"}, c.answers, s.dir, UnderTest().faultsExe,
+                       "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(300 * 4096) + ":slow'");
+  });
+  // Once the run has marked its file: its journal and its lock are taken, its writes not done.
+  for (int wait = 0; wait < 3000 && fs::file_size(c.files[0]) == size; ++wait)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  fs::rename(c.dir, s.Path("moved"));
+  fs::create_directories(c.dir);
+  CopyFiles(c.pristine, c.files);
+  const std::vector<std::uint8_t> journal{'n', 'e', 'w'}, lock{'l', 'o', 'c', 'k'};
+  WriteBytes(c.journal, 0, journal);
+  WriteBytes(c.lock, 0, lock);
+  const RunResult r = run.get();
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(ReadBytes(c.journal), journal);
+  EXPECT_EQ(ReadBytes(c.lock), lock);
+  EXPECT_EQ(gendb::CompareFiles(s.Path("moved/ORVA.DAT"), c.twin[0], gendb::GeometryFor(c.params.sizeCode).blockSize), "");
+  EXPECT_EQ(fs::file_size(s.Path("moved/ORVA.DAT")), size);
+}
+
 namespace {
 
 // A volume set whose further volume is the main file itself. The volume set's check takes it only

@@ -166,9 +166,16 @@ void EndJournal() {
   for (JournalFile& f : j.files) platform::Close(f.handle);
   j.files.clear();
   UnmarkMainFile();
+  const platform::FileIdentity own = platform::IdentityOf(j.file);
   platform::Close(j.file);
   j.file = platform::kInvalidFile;
   platform::ClearLastError();
+  // Where the journal's directory was moved away while the run went on, the journal now under its
+  // name is another run's, and stays; this one went with the directory, its database unmarked.
+  if (platform::NamesAnotherFile(j.path, own)) {
+    j.active = false;
+    return;
+  }
   if (!platform::RemoveFile(j.path) || !platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("removing");
   j.active = false;
 }

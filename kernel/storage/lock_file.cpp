@@ -121,9 +121,12 @@ void ReleaseLock(const std::string& lockPath) {
     RemoveLeftLock(lockPath);
     return;
   }
+  const platform::FileIdentity own = platform::IdentityOf(heldLock);
   platform::Close(heldLock);
   heldLock = platform::kInvalidFile;
-  platform::RemoveFile(lockPath);
+  // A lock now under its name that is not the one taken (its directory moved away while the run
+  // went on) is another run's.
+  if (!platform::NamesAnotherFile(lockPath, own)) platform::RemoveFile(lockPath);
   takenLock.clear();
 }
 

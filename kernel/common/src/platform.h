@@ -138,6 +138,16 @@ bool FileExists(const std::string& path);
 // Names in the directory ("." and ".." left out); none when it cannot be read.
 std::vector<std::string> DirectoryEntries(const std::string& directory);
 bool RemoveFile(const std::string& path);
+// Whether path names a file other than the one of identity now: the directory of a run's journal
+// or lock moved away while the run went on, and another run's put in its place. False where no
+// file opens there (nothing tells).
+inline bool NamesAnotherFile(const std::string& path, FileIdentity identity) {
+  const File file = OpenReadOnly(path);
+  if (file == kInvalidFile) return false;
+  const bool other = IdentityOf(file) != identity;
+  Close(file);
+  return other;
+}
 // Gives file from the name to, replacing a file of that name; on Windows written through to disk.
 bool RenameFile(const std::string& from, const std::string& to);
 // The same, but fails (leaving both names as they are) when a file named to exists already.
