@@ -1469,6 +1469,43 @@ TEST(Journal, WhatARunLeftIsRemovedByItsRecovery) {
   ExpectTwin(c);
 }
 
+// A main file shorter than its blocks (its last block free) bears the run's mark too: moved to
+// another directory once the run was cut, byteturn and byteturn-check refuse it there as they
+// refuse any other, and the recovery finishes it.
+TEST(Journal, AShortMainFileBearsTheMarkToo) {
+  Scratch s;
+  gendb::Params p;
+  p.seed = 3;
+  p.freeShare = 0.5;
+  p.mix = gendb::Mix{1, 0, 0, 0, 3, 0, 0};
+  const std::uint64_t size = std::uint64_t{p.lastBlock - 1} * gendb::GeometryFor(p.sizeCode).blockSize;
+  const Case c = Prepare(s, p, [&](const std::string& dir) { fs::resize_file(dir + "/ORVA.DAT", size); });
+  CutHalfway(c);
+  EXPECT_EQ(fs::file_size(c.files[0]), size + 4096);
+  fs::create_directories(s.Path("moved"));
+  fs::rename(c.files[0], s.Path("moved/ORVA.DAT"));
+  for (const std::string& exe : {UnderTest().exe, UnderTest().checkExe}) {
+    const RunResult refused = RunByteturn({"ORVA.DAT"}, "", s.Path("moved"), exe);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("An interrupted conversion left its journal"), std::string::npos) << refused.err;
+  }
+  fs::rename(s.Path("moved/ORVA.DAT"), c.files[0]);
+  FinishAndExpectTwin(c);
+  // A journal of version 11, whose run left such a file unmarked, is recovered as it was.
+  CutHalfway(c);
+  ASSERT_TRUE(Unmark(c.files[0]));
+  std::vector<std::uint8_t> journal = ReadBytes(c.journal);
+  bt::journal::Header header;
+  std::string why;
+  ASSERT_TRUE(bt::journal::DecodeHeader(journal.data(), journal.size(), header, why)) << why;
+  const std::size_t sum = bt::journal::EncodeHeader(header).size() - 8;
+  bt::StoreLE32(journal.data() + 8, 11);
+  bt::StoreLE64(journal.data() + sum, bt::journal::ChecksumOf(journal.data(), sum));
+  WriteBytes(c.journal, 0, journal);
+  FinishAndExpectTwin(c);
+  EXPECT_EQ(fs::file_size(c.files[0]), size);
+}
+
 // A run whose database's directory is moved away while it goes on (the operator took it for dead
 // and put the backup back in its place), started from the directory above, leaves the journal and the lock now under their names, another run's,
 // as they are: its own went with the directory, where its database is converted and unmarked.

@@ -339,7 +339,7 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   // journal can finish. Every refusal that could lead to the journal's removal says so.
   journal::Mark mark;
   const bool marked = ReadMarkOf(databaseFileName, mark);
-  const std::string caution = !marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize)
+  const std::string caution = !marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize, h.version)
                                   ? " If the database that run converted was moved or copied elsewhere, it bears the "
                                     "run's mark: finish it there with byteturn-recover before removing anything, as "
                                     "only this journal can."
@@ -411,7 +411,7 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   // converted to its end (a cut before the journal was removed, or a journal put back since). Its
   // last record would convert again the blocks that followed it.
   std::uint8_t sector[journal::kSectorBytes];
-  if (!marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize) &&
+  if (!marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize, h.version) &&
       journal::EncodeMark({h.runId, h.mainFileSize, 0, FullPath(journalPath)}, sector)) {
     const std::string lock = h.lockPath.empty() ? LockPathFor(databaseFileName) : h.lockPath;
     Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +

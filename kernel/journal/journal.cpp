@@ -94,7 +94,7 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   const std::int64_t size = main == platform::kInvalidFile ? -1 : platform::FileSize(main);
   platform::Close(main);
   j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
-  j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize);
+  j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize, j.header.version);
   // Without a mark, nothing but a journal beside the main file tells byteturn of the run.
   if (!j.marking) j.path = databaseFileName + ".journal";
   StartKeys(j.header.volumes);

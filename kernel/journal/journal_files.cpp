@@ -128,16 +128,17 @@ void CreateJournal() {
   MarkMainFile();
 }
 
-// Whether the main file can take a mark: not where it is shorter than the blocks it holds.
-bool MainFileTakesMark(std::uint64_t size) {
+// Whether the main file of a run whose journal is of version takes a mark: every one now; before
+// version 12, not one shorter than the blocks it holds.
+bool MainFileTakesMark(std::uint64_t size, std::uint32_t version) {
   const std::uint64_t blocks = furtherVolumeCount != 0 ? primaryVolumeLastBlock : lastBlock;
-  return size >= blocks * std::uint64_t{blockSize};
+  return version >= journal::kShortFilesMarkedVersion || size >= blocks * std::uint64_t{blockSize};
 }
 
 // The mark of a run resumed: the file keeps the mark it bears; one that has none (the run had not
 // marked it yet) is marked now.
 void ResumeMark() {
-  j.marking = MainFileTakesMark(j.header.mainFileSize);
+  j.marking = MainFileTakesMark(j.header.mainFileSize, j.header.version);
   journal::Mark mark;
   if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
     j.mark = MarkAt(mark.runId, mark.originalSize, mark.group);

@@ -17,7 +17,7 @@ void CreateJournal();
 // The mark on the main file: whether the file can take one; kept or made again for a run resumed;
 // the writes of a group stamped in it, or those of the record a recovery put back; cut off once
 // the run is complete.
-bool MainFileTakesMark(std::uint64_t size);
+bool MainFileTakesMark(std::uint64_t size, std::uint32_t version);
 void ResumeMark();
 bool StampGroup(std::uint64_t number);
 void StampResumedGroup();

@@ -48,9 +48,11 @@ namespace bt::journal {
 // too (a commit of an earlier version names one). Version 10 tells a sector's state by its first
 // and last changed bytes instead of storing its first and last words (kinds 6 and 7), and an undo
 // over the plaintext no longer keeps the 16 bytes before each sector. Version 11 names the lock the
-// run took by its identity and time as well as its path.
-inline constexpr std::uint32_t kVersion = 11, kOldestVersion = 5;
+// run took by its identity and time as well as its path. Version 12 marks a main file shorter than
+// its blocks too; before, such a file took no mark.
+inline constexpr std::uint32_t kVersion = 12, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
+inline constexpr std::uint32_t kShortFilesMarkedVersion = 12;  // a main file shorter than its blocks too
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
@@ -170,8 +172,9 @@ bool DecodeRecordHead(const std::uint8_t* bytes, std::size_t size, RecordHead& h
 // records it names) or later, and never one past the commit in effect: a journal older than the
 // files, or files older than the journal, show. Where the
 // journal's full path does not fit in a sector, the mark names none (an empty path): the journal
-// is then looked for where the file's journals go. A main file shorter than its blocks takes no
-// mark: a read past its end would then find the mark instead of failing.
+// is then looked for where the file's journals go. A main file shorter than its blocks takes the
+// mark as well (from version 12 on): the run's reads that reach past its size fail as they would
+// without it.
 inline constexpr std::uint64_t kMarkBytes = 4096;
 struct Mark {
   std::uint64_t runId = 0, originalSize = 0, group = 0;
