@@ -137,4 +137,26 @@ TEST(VolumeIo, OutOfOrderWriteThroughAnotherPathIsReadAgain) {
   for (const platform::File f : {read, write, other}) platform::Close(f);
 }
 
+// A full path names the file the system opens by the path given: a ".." after a link goes up from
+// where the link leads, as the system takes it, not back over the link's name.
+TEST(VolumeIo, FullPathTakesDotDotAfterALinkAsTheSystemDoes) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the system folds \"..\" by the text";
+#else
+  Scratch s;
+  std::filesystem::create_directories(s.Path("real/x"));
+  std::filesystem::create_directories(s.Path("real/db"));
+  std::filesystem::create_directories(s.Path("db"));
+  std::filesystem::create_directory_symlink(s.Path("real/x"), s.Path("link"));
+  WriteBytes(s.Path("real/db/ORVA.DAT"), 0, {1});
+  WriteBytes(s.Path("db/ORVA.DAT"), 0, {2});
+  const std::string full = platform::FullPathName(s.Path("link/../db/./ORVA.DAT"), 4096);
+  EXPECT_EQ(ReadBytes(full), std::vector<std::uint8_t>{1}) << full;
+  EXPECT_EQ(full.find(".."), std::string::npos) << full;
+  // Without a "..", links stay as they are; a path that does not exist yet is folded by the text.
+  EXPECT_EQ(platform::FullPathName(s.Path("link/file"), 4096), s.Path("link/file"));
+  EXPECT_EQ(platform::FullPathName(s.Path("none/../db/ORVA.DAT"), 4096), s.Path("db/ORVA.DAT"));
+#endif
+}
+
 }  // namespace

@@ -111,7 +111,9 @@ bool IsNotFoundError(int code);
 // Path of the running executable, cut to limit - 1 characters when longer (as the system's own
 // call cuts it), or "" when it cannot be had.
 std::string ExecutablePath(std::size_t limit);
-// Absolute form of path; "." and ".." folded, links not resolved, the path need not exist.
+// Absolute form of path; "." and ".." folded as the system takes them (on POSIX, the part up to the
+// last ".." resolved where it exists, links in it included; else links not resolved), the path
+// need not exist.
 // "" with the system error set when it fails or needs limit characters or more.
 std::string FullPathName(const std::string& path, std::size_t limit);
 

@@ -218,12 +218,29 @@ std::string ExecutablePath(std::size_t limit) {
   return std::string(buffer.data(), std::min(static_cast<std::size_t>(n), limit - 1));
 }
 
+namespace {
+// Where the last ".." of an absolute path ends; npos where it has none.
+std::size_t EndOfLastDotDot(const std::string& path) {
+  for (std::size_t at = path.rfind("/.."); at != std::string::npos; at = path.rfind("/..", at - 1)) {
+    if (at + 3 == path.size() || path[at + 3] == '/') return at + 3;
+    if (at == 0) break;
+  }
+  return std::string::npos;
+}
+}  // namespace
+
 std::string FullPathName(const std::string& path, std::size_t limit) {
   std::string joined = path;
   if (path.empty() || path[0] != '/') {
     char cwd[PATH_MAX];
     if (::getcwd(cwd, sizeof cwd) == nullptr) return "";
     joined = std::string(cwd) + "/" + path;
+  }
+  // The system takes a ".." after a link from where the link leads, not by the text: the path up
+  // to its last ".." is resolved as the system resolves it, where it exists, and the rest folded.
+  if (const std::size_t end = EndOfLastDotDot(joined); end != std::string::npos) {
+    char resolved[PATH_MAX];
+    if (::realpath(joined.substr(0, end).c_str(), resolved) != nullptr) joined = resolved + joined.substr(end);
   }
   bool trailing = !path.empty() && path.back() == '/';
   std::vector<std::string> parts;
