@@ -1397,6 +1397,39 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
   ExpectTwin(v);
 }
 
+// A volume set whose further volume lies beside the main file's directory, not under it, moved with
+// it once its run was cut: the recovery finds the volume where it lies beside the main file now,
+// and refuses while a copy lies where the run found it too (the backup put back there).
+TEST(Journal, AVolumeBesideTheMainDirectoryIsFoundWhereItMoved) {
+  Scratch s;
+  gendb::Params p = SmallSet();
+  p.volumeSet.directories = p.volumeSet.storedList = {std::string("..") + Sep() + "more" + Sep()};
+  for (const char* copy : {"run", "backup", "twin"})
+    for (const char* dir : {"/db", "/more"}) fs::create_directories(s.Path(std::string(copy) + dir));
+  Generate(p, s.Path("run/db/ORVA.DAT"));
+  Generate(p, s.Path("backup/db/ORVA.DAT"));
+  Generate(TwinOf(p), s.Path("twin/db/ORVA.DAT"));
+  const RunResult cut = RunByteturn({"ORVA.DAT"}, "yes\n", s.Path("run/db"), UnderTest().faultsExe,
+                                    kSmallGroups + "BYTETURN_POWERCUT=40:1");
+  ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
+  fs::rename(s.Path("run"), s.Path("moved"));
+  fs::create_directories(s.Path("run"));
+  fs::copy(s.Path("backup/more"), s.Path("run/more"));
+  const RunResult refused = RunByteturn({"ORVA.DAT"}, "", s.Path("moved/db"), UnderTest().recoverExe);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("volumes in " + Shown(s.Path("run/more")) + Sep() + " are there and also in " +
+                             Shown(s.Path("moved/more")) + Sep()),
+            std::string::npos)
+      << refused.err;
+  fs::remove_all(s.Path("run"));
+  const RunResult r = RunByteturn({"ORVA.DAT"}, "", s.Path("moved/db"), UnderTest().recoverExe);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  const std::vector<std::string> files = gendb::DatabaseFiles(p, s.Path("moved/db/ORVA.DAT")),
+                                  twin = gendb::DatabaseFiles(p, s.Path("twin/db/ORVA.DAT"));
+  for (std::size_t v = 0; v < files.size(); ++v)
+    EXPECT_EQ(gendb::CompareFiles(files[v], twin[v], gendb::GeometryFor(p.sizeCode).blockSize), "") << v;
+}
+
 // A run cut while it made its journal leaves it under its temporary name, and its lock: the
 // recovery removes both and says so, and byteturn then converts the database; a lock alone is
 // left to the operator, and said so. A recovery under a new name of the main file removes the

@@ -23,6 +23,7 @@
 #include "database.h"
 #include "volume_info.h"
 #include "volume_io.h"
+#include "volume_set.h"
 
 namespace bt {
 
@@ -95,6 +96,42 @@ journal::Found ReadJournalOrRefuse(platform::File file, const std::string& path)
 std::string Rebased(const std::string& dir, const journal::Header& h) {
   if (!dir.starts_with(h.mainDirectory)) return dir;
   return FullPath(DirectoryOf(databaseFileName) + platform::kSeparator) + dir.substr(h.mainDirectory.size());
+}
+
+// dir (a full path) from base (a full directory path), as ".." up to where they part and on.
+std::string RelativeTo(const std::string& dir, const std::string& base) {
+  std::size_t common = 0;
+  for (std::size_t i = 0; i < std::min(dir.size(), base.size()) && dir[i] == base[i]; ++i)
+    if (dir[i] == platform::kSeparator) common = i + 1;
+  std::string up;
+  for (std::size_t i = common; i < base.size(); ++i)
+    if (base[i] == platform::kSeparator) up += std::string("..") + platform::kSeparator;
+  return up + dir.substr(common);
+}
+
+// The directory of the volumes of index (0: the primary one) that the run found in dir, where the
+// main file's directory is now (Rebased); for one outside the main file's directory, where the main
+// file lies in another directory now, the same place relative to it where the volumes are there
+// (the database's files moved together), else dir.
+// Volumes in both places (a tree copied, or moved and a backup put back where it was) are refused:
+// which are the run's cannot be told.
+std::string Relocated(const std::string& dir, std::uint16_t index, const journal::Header& h) {
+  if (dir.starts_with(h.mainDirectory)) return Rebased(dir, h);
+  const std::string mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
+  if (mainDirectory == h.mainDirectory) return dir;
+  const std::string there = FullPath(mainDirectory + RelativeTo(dir, h.mainDirectory));
+  bool here = false, moved = false;
+  for (std::uint32_t v = 1; v <= furtherVolumeCount; ++v) {
+    char name[14] = {};
+    if (volumeDirIndex[v] != index || !VolumeFileName(v, name)) continue;
+    here = here || platform::FileExists(dir + name);
+    moved = moved || platform::FileExists(there + name);
+  }
+  if (here && moved && there != dir)
+    Refuse("the interrupted run's volumes in " + dir + " are there and also in " + there + ", placed beside " +
+           databaseFileName + " as they were beside the run's main file: which are the run's cannot be told. Move " +
+           "away those that are not, and run byteturn-recover again. Nothing was changed.");
+  return moved ? there : dir;
 }
 
 std::vector<std::uint32_t> KeysOfVolumes(const journal::Header& h) {
@@ -326,14 +363,15 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   if (h.volumes.size() != std::size_t{furtherVolumeCount} + 1)
     Refuse("the journal does not describe the volume set of " + databaseFileName + ". Nothing was changed.");
   const std::vector<std::uint32_t> keys = KeysOfVolumes(h);
-  primaryDirectory = Rebased(h.primaryDirectory, h);
-  volumeDirectories.clear();
-  for (const std::string& d : h.directories) volumeDirectories.push_back(Rebased(d, h));
   volumeFirstBlock[0] = furtherVolumeCount;
   for (std::uint32_t v = 1; v <= furtherVolumeCount; ++v) {
     volumeDirIndex[v] = h.volumes[v].directory;
     volumeFirstBlock[v] = h.volumes[v].firstBlock;
   }
+  primaryDirectory = Relocated(h.primaryDirectory, 0, h);
+  volumeDirectories.clear();
+  for (std::size_t d = 0; d < h.directories.size(); ++d)
+    volumeDirectories.push_back(Relocated(h.directories[d], static_cast<std::uint16_t>(d + 1), h));
   // A run marks its main file before its first commit: where this one bears no mark of it, the
   // run's database may be another file, moved or copied elsewhere with the mark, which only this
   // journal can finish. Every refusal that could lead to the journal's removal says so.
