@@ -430,6 +430,19 @@ TEST(LockFaults, LockThatAppearsBeforeItsCreateIsLeftAlone) {
   EXPECT_EQ(ReadBytes(s.Path("ORVA.DAT")), before);
 }
 
+// A lock whose text cannot reach the disk (it is written as the lock is closed: the disk full)
+// ends the run before it writes anything, as a short write of it does.
+TEST(LockFaults, LockTextLostAtItsCloseEndsTheRun) {
+  Scratch s;
+  Generate(Database(), s.Path("ORVA.DAT"));
+  const auto before = ReadBytes(s.Path("ORVA.DAT"));
+  RunResult r = RunByteturn({"-t", "ORVA.DAT"}, "", s.dir, UnderTest().faultsExe, "BYTETURN_FAULTS='close:orva.lck:1:ENOSPC'");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Error writing to lockfile orva.lck.\n");
+  EXPECT_EQ(ReadBytes(s.Path("ORVA.DAT")), before);
+  EXPECT_FALSE(Exists(s.Path("ORVA.DAT.journal")));
+}
+
 // Of two runs started together exactly one converts; the other finds the lock. The one that
 // takes it holds it open three seconds before writing it, so that the other surely looks for it
 // meanwhile, and must find it (on Windows a lock opened without sharing could not be read).

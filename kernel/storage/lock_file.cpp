@@ -56,7 +56,8 @@ void TakeLock(const std::string& lockPath, const std::string& fileName) {
     std::fclose(lock);
     FailTo(stderr, "Error writing to lockfile %s.\n", lockPath.c_str());
   }
-  std::fclose(lock);
+  // Its text reaches the file only as it is closed: a full disk shows here.
+  if (!platform::CloseTextFile(lock, lockPath)) FailTo(stderr, "Error writing to lockfile %s.\n", lockPath.c_str());
   takenLock = lockPath;
   heldLock = platform::OpenReadWrite(lockPath);
   if (heldLock != platform::kInvalidFile && !platform::TryLockExclusive(heldLock)) {

@@ -106,6 +106,11 @@ Fault BeforeOpen(const std::string& path, bool writing) {
   return CountedFault("openrw", path);
 }
 
+Fault BeforeTextClose(const std::string& path) {
+  const Held serial(SeamLock());
+  return CountedFault("close", path);
+}
+
 void NoteOpened(File file, const std::string& path) {
   const Held serial(SeamLock());
   Paths()[file] = Absolute(path);

@@ -68,6 +68,8 @@ Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_
 Fault BeforeSync(File file);
 void BeforeCreate(const std::string& path);
 void AfterCreate(const std::string& path);
+// A text file's close, which writes what its stream still holds ("close" in the plan).
+Fault BeforeTextClose(const std::string& path);
 // BYTETURN_BATCH_BLOCKS: blocks per batch of the conversion (0: the program's own choice).
 std::uint32_t BatchBlocks();
 // BYTETURN_CHECK_SLOTS (0: the program's own choice).
@@ -95,6 +97,7 @@ inline Fault BeforeTransfer(bool, File, std::uint64_t, std::size_t, std::uint64_
 inline Fault BeforeSync(File) { return Fault::kNone; }
 inline void BeforeCreate(const std::string&) {}
 inline void AfterCreate(const std::string&) {}
+inline Fault BeforeTextClose(const std::string&) { return Fault::kNone; }
 inline std::uint32_t BatchBlocks() { return 0; }
 inline std::uint32_t CheckSlots() { return 0; }
 inline std::uint32_t GroupBytes() { return 0; }

@@ -23,6 +23,9 @@ File OpenReadOnly(const std::string& path);
 // Creates a file that must not exist yet (atomically) and opens it for writing as text;
 // nullptr when it exists already or cannot be created.
 std::FILE* CreateNewTextFile(const std::string& path);
+// Closes a text file made so; false with the system error set where what its stream still held
+// could not be written (the disk full, say).
+bool CloseTextFile(std::FILE* file, const std::string& path);
 // Creates (or truncates) a file for reading and writing: the tools' files.
 File CreateReadWrite(const std::string& path);
 // Creates a file that must not exist yet (atomically) and opens it for reading and writing.

@@ -67,6 +67,12 @@ std::FILE* CreateNewTextFile(const std::string& path) {
   return file;
 }
 
+bool CloseTextFile(std::FILE* file, const std::string& path) {
+  const faults::Fault fault = faults::BeforeTextClose(path);
+  const bool closed = std::fclose(file) == 0;
+  return !Injected(fault) && closed;
+}
+
 void AdviseSequentialRead(File file) {
   (void)::posix_fadvise(static_cast<int>(file), 0, 0, POSIX_FADV_SEQUENTIAL);
 }

@@ -73,6 +73,12 @@ std::FILE* CreateNewTextFile(const std::string& path) {
 }
 
 // Read-ahead is the system's own choice for a file read from start to end.
+bool CloseTextFile(std::FILE* file, const std::string& path) {
+  const faults::Fault fault = faults::BeforeTextClose(path);
+  const bool closed = std::fclose(file) == 0;
+  return !Injected(fault) && closed;
+}
+
 void AdviseSequentialRead(File) {}
 
 File CreateReadWrite(const std::string& path) {
