@@ -1422,12 +1422,56 @@ TEST(Journal, AVolumeBesideTheMainDirectoryIsFoundWhereItMoved) {
             std::string::npos)
       << refused.err;
   fs::remove_all(s.Path("run"));
+  // The main file's directory moved alone, beside the volume's: that volume must be the run's own
+  // file, not a copy put in its place.
+  fs::create_directories(s.Path("run"));
+  fs::rename(s.Path("moved/db"), s.Path("run/db"));
+  fs::rename(s.Path("moved/more"), s.Path("run/more"));
+  fs::rename(s.Path("run/db"), s.Path("run/db2"));
+  const std::string volume = s.Path("run/more/ORVA-0001.VOL");
+  fs::rename(volume, s.Path("aside.vol"));
+  fs::copy_file(s.Path("backup/more/ORVA-0001.VOL"), volume);
+  const RunResult copy = RunByteturn({"ORVA.DAT"}, "", s.Path("run/db2"), UnderTest().recoverExe);
+  EXPECT_EQ(copy.status, 1);
+  EXPECT_NE(copy.err.find(Shown(volume) + " is not the file the interrupted run converted there"), std::string::npos)
+      << copy.err;
+  fs::remove(volume);
+  fs::rename(s.Path("aside.vol"), volume);
+  fs::rename(s.Path("run/db2"), s.Path("run/db"));
+  fs::rename(s.Path("run"), s.Path("moved"));
+  // A link left where the files were leads to the same files: not two places.
+  if (!UnderTest().windows) fs::create_directory_symlink(s.Path("moved"), s.Path("run"));
   const RunResult r = RunByteturn({"ORVA.DAT"}, "", s.Path("moved/db"), UnderTest().recoverExe);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   const std::vector<std::string> files = gendb::DatabaseFiles(p, s.Path("moved/db/ORVA.DAT")),
                                   twin = gendb::DatabaseFiles(p, s.Path("twin/db/ORVA.DAT"));
   for (std::size_t v = 0; v < files.size(); ++v)
     EXPECT_EQ(gendb::CompareFiles(files[v], twin[v], gendb::GeometryFor(p.sizeCode).blockSize), "") << v;
+}
+
+// A main file shorter than a block the run converts: the run stops at its read, as without the
+// journal, and bears the mark at the file's end. Its missing bytes put back (over the mark), the
+// recovery finishes it without the mark, as a run of an earlier version left such a file, instead
+// of taking the missing mark for a run complete.
+TEST(Journal, AShortMainFileGivenBackItsBlocksIsFinished) {
+  Scratch s;
+  gendb::Params p;
+  p.seed = 7;
+  p.lastBlock = 3000;
+  p.freeShare = 0.6;
+  Generate(p, s.Path("whole.dat"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
+  const std::uint64_t size = 2998 * 8192 + 5000;
+  fs::create_directories(s.Path("db"));
+  fs::copy_file(s.Path("whole.dat"), s.Path("db/ORVA.DAT"));
+  fs::resize_file(s.Path("db/ORVA.DAT"), size);
+  const RunResult run = RunByteturn({"-t", "ORVA.DAT"}, "", s.Path("db"));
+  ASSERT_EQ(run.status, 1) << run.out << run.err;
+  EXPECT_NE(run.out.find("Error read block #2999."), std::string::npos) << run.out;
+  WriteBytes(s.Path("db/ORVA.DAT"), size, ReadBytes(s.Path("whole.dat"), size));
+  const RunResult r = RunByteturn({"ORVA.DAT"}, "", s.Path("db"), UnderTest().recoverExe);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(gendb::CompareFiles(s.Path("db/ORVA.DAT"), s.Path("twin.dat"), 8192), "");
 }
 
 // A run cut while it made its journal leaves it under its temporary name, and its lock: the
@@ -1547,25 +1591,37 @@ TEST(Journal, ARunMovedAwayLeavesWhatWasPutInItsPlace) {
   Scratch s;
   const Case c = Prepare(s, Rich());
   const std::uintmax_t size = fs::file_size(c.files[0]);
-  auto run = std::async(std::launch::async, [&] {
-    return RunByteturn({std::string("db") + Sep() + "ORVA.DAT"}, c.answers, s.dir, UnderTest().faultsExe,
-                       "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(300 * 4096) + ":slow'");
-  });
-  // Once the run has marked its file: its journal and its lock are taken, its writes not done.
-  for (int wait = 0; wait < 3000 && fs::file_size(c.files[0]) == size; ++wait)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  fs::rename(c.dir, s.Path("moved"));
-  fs::create_directories(c.dir);
-  CopyFiles(c.pristine, c.files);
   const std::vector<std::uint8_t> journal{'n', 'e', 'w'}, lock{'l', 'o', 'c', 'k'};
-  WriteBytes(c.journal, 0, journal);
-  WriteBytes(c.lock, 0, lock);
-  const RunResult r = run.get();
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_EQ(ReadBytes(c.journal), journal);
-  EXPECT_EQ(ReadBytes(c.lock), lock);
-  EXPECT_EQ(gendb::CompareFiles(s.Path("moved/ORVA.DAT"), c.twin[0], gendb::GeometryFor(c.params.sizeCode).blockSize), "");
-  EXPECT_EQ(fs::file_size(s.Path("moved/ORVA.DAT")), size);
+  for (const bool put : {true, false}) {
+    SCOPED_TRACE(put ? "another run's files put in its place" : "nothing put in its place");
+    Reset(c);
+    auto run = std::async(std::launch::async, [&] {
+      return RunByteturn({std::string("db") + Sep() + "ORVA.DAT"}, c.answers, s.dir, UnderTest().faultsExe,
+                         "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(300 * 4096) + ":slow'");
+    });
+    // Once the run has marked its file: its journal and its lock are taken, its writes not done.
+    for (int wait = 0; wait < 3000 && fs::file_size(c.files[0]) == size; ++wait)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    fs::rename(c.dir, s.Path("moved"));
+    fs::create_directories(c.dir);
+    if (put) {
+      CopyFiles(c.pristine, c.files);
+      WriteBytes(c.journal, 0, journal);
+      WriteBytes(c.lock, 0, lock);
+    }
+    const RunResult r = run.get();
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(Exists(c.journal) && ReadBytes(c.journal) == journal, put);
+    EXPECT_EQ(Exists(c.lock) && ReadBytes(c.lock) == lock, put);
+    const std::string moved = s.Path("moved/ORVA.DAT");
+    EXPECT_EQ(gendb::CompareFiles(moved, c.twin[0], gendb::GeometryFor(c.params.sizeCode).blockSize), "");
+    EXPECT_EQ(fs::file_size(moved), size);
+    // Its own journal and lock went with the directory: removed there, as they would have been here.
+    EXPECT_FALSE(Exists(s.Path("moved/ORVA.DAT.journal")));
+    EXPECT_FALSE(Exists(s.Path("moved/orva.lck")));
+    fs::remove_all(c.dir);
+    fs::rename(s.Path("moved"), c.dir);
+  }
 }
 
 namespace {

@@ -109,29 +109,53 @@ std::string RelativeTo(const std::string& dir, const std::string& base) {
   return up + dir.substr(common);
 }
 
+// The identity of the file at path; {} where none opens there.
+platform::FileIdentity IdentityAt(const std::string& path) {
+  const platform::File file = platform::OpenReadOnly(path);
+  if (file == platform::kInvalidFile) return {};
+  const platform::FileIdentity identity = platform::IdentityOf(file);
+  platform::Close(file);
+  return identity;
+}
+
 // The directory of the volumes of index (0: the primary one) that the run found in dir, where the
-// main file's directory is now (Rebased); for one outside the main file's directory, where the main
-// file lies in another directory now, the same place relative to it where the volumes are there
-// (the database's files moved together), else dir.
-// Volumes in both places (a tree copied, or moved and a backup put back where it was) are refused:
-// which are the run's cannot be told.
+// main file's directory is now (Rebased). For one outside the main file's directory, where the main
+// file lies in another directory now: the same place relative to it where the volumes are there
+// (the database's files moved together), else dir, whose volumes must then be the run's own files
+// (not a backup put back, or a copy, where the run found them). Other volumes in both places (a
+// tree copied, or moved and a backup put back where it was) are refused: which are the run's
+// cannot be told.
 std::string Relocated(const std::string& dir, std::uint16_t index, const journal::Header& h) {
   if (dir.starts_with(h.mainDirectory)) return Rebased(dir, h);
   const std::string mainDirectory = FullPath(DirectoryOf(databaseFileName) + platform::kSeparator);
   if (mainDirectory == h.mainDirectory) return dir;
   const std::string there = FullPath(mainDirectory + RelativeTo(dir, h.mainDirectory));
-  bool here = false, moved = false;
+  constexpr platform::FileIdentity kNone{};
+  bool moved = false, other = false, notTheRuns = false;
+  std::string notTheRunsPath;
   for (std::uint32_t v = 1; v <= furtherVolumeCount; ++v) {
     char name[14] = {};
     if (volumeDirIndex[v] != index || !VolumeFileName(v, name)) continue;
-    here = here || platform::FileExists(dir + name);
-    moved = moved || platform::FileExists(there + name);
+    const platform::FileIdentity here = IdentityAt(dir + name);
+    const platform::FileIdentity beside = there == dir ? kNone : IdentityAt(there + name);
+    moved = moved || beside != kNone;
+    other = other || (here != kNone && beside != kNone && here != beside);  // not one file through a link
+    if (here != kNone && here != h.volumes[v].identity && h.volumes[v].identity != kNone && !notTheRuns) {
+      notTheRuns = true;
+      notTheRunsPath = dir + name;
+    }
   }
-  if (here && moved && there != dir)
+  if (other)
     Refuse("the interrupted run's volumes in " + dir + " are there and also in " + there + ", placed beside " +
            databaseFileName + " as they were beside the run's main file: which are the run's cannot be told. Move " +
            "away those that are not, and run byteturn-recover again. Nothing was changed.");
-  return moved ? there : dir;
+  if (moved) return there;
+  if (notTheRuns)
+    Refuse(notTheRunsPath + " is not the file the interrupted run converted there (one put back or copied there " +
+           "since), and " + databaseFileName + " lies elsewhere than the run's main file: which files are the run's " +
+           "cannot be told. Put back the run's files where it left them, or " + databaseFileName +
+           " where the run's main file was. Nothing was changed.");
+  return dir;
 }
 
 std::vector<std::uint32_t> KeysOfVolumes(const journal::Header& h) {
@@ -377,7 +401,7 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   // journal can finish. Every refusal that could lead to the journal's removal says so.
   journal::Mark mark;
   const bool marked = ReadMarkOf(databaseFileName, mark);
-  const std::string caution = !marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize, h.version)
+  const std::string caution = !marked && found.commit.number != 0 && journaling::MarkExpected(h)
                                   ? " If the database that run converted was moved or copied elsewhere, it bears the "
                                     "run's mark: finish it there with byteturn-recover before removing anything, as "
                                     "only this journal can."
@@ -449,7 +473,7 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   // converted to its end (a cut before the journal was removed, or a journal put back since). Its
   // last record would convert again the blocks that followed it.
   std::uint8_t sector[journal::kSectorBytes];
-  if (!marked && found.commit.number != 0 && journaling::MainFileTakesMark(h.mainFileSize, h.version) &&
+  if (!marked && found.commit.number != 0 && journaling::MarkExpected(h) &&
       journal::EncodeMark({h.runId, h.mainFileSize, 0, FullPath(journalPath)}, sector)) {
     const std::string lock = h.lockPath.empty() ? LockPathFor(databaseFileName) : h.lockPath;
     Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +

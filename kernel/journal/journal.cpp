@@ -166,17 +166,14 @@ void EndJournal() {
   for (JournalFile& f : j.files) platform::Close(f.handle);
   j.files.clear();
   UnmarkMainFile();
-  const platform::FileIdentity own = platform::IdentityOf(j.file);
+  // Where the journal's directory was moved away while the run went on, it is removed where it
+  // lies now; a journal put under its old name since is another run's, and stays.
+  const std::string path = platform::PathToRemove(j.path, j.file);
   platform::Close(j.file);
   j.file = platform::kInvalidFile;
   platform::ClearLastError();
-  // Where the journal's directory was moved away while the run went on, the journal now under its
-  // name is another run's, and stays; this one went with the directory, its database unmarked.
-  if (platform::NamesAnotherFile(j.path, own)) {
-    j.active = false;
-    return;
-  }
-  if (!platform::RemoveFile(j.path) || !platform::SyncDirectory(DirectoryOf(j.path))) JournalFailed("removing");
+  if (!path.empty() && (!platform::RemoveFile(path) || !platform::SyncDirectory(DirectoryOf(path))))
+    JournalFailed("removing");
   j.active = false;
 }
 

@@ -135,10 +135,20 @@ bool MainFileTakesMark(std::uint64_t size, std::uint32_t version) {
   return version >= journal::kShortFilesMarkedVersion || size >= blocks * std::uint64_t{blockSize};
 }
 
+bool MarkExpected(const journal::Header& header) {
+  if (!MainFileTakesMark(header.mainFileSize, header.version)) return false;
+  journal::Mark mark;
+  if (MainFileTakesMark(header.mainFileSize, 0) || ReadMarkOf(databaseFileName, mark)) return true;
+  const platform::File file = platform::OpenReadOnly(databaseFileName);
+  const std::int64_t size = file == platform::kInvalidFile ? -1 : platform::FileSize(file);
+  platform::Close(file);
+  return size == static_cast<std::int64_t>(header.mainFileSize);
+}
+
 // The mark of a run resumed: the file keeps the mark it bears; one that has none (the run had not
 // marked it yet) is marked now.
 void ResumeMark() {
-  j.marking = MainFileTakesMark(j.header.mainFileSize, j.header.version);
+  j.marking = MarkExpected(j.header);
   journal::Mark mark;
   if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
     j.mark = MarkAt(mark.runId, mark.originalSize, mark.group);

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "journal_format.h"
+
 namespace bt::journaling {
 
 // The run fails: what went wrong with the journal, or with the main file's mark.
@@ -18,6 +20,11 @@ void CreateJournal();
 // the writes of a group stamped in it, or those of the record a recovery put back; cut off once
 // the run is complete.
 bool MainFileTakesMark(std::uint64_t size, std::uint32_t version);
+// Whether the main file of the interrupted run of header bears, or is to bear, its mark: as
+// MainFileTakesMark, but for a main file shorter than its blocks, not where it bears none and
+// holds other than the run's bytes (its missing blocks put back since, over the mark): such a file
+// is finished without one, as a run before version 12 left it.
+bool MarkExpected(const journal::Header& header);
 void ResumeMark();
 bool StampGroup(std::uint64_t number);
 void StampResumedGroup();

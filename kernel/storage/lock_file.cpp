@@ -122,12 +122,12 @@ void ReleaseLock(const std::string& lockPath) {
     RemoveLeftLock(lockPath);
     return;
   }
-  const platform::FileIdentity own = platform::IdentityOf(heldLock);
+  // Where its directory was moved away while the run went on, the lock is removed where it lies
+  // now; a lock put under its old name since is another run's, and stays.
+  const std::string path = platform::PathToRemove(lockPath, heldLock);
   platform::Close(heldLock);
   heldLock = platform::kInvalidFile;
-  // A lock now under its name that is not the one taken (its directory moved away while the run
-  // went on) is another run's.
-  if (!platform::NamesAnotherFile(lockPath, own)) platform::RemoveFile(lockPath);
+  if (!path.empty()) platform::RemoveFile(path);
   takenLock.clear();
 }
 

@@ -143,15 +143,20 @@ bool FileExists(const std::string& path);
 // Names in the directory ("." and ".." left out); none when it cannot be read.
 std::vector<std::string> DirectoryEntries(const std::string& directory);
 bool RemoveFile(const std::string& path);
-// Whether path names a file other than the one of identity now: the directory of a run's journal
-// or lock moved away while the run went on, and another run's put in its place. False where no
-// file opens there (nothing tells).
-inline bool NamesAnotherFile(const std::string& path, FileIdentity identity) {
-  const File file = OpenReadOnly(path);
-  if (file == kInvalidFile) return false;
-  const bool other = IdentityOf(file) != identity;
-  Close(file);
-  return other;
+// Where the file behind the handle lies now, as a full path; "" where the system cannot tell or it
+// was removed. After its directory was moved, the new place.
+std::string PathNow(File file);
+// The path by which the file behind the handle is to be removed once closed: path where it names
+// that file, else where the file lies now (its directory moved away while the file was open, and
+// another file, which stays, put at path, or none); path where neither tells; "" where path names
+// another file and where the file lies now cannot be told.
+inline std::string PathToRemove(const std::string& path, File file) {
+  const File there = OpenReadOnly(path);
+  const bool same = there != kInvalidFile && IdentityOf(there) == IdentityOf(file);
+  Close(there);
+  if (same) return path;
+  const std::string now = PathNow(file);
+  return now.empty() && there == kInvalidFile ? path : now;
 }
 // Gives file from the name to, replacing a file of that name; on Windows written through to disk.
 bool RenameFile(const std::string& from, const std::string& to);

@@ -224,6 +224,15 @@ std::string ExecutablePath(std::size_t limit) {
   return std::string(buffer.data(), std::min(static_cast<std::size_t>(n), limit - 1));
 }
 
+std::string PathNow(File file) {
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  std::vector<char> buffer(PATH_MAX + 1);
+  const ssize_t n = ::readlink(link.c_str(), buffer.data(), buffer.size() - 1);
+  if (n <= 0 || buffer[0] != '/') return "";
+  const std::string path(buffer.data(), static_cast<std::size_t>(n));
+  return path.ends_with(" (deleted)") ? "" : path;
+}
+
 namespace {
 // Where the last ".." of an absolute path ends; npos where it has none.
 std::size_t EndOfLastDotDot(const std::string& path) {

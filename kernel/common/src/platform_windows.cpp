@@ -107,6 +107,16 @@ FileIdentity IdentityOf(File file) {
   return {info.dwVolumeSerialNumber, std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow};
 }
 
+std::string PathNow(File file) {
+  std::vector<char> buffer(32768);
+  const DWORD n = GetFinalPathNameByHandleA(ToHandle(file), buffer.data(), static_cast<DWORD>(buffer.size()),
+                                            FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+  if (n == 0 || n >= buffer.size()) return "";
+  const std::string path(buffer.data(), n);
+  if (path.starts_with("\\\\?\\UNC\\")) return "\\\\" + path.substr(8);
+  return path.starts_with("\\\\?\\") ? path.substr(4) : path;
+}
+
 std::uint64_t ChangedTimeOf(File file) {
   BY_HANDLE_FILE_INFORMATION info;
   if (!GetFileInformationByHandle(ToHandle(file), &info)) return 0;
