@@ -1403,7 +1403,7 @@ TEST(Journal, AMovedDatabaseIsFinishedFromAnyDirectory) {
 TEST(Journal, AVolumeBesideTheMainDirectoryIsFoundWhereItMoved) {
   Scratch s;
   gendb::Params p = SmallSet();
-  p.volumeSet.directories = p.volumeSet.storedList = {std::string("..") + Sep() + "more" + Sep()};
+  p.volumeSet.directories = p.volumeSet.storedList = {"../more/"};
   for (const char* copy : {"run", "backup", "twin"})
     for (const char* dir : {"/db", "/more"}) fs::create_directories(s.Path(std::string(copy) + dir));
   Generate(p, s.Path("run/db/ORVA.DAT"));
@@ -1450,9 +1450,10 @@ TEST(Journal, AVolumeBesideTheMainDirectoryIsFoundWhereItMoved) {
 }
 
 // A main file shorter than a block the run converts: the run stops at its read, as without the
-// journal, and bears the mark at the file's end. Its missing bytes put back (over the mark), the
-// recovery finishes it without the mark, as a run of an earlier version left such a file, instead
-// of taking the missing mark for a run complete.
+// journal, and bears the mark at the file's end. Its missing bytes put back in their places (over
+// the mark), the recovery finishes it without the mark, as a run of an earlier version left such a
+// file, instead of taking the missing mark for a run complete; appended after the mark, they are
+// refused.
 TEST(Journal, AShortMainFileGivenBackItsBlocksIsFinished) {
   Scratch s;
   gendb::Params p;
@@ -1465,10 +1466,25 @@ TEST(Journal, AShortMainFileGivenBackItsBlocksIsFinished) {
   fs::create_directories(s.Path("db"));
   fs::copy_file(s.Path("whole.dat"), s.Path("db/ORVA.DAT"));
   fs::resize_file(s.Path("db/ORVA.DAT"), size);
-  const RunResult run = RunByteturn({"-t", "ORVA.DAT"}, "", s.Path("db"));
+  // Its journal lies beside it, wherever BYTETURN_JOURNAL sends others: a repair of its missing
+  // blocks writes over the mark, which then names it no more.
+  fs::create_directories(s.Path("elsewhere"));
+  const RunResult run = RunByteturn({"-t", "ORVA.DAT"}, "", s.Path("db"), "", "BYTETURN_JOURNAL=" + Shown(s.Path("elsewhere")));
   ASSERT_EQ(run.status, 1) << run.out << run.err;
   EXPECT_NE(run.out.find("Error read block #2999."), std::string::npos) << run.out;
-  WriteBytes(s.Path("db/ORVA.DAT"), size, ReadBytes(s.Path("whole.dat"), size));
+  EXPECT_TRUE(Exists(s.Path("db/ORVA.DAT.journal")));
+  EXPECT_TRUE(fs::is_empty(s.Path("elsewhere")));
+  // The missing bytes appended after the mark, not put in their places: refused, nothing changed.
+  const std::vector<std::uint8_t> missing = ReadBytes(s.Path("whole.dat"), size);
+  WriteBytes(s.Path("db/ORVA.DAT"), size + 4096, missing);
+  const RunResult appended = RunByteturn({"ORVA.DAT"}, "", s.Path("db"), UnderTest().recoverExe);
+  EXPECT_EQ(appended.status, 1);
+  EXPECT_NE(appended.err.find("ORVA.DAT bears the interrupted run's mark at byte " + std::to_string(size)),
+            std::string::npos)
+      << appended.err;
+  EXPECT_EQ(fs::file_size(s.Path("db/ORVA.DAT")), size + 4096 + missing.size());
+  fs::resize_file(s.Path("db/ORVA.DAT"), size + 4096);
+  WriteBytes(s.Path("db/ORVA.DAT"), size, missing);
   const RunResult r = RunByteturn({"ORVA.DAT"}, "", s.Path("db"), UnderTest().recoverExe);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_EQ(gendb::CompareFiles(s.Path("db/ORVA.DAT"), s.Path("twin.dat"), 8192), "");

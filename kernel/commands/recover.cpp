@@ -401,6 +401,11 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   // journal can finish. Every refusal that could lead to the journal's removal says so.
   journal::Mark mark;
   const bool marked = ReadMarkOf(databaseFileName, mark);
+  if (!marked && journaling::MarkInside(h))
+    Refuse(databaseFileName + " bears the interrupted run's mark at byte " + std::to_string(h.mainFileSize) +
+           ", where the file ended then, with bytes added after it since: the recovery would take the mark for " +
+           "blocks. Cut " + databaseFileName + " back to " + std::to_string(h.mainFileSize + journal::kMarkBytes) +
+           " bytes, then put its missing blocks back at their places, over the mark. Nothing was changed.");
   const std::string caution = !marked && found.commit.number != 0 && journaling::MarkExpected(h)
                                   ? " If the database that run converted was moved or copied elsewhere, it bears the "
                                     "run's mark: finish it there with byteturn-recover before removing anything, as "

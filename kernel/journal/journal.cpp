@@ -95,8 +95,9 @@ void BeginJournal(bool verbose, const std::string& lockPath, const Maps& maps) {
   platform::Close(main);
   j.header.mainFileSize = size < 0 ? 0 : static_cast<std::uint64_t>(size);
   j.marking = size >= 0 && MainFileTakesMark(j.header.mainFileSize, j.header.version);
-  // Without a mark, nothing but a journal beside the main file tells byteturn of the run.
-  if (!j.marking) j.path = databaseFileName + ".journal";
+  // Without a mark, nothing but a journal beside the main file tells byteturn of the run; nor with
+  // the mark of a main file shorter than its blocks, which a repair of its missing blocks writes over.
+  if (!j.marking || !MainFileTakesMark(j.header.mainFileSize, 0)) j.path = databaseFileName + ".journal";
   StartKeys(j.header.volumes);
   j.groupBlock = 1;
   j.groupMaps = MapState{};

@@ -145,6 +145,20 @@ bool MarkExpected(const journal::Header& header) {
   return size == static_cast<std::int64_t>(header.mainFileSize);
 }
 
+bool MarkInside(const journal::Header& header) {
+  const platform::File file = platform::OpenReadOnly(databaseFileName);
+  if (file == platform::kInvalidFile) return false;
+  std::uint8_t bytes[journal::kMarkBytes];
+  journal::Mark mark;
+  const std::int64_t size = platform::FileSize(file);
+  const bool inside = size > static_cast<std::int64_t>(header.mainFileSize + journal::kMarkBytes) &&
+                      ReadThrough(file, header.mainFileSize, bytes, sizeof bytes) &&
+                      journal::DecodeMark(bytes, header.mainFileSize + journal::kMarkBytes, mark) &&
+                      mark.runId == header.runId;
+  platform::Close(file);
+  return inside;
+}
+
 // The mark of a run resumed: the file keeps the mark it bears; one that has none (the run had not
 // marked it yet) is marked now.
 void ResumeMark() {

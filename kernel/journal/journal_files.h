@@ -25,6 +25,9 @@ bool MainFileTakesMark(std::uint64_t size, std::uint32_t version);
 // holds other than the run's bytes (its missing blocks put back since, over the mark): such a file
 // is finished without one, as a run before version 12 left it.
 bool MarkExpected(const journal::Header& header);
+// Whether the main file bears the run of header's mark at the file's starting size, with bytes
+// added after it since (a short file's missing blocks appended past the mark).
+bool MarkInside(const journal::Header& header);
 void ResumeMark();
 bool StampGroup(std::uint64_t number);
 void StampResumedGroup();
