@@ -70,6 +70,10 @@ TEST(Journal, AnUndoPutsBackTheBlockOverAnyTornWrite) {
           SCOPED_TRACE(effort == Effort::kQuick ? "quick" : "smallest");
           std::vector<std::uint8_t> undo(bt::journal::MaxUndoBytes(size));
           const std::size_t n = bt::journal::EncodeUndo(before.data(), after.data(), size, effort, undo.data());
+          // The processor's vectors give what the portable encoder gives.
+          std::vector<std::uint8_t> portable(undo.size());
+          portable.resize(bt::journal::EncodeUndoWordByWord(before.data(), after.data(), size, effort, portable.data()));
+          EXPECT_EQ(portable, std::vector<std::uint8_t>(undo.begin(), undo.begin() + static_cast<std::ptrdiff_t>(n)));
           const bool spans = reversing && effort == Effort::kSmallest;
           EXPECT_LE(n, size / 64 + changed + 3 * sectors + (spans ? 16 * sectors : 8 * changed));
           // Looking for spans across words makes the undo smaller where the write made them.

@@ -160,7 +160,8 @@ struct Aside {
   std::uint8_t* words;
   Aside() {
     thread_local std::array<std::uint8_t, kMaxBlockSize / kSectorBytes * kEdgeBytes> edgesAside;
-    thread_local std::array<std::uint8_t, kMaxBlockSize> wordsAside;
+    // (room for a quad's words stored past the last: EncodeStoredByQuads stores all four)
+    thread_local std::array<std::uint8_t, kMaxBlockSize + 32> wordsAside;
     edges = edgesAside.data();
     words = wordsAside.data();
   }
@@ -174,17 +175,188 @@ std::size_t Gathered(const std::uint8_t* undo, std::uint8_t* codes, const Aside&
   return static_cast<std::size_t>(codes - undo) + edges + words;
 }
 
+#if defined(__x86_64__)
+// The orders of kinds 1 to 4 on both halves of every word, and the whole word reversed, as byte
+// shuffles of each 16 bytes.
+constexpr auto kLineOrders = [] {
+  constexpr std::uint8_t lanes[5][8] = {{3, 2, 1, 0, 7, 6, 5, 4}, {1, 0, 3, 2, 5, 4, 7, 6}, {1, 0, 2, 3, 5, 4, 6, 7},
+                                        {0, 1, 3, 2, 4, 5, 7, 6}, {7, 6, 5, 4, 3, 2, 1, 0}};
+  std::array<std::array<std::uint8_t, 64>, 5> all{};
+  for (std::size_t k = 0; k < 5; ++k)
+    for (std::size_t i = 0; i < 64; ++i) all[k][i] = static_cast<std::uint8_t>(i % 16 / 8 * 8 + lanes[k][i % 8]);
+  return all;
+}();
+
+#define BT_QUADS_TARGET __attribute__((target("avx2,popcnt")))
+
+BT_QUADS_TARGET inline __m256i LoadQuad(const std::uint8_t* at) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at)); }
+
+// Bytes 0..3 of a 16-byte shuffle that packs the bytes of a mask's set bits (of four) first.
+constexpr auto kPackBytes = [] {
+  std::array<std::array<std::uint8_t, 16>, 16> all{};
+  for (unsigned m = 0; m < 16; ++m) {
+    unsigned n = 0;
+    for (unsigned i = 0; i < 4; ++i)
+      if ((m >> i & 1) != 0) all[m][n++] = static_cast<std::uint8_t>(i);
+    for (; n < 16; ++n) all[m][n] = 0x80;
+  }
+  return all;
+}();
+// The stored words' ends (kStoredWord) of a mask's set bits, a byte a word.
+constexpr auto kStoredBytes = [] {
+  std::array<std::uint32_t, 16> all{};
+  for (unsigned m = 0; m < 16; ++m)
+    for (unsigned i = 0; i < 4; ++i)
+      if ((m >> i & 1) != 0) all[m] |= std::uint32_t{kStoredWord} << 8 * i;
+  return all;
+}();
+// The 32-bit lanes that pack the words (of four) of a mask's set bits first.
+constexpr auto kPackWords = [] {
+  std::array<std::array<std::uint32_t, 8>, 16> all{};
+  for (unsigned m = 0; m < 16; ++m) {
+    unsigned n = 0;
+    for (unsigned i = 0; i < 4; ++i)
+      if ((m >> i & 1) != 0) all[m][n++] = 2 * i, all[m][n++] = 2 * i + 1;
+  }
+  return all;
+}();
+
+// Every order tried on four words at once (CodeOf), giving each word's ends.
+struct QuadCoder {
+  __m256i halfOrders[4], wordOrder, kindEnds;
+
+  BT_QUADS_TARGET QuadCoder() {
+    for (std::size_t k = 0; k < 4; ++k) halfOrders[k] = LoadQuad(kLineOrders[k].data());
+    wordOrder = LoadQuad(kLineOrders[4].data());
+    // A half's ends by its kind, in each 16 bytes; no kind (and bytes past a kind) give nothing.
+    kindEnds = _mm256_setr_epi8(0x0F, 0x08, 0x0A, 0x0E, 0x0B, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x0F, 0x08, 0x0A, 0x0E,
+                                0x0B, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+  }
+
+  // The ends of the order that turns each word of now back into was, in the low byte of its lane
+  // (words unchanged or of no order: any); the words of no order (a bit each) in unordered.
+  BT_QUADS_TARGET __m256i Ends(__m256i was, __m256i now, unsigned& unordered) const {
+    const __m256i none = _mm256_set1_epi32(kNoKind);
+    // Each half's kind, the first that fits laid last.
+    __m256i kinds = none;
+    for (int kind = 4; kind >= 1; --kind)
+      kinds = _mm256_blendv_epi8(kinds, _mm256_set1_epi32(kind),
+                                 _mm256_cmpeq_epi32(was, _mm256_shuffle_epi8(now, halfOrders[kind - 1])));
+    kinds = _mm256_andnot_si256(_mm256_cmpeq_epi32(was, now), kinds);
+    const __m256i whole = _mm256_cmpeq_epi64(was, _mm256_shuffle_epi8(now, wordOrder));
+    // The low half's ends, and the high half's shifted in above them.
+    __m256i ends = _mm256_and_si256(_mm256_shuffle_epi8(kindEnds, kinds), _mm256_set1_epi32(0xFF));
+    ends = _mm256_or_si256(ends, _mm256_srli_epi64(ends, 28));
+    ends = _mm256_blendv_epi8(ends, _mm256_set1_epi64x(kWholeWordEnds), whole);
+    // A word either of whose halves has no kind, and not reversed whole, has no order.
+    __m256i noKind = _mm256_cmpeq_epi32(kinds, none);
+    noKind = _mm256_andnot_si256(whole, _mm256_or_si256(noKind, _mm256_shuffle_epi32(noKind, 0xB1)));
+    unordered = static_cast<unsigned>(_mm256_movemask_pd(_mm256_castsi256_pd(noKind)));
+    return ends;
+  }
+};
+
+// The low bytes of a quad's four words, packed.
+BT_QUADS_TARGET inline __m128i LowBytes(__m256i quad) {
+  const __m256i pick = _mm256_setr_epi8(0, 8, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 8, -1, -1, -1,
+                                        -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  const __m256i picked = _mm256_shuffle_epi8(quad, pick);
+  return _mm_unpacklo_epi16(_mm256_castsi256_si128(picked), _mm256_extracti128_si256(picked, 1));
+}
+
+// The bits of the four words of a quad that changed.
+BT_QUADS_TARGET inline unsigned ChangedIn(__m256i was, __m256i now) {
+  return ~static_cast<unsigned>(_mm256_movemask_pd(_mm256_castsi256_pd(_mm256_cmpeq_epi64(was, now)))) & 15u;
+}
+
+// SectorEndsWordByWord, four words at a time.
+BT_QUADS_TARGET std::uint64_t SectorEndsByQuads(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t s,
+                                                std::uint8_t* undo, std::uint8_t* ends) {
+  const QuadCoder coder;
+  const std::uint8_t* was = before + kSectorBytes * s;
+  const std::uint8_t* now = after + kSectorBytes * s;
+  std::uint64_t named = 0, spanned = 0;
+  for (unsigned q = 0; q < kSectorWords / 4; ++q) {
+    const __m256i b = LoadQuad(was + 32 * q), a = LoadQuad(now + 32 * q);
+    const unsigned changed = ChangedIn(b, a);
+    if (changed == 0) continue;
+    unsigned unordered = 0;
+    _mm_storeu_si32(ends + 4 * q, LowBytes(coder.Ends(b, a, unordered)));
+    named |= std::uint64_t{changed} << 4 * q;
+    spanned |= std::uint64_t{unordered & changed} << 4 * q;
+  }
+  StoreLE64(undo + 8 * s, named);
+  return spanned;
+}
+
+// The quick undo (EncodeWordByWord, the words of no order stored), four words at a time: each
+// sector's bitmap and edges, then each quad's ends and stored words, packed.
+BT_QUADS_TARGET std::size_t EncodeStoredByQuads(const std::uint8_t* before, const std::uint8_t* after,
+                                                std::uint32_t blockSize, std::uint8_t* undo) {
+  const QuadCoder coder;
+  std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
+  const Aside start;
+  Aside at = start;
+  for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
+    const std::uint8_t* was = before + kSectorBytes * s;
+    const std::uint8_t* now = after + kSectorBytes * s;
+    std::uint64_t named = 0;
+    for (unsigned q = 0; q < kSectorWords / 4; ++q)
+      named |= std::uint64_t{ChangedIn(LoadQuad(was + 32 * q), LoadQuad(now + 32 * q))} << 4 * q;
+    StoreLE64(undo + 8 * s, named);
+    if (named == 0) continue;
+    at.edges = PutEdges(before, after, s, named, at.edges);
+    for (unsigned q = 0; q < kSectorWords / 4; ++q) {
+      const auto changed = static_cast<unsigned>(named >> 4 * q & 15u);
+      if (changed == 0) continue;
+      const __m256i b = LoadQuad(was + 32 * q), a = LoadQuad(now + 32 * q);
+      unsigned unordered = 0;
+      const __m256i ends = coder.Ends(b, a, unordered);
+      const unsigned stored = unordered & changed;
+      const auto four = static_cast<std::uint32_t>(_mm_cvtsi128_si32(LowBytes(ends))) | kStoredBytes[stored];
+      const __m128i pack = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kPackBytes[changed].data()));
+      // (four bytes stored whatever the count: the undo's room holds the words stored after the codes)
+      _mm_storeu_si32(codes, _mm_shuffle_epi8(_mm_cvtsi32_si128(static_cast<int>(four)), pack));
+      codes += __builtin_popcount(changed);
+      if (stored == 0) continue;
+      const __m256i words = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kPackWords[stored].data()));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(at.words), _mm256_permutevar8x32_epi32(b, words));
+      at.words += 8 * __builtin_popcount(stored);
+    }
+  }
+  return Gathered(undo, codes, start, at);
+}
+
+#undef BT_QUADS_TARGET
+#endif
+
+// The ends of each word of a sector (SectorEndsWordByWord), by the processor's vectors where it has them.
+using SectorEndsFinder = std::uint64_t (*)(const std::uint8_t*, const std::uint8_t*, std::uint32_t, std::uint8_t*,
+                                           std::uint8_t*);
+#if defined(__x86_64__)
+bool ByQuads() {
+  static const bool quads = __builtin_cpu_supports("avx2");
+  return quads;
+}
+#endif
+SectorEndsFinder FastestSectorEnds() {
+#if defined(__x86_64__)
+  if (ByQuads()) return SectorEndsByQuads;
+#endif
+  return SectorEndsWordByWord;
+}
+
 // The undo (or turns) of the write of after over before, a sector at a time: its bitmap and each
 // word's ends, the spans of the words with no order, then the sector's ends and stored words
 // (the words aside, as their place follows the last ends); 0 for turns that spans do not explain.
 std::size_t EncodeWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
-                             Unordered unordered, std::uint8_t* undo) {
+                             Unordered unordered, std::uint8_t* undo, SectorEndsFinder sectorEnds = FastestSectorEnds()) {
   std::uint8_t* codes = undo + UndoBitmapBytes(blockSize);
   const Aside start;
   Aside at = start;
   for (std::uint32_t s = 0; s < blockSize / kSectorBytes; ++s) {
     std::uint8_t ends[kSectorWords];
-    const std::uint64_t spanned = SectorEndsWordByWord(before, after, s, undo, ends), named = NamedInSector(undo, s);
+    const std::uint64_t spanned = sectorEnds(before, after, s, undo, ends), named = NamedInSector(undo, s);
     std::uint64_t stored = SectorStored(unordered, {before + kSectorBytes * s, after + kSectorBytes * s}, spanned, ends);
     if (unordered == Unordered::kSpanned && stored == kNotTurned) return 0;
     if (unordered == Unordered::kMarked) stored = 0;
@@ -200,17 +372,6 @@ std::size_t EncodeWordByWord(const std::uint8_t* before, const std::uint8_t* aft
 
 #if defined(__x86_64__)
 #define BT_LINES_TARGET __attribute__((target("avx512f,avx512bw,avx512vl,popcnt")))
-
-// The orders of kinds 1 to 4 on both halves of every word, and the whole word reversed, as byte
-// shuffles of each 16 bytes.
-constexpr auto kLineOrders = [] {
-  constexpr std::uint8_t lanes[5][8] = {{3, 2, 1, 0, 7, 6, 5, 4}, {1, 0, 3, 2, 5, 4, 7, 6}, {1, 0, 2, 3, 5, 4, 6, 7},
-                                        {0, 1, 3, 2, 4, 5, 7, 6}, {7, 6, 5, 4, 3, 2, 1, 0}};
-  std::array<std::array<std::uint8_t, 64>, 5> all{};
-  for (std::size_t k = 0; k < 5; ++k)
-    for (std::size_t i = 0; i < 64; ++i) all[k][i] = static_cast<std::uint8_t>(i % 16 / 8 * 8 + lanes[k][i % 8]);
-  return all;
-}();
 
 // Every order tried on a line of eight words at once: the code of each word (CodeOf), in the low
 // byte of its lane.
@@ -344,6 +505,7 @@ std::size_t Encode(const std::uint8_t* before, const std::uint8_t* after, std::u
                    std::uint8_t* undo) {
 #if defined(__x86_64__)
   if (ByLines()) return EncodeByLines(before, after, blockSize, unordered, undo);
+  if (unordered == Unordered::kStored && ByQuads()) return EncodeStoredByQuads(before, after, blockSize, undo);
 #endif
   return EncodeWordByWord(before, after, blockSize, unordered, undo);
 }
@@ -353,6 +515,12 @@ std::size_t Encode(const std::uint8_t* before, const std::uint8_t* after, std::u
 std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo) {
   return Encode(before, after, blockSize, effort == Effort::kQuick ? Unordered::kStored : Unordered::kSpannedOrStored, undo);
+}
+
+std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                                 Effort effort, std::uint8_t* undo) {
+  return EncodeWordByWord(before, after, blockSize, effort == Effort::kQuick ? Unordered::kStored : Unordered::kSpannedOrStored,
+                          undo, SectorEndsWordByWord);
 }
 
 std::size_t EncodeWholeUndo(const std::uint8_t* before, std::uint32_t blockSize, std::uint8_t* undo) {

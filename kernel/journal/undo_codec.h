@@ -51,6 +51,10 @@ enum class Effort { kQuick, kSmallest };
 // kSpansAndEdges; returns its size.
 std::size_t EncodeUndo(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize, Effort effort,
                        std::uint8_t* undo);
+// The same, a word at a time whatever the processor: the encoders that use its vectors give the
+// same bytes.
+std::size_t EncodeUndoWordByWord(const std::uint8_t* before, const std::uint8_t* after, std::uint32_t blockSize,
+                                 Effort effort, std::uint8_t* undo);
 // The same for a block written again in its group, whose sectors may each hold any of its writes:
 // it names every word, stored as it was, so that put back after the others it gives the block.
 // It is of the format kFirstWord (whose codes are all 0: every word stored).
