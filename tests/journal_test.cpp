@@ -955,11 +955,11 @@ TEST(Journal, GroupsDoNotShrinkBelowTheirFloor) {
   Scratch s;
   gendb::Params p;
   p.seed = 23;
-  p.lastBlock = 1500;  // 12 MiB of 8192-byte blocks: about ten groups at the floor
+  p.lastBlock = 1500;  // 12 MiB of 8192-byte blocks: dozens of groups at the floor
   Generate(p, s.Path("pristine.dat"));
   fs::create_directories(s.Path("db"));
   std::uint64_t operations[2] = {};
-  const std::string limits[] = {"", "BYTETURN_GROUP_BYTES=1048576 "};
+  const std::string limits[] = {"", "BYTETURN_GROUP_BYTES=262144 "};
   for (int k = 0; k < 2; ++k) {
     fs::copy_file(s.Path("pristine.dat"), s.Path("db/ORVA.DAT"), fs::copy_options::overwrite_existing);
     const RunResult r =

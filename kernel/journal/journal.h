@@ -38,7 +38,7 @@
 
 namespace bt {
 
-inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20, kMinGroupBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kGroupBytes = std::size_t{8} << 20, kMinGroupBytes = std::size_t{1} << 18;
 // The bytes of each write of a record to the journal.
 inline constexpr std::size_t kRecordPieceBytes = std::size_t{1} << 20;
 // The bytes of a group's writes sent on their way to the disk at a time.
