@@ -33,7 +33,8 @@ void OnEveryAesPath(Body body) {
   const crypto::AesPath before = crypto::AesPathInUse();
   for (auto [path, name] : {std::pair{crypto::AesPath::kPortable, "portable AES"},
                             std::pair{crypto::AesPath::kHardware, "AES instructions"},
-                            std::pair{crypto::AesPath::kWide, "vector AES instructions"}}) {
+                            std::pair{crypto::AesPath::kWide, "vector AES instructions"},
+                            std::pair{crypto::AesPath::kWide256, "vector AES instructions on 256-bit registers"}}) {
     if (!crypto::AesUsePath(path)) {
       std::printf("not on this processor: %s path not run\n", name);
       continue;

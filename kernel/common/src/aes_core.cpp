@@ -62,7 +62,10 @@ AesPath path = AesPath::kPortable;
 AesPath Choice() {
   if (!chosen) {
     chosen = true;
-    path = AesWideAvailable() ? AesPath::kWide : AesHardwareAvailable() ? AesPath::kHardware : AesPath::kPortable;
+    path = AesWideAvailable()      ? AesPath::kWide
+           : AesWide256Available() ? AesPath::kWide256
+           : AesHardwareAvailable()  ? AesPath::kHardware
+                                     : AesPath::kPortable;
   }
   return path;
 }
@@ -194,7 +197,13 @@ int AesDecryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKe
 }
 
 bool AesPathAvailable(AesPath p) {
-  return p == AesPath::kPortable || (p == AesPath::kHardware ? AesHardwareAvailable() : AesWideAvailable());
+  switch (p) {
+    case AesPath::kPortable: return true;
+    case AesPath::kHardware: return AesHardwareAvailable();
+    case AesPath::kWide: return AesWideAvailable();
+    case AesPath::kWide256: return AesWide256Available();
+  }
+  return false;
 }
 
 bool AesUsePath(AesPath p) {

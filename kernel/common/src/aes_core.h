@@ -21,8 +21,9 @@ int AesEncryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKe
 int AesDecryptBlock(const std::uint8_t in[16], std::uint8_t out[16], const AesKeySchedule& schedule);
 
 // Portable table-driven code; the AES instructions, one 16-byte piece each; the vector AES
-// instructions on 512-bit registers, four pieces each (AES of one piece stays on the second).
-enum class AesPath { kPortable, kHardware, kWide };
+// instructions on 512-bit registers, four pieces each, or on 256-bit registers (a processor with
+// AVX2 but no AVX-512), two pieces each (AES of one piece stays on the second).
+enum class AesPath { kPortable, kHardware, kWide, kWide256 };
 bool AesPathAvailable(AesPath path);
 // Selects path when the processor has it; tells whether it did.
 bool AesUsePath(AesPath path);
@@ -46,5 +47,10 @@ void AesCbcDecryptWide(const std::uint8_t* in, std::uint8_t* out, std::size_t bl
                        const AesKeySchedule& schedule);
 void AesCbcEncryptManyWide(std::uint8_t* const* messages, std::size_t count, std::size_t blocks,
                            const std::uint8_t (*ivs)[16], const AesKeySchedule& schedule);
+bool AesWide256Available();
+void AesCbcDecryptWide256(const std::uint8_t* in, std::uint8_t* out, std::size_t blocks, std::uint8_t iv[16],
+                          const AesKeySchedule& schedule);
+void AesCbcEncryptManyWide256(std::uint8_t* const* messages, std::size_t count, std::size_t blocks,
+                              const std::uint8_t (*ivs)[16], const AesKeySchedule& schedule);
 
 }  // namespace crypto

@@ -9,6 +9,7 @@ int AesCbcDecrypt(const std::uint8_t* in, std::uint8_t* out, std::size_t length,
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
   switch (AesPathInUse()) {
     case AesPath::kWide: AesCbcDecryptWide(in, out, length / 16, iv, s); return 0;
+    case AesPath::kWide256: AesCbcDecryptWide256(in, out, length / 16, iv, s); return 0;
     case AesPath::kHardware: AesCbcDecryptHardware(in, out, length / 16, iv, s); return 0;
     case AesPath::kPortable: break;
   }
@@ -42,6 +43,7 @@ int AesCbcEncryptMany(std::uint8_t* const* messages, std::size_t count, std::siz
   if (length % 16 != 0 || !ValidRounds(s)) return -1;
   switch (AesPathInUse()) {
     case AesPath::kWide: AesCbcEncryptManyWide(messages, count, length / 16, ivs, s); return 0;
+    case AesPath::kWide256: AesCbcEncryptManyWide256(messages, count, length / 16, ivs, s); return 0;
     case AesPath::kHardware: AesCbcEncryptManyHardware(messages, count, length / 16, ivs, s); return 0;
     case AesPath::kPortable: break;
   }
