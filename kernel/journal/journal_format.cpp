@@ -133,51 +133,52 @@ namespace {
 
 constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15u;
 
-#if defined(__x86_64__)
-// Fingerprint's lanes over the whole 64-byte lines from the block's start, eight words at a time:
-// word i of a line goes to lane i % 4 as in the scalar loop, and sums modulo 2^64 are the same in
-// any order. Returns the bytes taken.
-__attribute__((target("avx512f,avx512dq"))) std::size_t FingerprintLines(const std::uint8_t* block, std::size_t size,
-                                                                         std::uint64_t lanes[4]) {
-  __m512i sums = _mm512_setzero_si512();
-  __m512i weights = _mm512_setr_epi64(kStep, 3 * kStep, 5 * kStep, 7 * kStep, 9 * kStep, 11 * kStep, 13 * kStep,
-                                      15 * kStep);
-  const __m512i step = _mm512_set1_epi64(static_cast<long long>(16 * kStep));
+// Fingerprint's sums over the words of each lane, and of their running sums, from the block's
+// start in steps of 32 bytes (word i goes to lane i % 4); returns the bytes taken.
+std::size_t LaneSums(const std::uint8_t* block, std::size_t size, std::uint64_t sums[4], std::uint64_t runs[4]) {
   std::size_t at = 0;
-  for (; at + 64 <= size; at += 64) {
-    // Little-endian words: the processor's own order here.
-    sums = _mm512_add_epi64(sums, _mm512_mullo_epi64(_mm512_loadu_si512(block + at), weights));
-    weights = _mm512_add_epi64(weights, step);
-  }
-  alignas(64) std::uint64_t eight[8];
-  _mm512_store_si512(eight, sums);
-  for (std::size_t l = 0; l < 4; ++l) lanes[l] = eight[l] + eight[l + 4];
+  for (; at + 32 <= size; at += 32)
+    for (std::size_t l = 0; l < 4; ++l) {
+      sums[l] += LoadLE64(block + at + 8 * l);
+      runs[l] += sums[l];
+    }
   return at;
 }
 
-bool FingerprintByLines() {
-  static const bool byLines = __builtin_cpu_supports("avx512dq");
-  return byLines;
+#if defined(__x86_64__)
+// The same, the four lanes in one register (little-endian words: the processor's own order here).
+__attribute__((target("avx2"))) std::size_t LaneSumsByQuads(const std::uint8_t* block, std::size_t size,
+                                                            std::uint64_t sums[4], std::uint64_t runs[4]) {
+  __m256i s = _mm256_setzero_si256(), r = _mm256_setzero_si256();
+  std::size_t at = 0;
+  for (; at + 32 <= size; at += 32) {
+    s = _mm256_add_epi64(s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + at)));
+    r = _mm256_add_epi64(r, s);
+  }
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(sums), s);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(runs), r);
+  return at;
 }
 #endif
 
 }  // namespace
 
 std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size) {
-  // Each word times a multiplier of its own place (odd, so no change of a word is lost), summed in
-  // four lanes; the bytes after the last whole word are taken one at a time.
-  std::uint64_t lanes[4] = {0, 0, 0, 0};
-  std::size_t at = 0;
+  // Each word i times a multiplier of its own place, kStep * (2i + 1) (odd, so no change of a word
+  // is lost), summed in four lanes (word i in lane i % 4); the bytes after the last whole 32 are
+  // taken one at a time. Over the words 4j + l of lane l, j < m, that sum is kStep times
+  // 8 * sum(j * w) + (2l + 1) * sum(w), and sum(j * w) = m * sum(w) - (the sum of the running sums
+  // of w): the words are only added up (sums modulo 2^64 are exact).
+  std::uint64_t sums[4] = {0, 0, 0, 0}, runs[4] = {0, 0, 0, 0};
 #if defined(__x86_64__)
-  if (FingerprintByLines()) at = FingerprintLines(block, size, lanes);
+  static const bool byQuads = __builtin_cpu_supports("avx2");
+  std::size_t at = byQuads ? LaneSumsByQuads(block, size, sums, runs) : LaneSums(block, size, sums, runs);
+#else
+  std::size_t at = LaneSums(block, size, sums, runs);
 #endif
-  std::uint64_t weights[4];
-  for (std::size_t l = 0; l < 4; ++l) weights[l] = kStep * (2 * (at / 8 + l) + 1);
-  for (; at + 32 <= size; at += 32)
-    for (std::size_t l = 0; l < 4; ++l) {
-      lanes[l] += LoadLE64(block + at + 8 * l) * weights[l];
-      weights[l] += 8 * kStep;  // word i's weight: kStep * (2i + 1)
-    }
+  const std::uint64_t m = at / 32;
+  std::uint64_t lanes[4];
+  for (std::size_t l = 0; l < 4; ++l) lanes[l] = kStep * (8 * (m * sums[l] - runs[l]) + (2 * l + 1) * sums[l]);
   for (; at < size; ++at) lanes[at % 4] += std::uint64_t{block[at]} * (kStep * (2 * at + 1));
   std::uint64_t h = size;
   for (const std::uint64_t lane : lanes) {
