@@ -1,7 +1,8 @@
 // Benchmark: times byteturn -t on a generated database against in-place rewrites of the same
 // file with no conversion (dd conv=notrunc,fsync: one block per call, and 1 MiB per call), both
-// ending with the file on stable storage as byteturn does, and prints the times, their ratios and
-// the conversion's peak resident memory. With --other DIR it also times the programs of another
+// ending with the file on stable storage as byteturn does, and prints the times, their ratios,
+// the conversion's peak resident memory and, on a disk, what each run wrote to it and how often
+// it flushed it. With --other DIR it also times the programs of another
 // build in the same rounds, before this build's in every other round, and prints this build's
 // times against them. With --ceiling 1 it times, instead of the programs, what a journal's writes
 // and flushes alone cost on this disk (Ceiling below); with --undo 1, the journal's undo encoder
@@ -11,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -50,14 +53,46 @@ void Settle(bool cold) {
   }
 }
 
-double TimeCommand(const std::string& command, bool cold) {
+// What the disk that holds the database did: the sectors written and the flushes completed, as
+// /proc/diskstats counts them (none where the file lies on no disk, as in memory). The device
+// number is the system's (major and minor packed as glibc packs them).
+struct DiskCounts {
+  std::uint64_t sectors = 0, flushes = 0;
+  bool known = false;
+};
+DiskCounts CountsOf(std::uint64_t device) {
+  const std::uint64_t major = (device >> 8 & 0xFFF) | (device >> 32 & ~std::uint64_t{0xFFF});
+  const std::uint64_t minor = (device & 0xFF) | (device >> 12 & ~std::uint64_t{0xFF});
+  std::ifstream stats("/proc/diskstats");
+  for (std::string line; std::getline(stats, line);) {
+    std::istringstream in(line);
+    std::uint64_t ma = 0, mi = 0, field[17] = {};
+    std::string name;
+    in >> ma >> mi >> name;
+    if (ma != major || mi != minor) continue;
+    for (std::uint64_t& f : field) in >> f;
+    return {field[6], field[15], true};  // sectors written; flush requests completed
+  }
+  return {};
+}
+std::uint64_t diskDevice = 0;  // of the database, once it is made
+
+// Times a command; disk, where given, adds up what the disk did meanwhile.
+double TimeCommand(const std::string& command, bool cold, DiskCounts* disk = nullptr) {
   Settle(cold);
+  const DiskCounts before = CountsOf(diskDevice);
   auto start = std::chrono::steady_clock::now();
   int status = std::system(command.c_str());
   auto end = std::chrono::steady_clock::now();
   if (status != 0) {
     std::fprintf(stderr, "bench: command failed (%d): %s\n", status, command.c_str());
     std::exit(1);
+  }
+  const DiskCounts after = CountsOf(diskDevice);
+  if (disk != nullptr && before.known && after.known) {
+    disk->sectors += after.sectors - before.sectors;
+    disk->flushes += after.flushes - before.flushes;
+    disk->known = true;
   }
   return std::chrono::duration<double>(end - start).count();
 }
@@ -230,6 +265,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "bench: %s\n", error.c_str());
     return 1;
   }
+  if (const platform::File made = platform::OpenReadOnly(db); made != platform::kInvalidFile) {
+    diskDevice = platform::IdentityOf(made).device;
+    platform::Close(made);
+  }
   auto rewrite = [&](const std::string& bs) {
     return "dd if=" + db + " of=" + db + " bs=" + bs + " conv=notrunc,fsync status=none";
   };
@@ -334,6 +373,7 @@ int main(int argc, char** argv) {
     otherTimesOff.push_back(TimeCommand(otherOff, cold));
   };
   std::int64_t peakKiB = 0, offPeakKiB = 0, checkPeakKiB = 0;
+  DiskCounts diskConvert, diskOff, diskLarge;
   const auto peakOf = [](const std::string& file, std::int64_t& peak) {
     if (std::FILE* f = std::fopen(file.c_str(), "r")) {
       long long kib = 0;
@@ -348,8 +388,9 @@ int main(int argc, char** argv) {
   for (int r = 0; r < rounds; ++r) {
     if (r % 2 == 1) runOther();
     // The check reads what the conversion before it wrote, as the conversion does.
-    const double tc = TimeCommand(convert, cold), tk = TimeCommand(check, cold), tb = TimeCommand(rewriteBlock, cold);
-    const double to = TimeCommand(convertOff, cold), tl = TimeCommand(rewriteLarge, cold);
+    const double tc = TimeCommand(convert, cold, &diskConvert), tk = TimeCommand(check, cold);
+    const double tb = TimeCommand(rewriteBlock, cold);
+    const double to = TimeCommand(convertOff, cold, &diskOff), tl = TimeCommand(rewriteLarge, cold, &diskLarge);
     timesConvert.push_back(tc);
     timesOff.push_back(to);
     timesCheck.push_back(tk);
@@ -387,6 +428,19 @@ int main(int argc, char** argv) {
   std::printf("ratio byteturn-check / byteturn    %.2f (median of rounds: %.2f)\n", bestCheck / bestConvert,
               Median(timesCheck) / Median(timesConvert));
   std::printf("peak resident memory of the check  %.1f MiB\n", static_cast<double>(checkPeakKiB) / 1024.0);
+  if (diskConvert.known) {
+    // What each run wrote to the disk and how often it flushed it, a round's worth: the journal's
+    // bytes and flushes are what it costs on a disk.
+    const auto perRun = [&](const char* what, const DiskCounts& d) {
+      const double flushes = static_cast<double>(d.flushes) / rounds;
+      std::printf("%s %.0f MiB in %.0f %s", what, static_cast<double>(d.sectors) * 512 / (1024.0 * 1024.0) / rounds,
+                  flushes, flushes == 1 ? "flush" : "flushes");
+    };
+    perRun("disk, a run's writes: byteturn", diskConvert);
+    perRun(", without journal", diskOff);
+    perRun(", dd bs=1M", diskLarge);
+    std::printf("\n");
+  }
   if (!other.empty()) {
     const auto against = [](const char* what, const std::vector<double>& mine, const std::vector<double>& theirs) {
       std::printf("%-10s this build %.3f s, other %.3f s: ratio %.3f (median of rounds: %.3f / %.3f = %.3f)\n", what,
