@@ -2,9 +2,8 @@
 // file with no conversion (dd conv=notrunc,fsync: one block per call, and 1 MiB per call), both
 // ending with the file on stable storage as byteturn does, and prints the times, their ratios,
 // the conversion's peak resident memory and, on a disk, what each run wrote to it and how often
-// it flushed it. With --other DIR it also times the programs of another
-// build in the same rounds, before this build's in every other round, and prints this build's
-// times against them. With --ceiling 1 it times, instead of the programs, what a journal's writes
+// it flushed it. With --other DIR it also times the programs of another build in the same
+// rounds, before this build's in every other round, and prints this build's times against them. With --ceiling 1 it times, instead of the programs, what a journal's writes
 // and flushes alone cost on this disk (Ceiling below); with --undo 1, the journal's undo encoder
 // alone, over the database and its conversion (Undo below).
 #include <algorithm>
@@ -80,7 +79,7 @@ std::uint64_t diskDevice = 0;  // of the database, once it is made
 // Times a command; disk, where given, adds up what the disk did meanwhile.
 double TimeCommand(const std::string& command, bool cold, DiskCounts* disk = nullptr) {
   Settle(cold);
-  const DiskCounts before = CountsOf(diskDevice);
+  const DiskCounts before = disk != nullptr ? CountsOf(diskDevice) : DiskCounts{};
   auto start = std::chrono::steady_clock::now();
   int status = std::system(command.c_str());
   auto end = std::chrono::steady_clock::now();
@@ -88,8 +87,8 @@ double TimeCommand(const std::string& command, bool cold, DiskCounts* disk = nul
     std::fprintf(stderr, "bench: command failed (%d): %s\n", status, command.c_str());
     std::exit(1);
   }
-  const DiskCounts after = CountsOf(diskDevice);
-  if (disk != nullptr && before.known && after.known) {
+  const DiskCounts after = before.known ? CountsOf(diskDevice) : DiskCounts{};
+  if (after.known) {
     disk->sectors += after.sectors - before.sectors;
     disk->flushes += after.flushes - before.flushes;
     disk->known = true;
