@@ -1080,6 +1080,15 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
                             std::to_string(band * size) + " of the file). Put back the files"),
             std::string::npos)
       << copied.err;
+  // So is one changed in the top bits of two words 32 bytes apart (which a fingerprint of its
+  // words merely added up could not tell).
+  std::vector<std::uint8_t> flipped(now.begin() + band * size, now.begin() + (band + 1) * size);
+  flipped[1024 + 7] ^= 0x80;
+  flipped[1024 + 39] ^= 0x80;
+  WriteBytes(c.files[0], band * size, flipped);
+  const RunResult bits = Recover(c, "", "");
+  EXPECT_EQ(bits.status, 1);
+  EXPECT_NE(bits.err.find("block #" + std::to_string(band + 1) + " holds other bytes"), std::string::npos) << bits.err;
   WriteBytes(c.files[0], band * size, std::vector<std::uint8_t>(now.begin() + band * size, now.begin() + (band + 1) * size));
   // So is a block of which the copy took a sector in its middle as it was (read as the write was
   // half made), and, after a cut halfway, a block past the resume point that the run wrote out of turn
@@ -1594,6 +1603,13 @@ TEST(Journal, AShortMainFileBearsTheMarkToo) {
   const std::size_t sum = bt::journal::EncodeHeader(header).size() - 8;
   bt::StoreLE32(journal.data() + 8, 11);
   bt::StoreLE64(journal.data() + sum, bt::journal::ChecksumOf(journal.data(), sum));
+  // Its table holds the fingerprints of its version, of the blocks the files hold.
+  const std::uint32_t blockSize = gendb::GeometryFor(p.sizeCode).blockSize;
+  const std::vector<std::uint8_t> held = ReadBytes(c.files[0]);
+  for (std::uint64_t b = 1; b < header.tableBlocks && b * blockSize <= size; ++b) {
+    std::uint8_t* entry = journal.data() + bt::journal::kTableOffset + 2 * b;
+    if (bt::LoadLE16(entry) != 0) bt::StoreLE16(entry, bt::journal::Fingerprint(&held[(b - 1) * blockSize], blockSize, 11));
+  }
   WriteBytes(c.journal, 0, journal);
   FinishAndExpectTwin(c);
   EXPECT_EQ(fs::file_size(c.files[0]), size);

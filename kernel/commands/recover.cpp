@@ -282,7 +282,7 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
         if (!read && !ReadThrough(file, at, block, size))
           Fail("\r\nError reading volume #%d at byte %llu. %s\r\n", static_cast<int>(v),
                static_cast<unsigned long long>(at), ErrorText());
-        if (journal::Fingerprint(block, size) == entry) continue;
+        if (journal::Fingerprint(block, size, found.header.version) == entry) continue;
         platform::Close(file);
         RefuseChangedBlock(found, path, v, at, SIZE_MAX, caution);
       }
@@ -576,7 +576,7 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
         if (undone == journal::Undone::kTorn) torn.try_emplace(key, e.volume, position);
         else torn.erase(key);
         Left left{e.volume, position, journal::ChecksumOf(current.data(), journal::kCheckedBytes),
-                  journal::Fingerprint(current.data(), blockBytes), {}};
+                  journal::Fingerprint(current.data(), blockBytes, found.header.version), {}};
         if (undone == journal::Undone::kPutBack || (later != done.end() && !later->second.bytes.empty()))
           left.bytes = current;
         now[key] = std::move(left);
@@ -596,7 +596,7 @@ PutBacks ReadPutBacksOrFail(const journal::Found& found, const std::string& path
       if (done.contains(key)) continue;
       readBlock(c.volume, c.position);
       done[key] = Left{c.volume, c.position, journal::ChecksumOf(current.data(), journal::kCheckedBytes),
-                       journal::Fingerprint(current.data(), blockBytes), {}};
+                       journal::Fingerprint(current.data(), blockBytes, found.header.version), {}};
     }
   for (const platform::File file : files) platform::Close(file);
   for (auto& [key, left] : done) {

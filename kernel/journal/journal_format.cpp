@@ -132,14 +132,28 @@ std::uint64_t RecordsStart(const Header& header) {
 namespace {
 
 constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15u;
+constexpr std::uint32_t kMixFactor = 0x85EBCA77u;  // odd
+
+// A word of a block as the fingerprint adds it: from version 13, mixed by a bijection that is not
+// linear (the halves folded together, the lower multiplied and the product's upper half added to
+// the upper, folded again), so that no pattern of changes in a block cancels out in the sum
+// (before, the top bits of any two words changed together added 2^64 to it, which is nothing).
+inline std::uint64_t Mixed(std::uint64_t w) {
+  const std::uint64_t x = w ^ w >> 32;
+  const std::uint64_t y = (x & 0xFFFFFFFFu) * kMixFactor + (x & ~std::uint64_t{0xFFFFFFFFu});
+  return y ^ y >> 32;
+}
 
 // Fingerprint's sums over the words of each lane, and of their running sums, from the block's
-// start in steps of 32 bytes (word i goes to lane i % 4); returns the bytes taken.
+// start in steps of 32 bytes (word i goes to lane i % 4), each word mixed or not; returns the bytes
+// taken.
+template <bool kMix>
 std::size_t LaneSums(const std::uint8_t* block, std::size_t size, std::uint64_t sums[4], std::uint64_t runs[4]) {
   std::size_t at = 0;
   for (; at + 32 <= size; at += 32)
     for (std::size_t l = 0; l < 4; ++l) {
-      sums[l] += LoadLE64(block + at + 8 * l);
+      const std::uint64_t w = LoadLE64(block + at + 8 * l);
+      sums[l] += kMix ? Mixed(w) : w;
       runs[l] += sums[l];
     }
   return at;
@@ -147,12 +161,20 @@ std::size_t LaneSums(const std::uint8_t* block, std::size_t size, std::uint64_t 
 
 #if defined(__x86_64__)
 // The same, the four lanes in one register (little-endian words: the processor's own order here).
+template <bool kMix>
 __attribute__((target("avx2"))) std::size_t LaneSumsByQuads(const std::uint8_t* block, std::size_t size,
                                                             std::uint64_t sums[4], std::uint64_t runs[4]) {
+  const __m256i factor = _mm256_set1_epi64x(kMixFactor), upper = _mm256_set1_epi64x(~std::int64_t{0xFFFFFFFF});
   __m256i s = _mm256_setzero_si256(), r = _mm256_setzero_si256();
   std::size_t at = 0;
   for (; at + 32 <= size; at += 32) {
-    s = _mm256_add_epi64(s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + at)));
+    __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + at));
+    if constexpr (kMix) {
+      const __m256i x = _mm256_xor_si256(w, _mm256_srli_epi64(w, 32));
+      const __m256i y = _mm256_add_epi64(_mm256_mul_epu32(x, factor), _mm256_and_si256(x, upper));
+      w = _mm256_xor_si256(y, _mm256_srli_epi64(y, 32));
+    }
+    s = _mm256_add_epi64(s, w);
     r = _mm256_add_epi64(r, s);
   }
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(sums), s);
@@ -163,18 +185,20 @@ __attribute__((target("avx2"))) std::size_t LaneSumsByQuads(const std::uint8_t* 
 
 }  // namespace
 
-std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size) {
-  // Each word i times a multiplier of its own place, kStep * (2i + 1) (odd, so no change of a word
-  // is lost), summed in four lanes (word i in lane i % 4); the bytes after the last whole 32 are
-  // taken one at a time. Over the words 4j + l of lane l, j < m, that sum is kStep times
+std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size, std::uint32_t version) {
+  // Each word i (mixed) times a multiplier of its own place, kStep * (2i + 1) (odd, so no change of
+  // a word is lost), summed in four lanes (word i in lane i % 4); the bytes after the last whole 32
+  // are taken one at a time. Over the words 4j + l of lane l, j < m, that sum is kStep times
   // 8 * sum(j * w) + (2l + 1) * sum(w), and sum(j * w) = m * sum(w) - (the sum of the running sums
   // of w): the words are only added up (sums modulo 2^64 are exact).
   std::uint64_t sums[4] = {0, 0, 0, 0}, runs[4] = {0, 0, 0, 0};
+  const bool mix = version >= kMixedFingerprintVersion;
 #if defined(__x86_64__)
   static const bool byQuads = __builtin_cpu_supports("avx2");
-  std::size_t at = byQuads ? LaneSumsByQuads(block, size, sums, runs) : LaneSums(block, size, sums, runs);
+  std::size_t at = byQuads ? (mix ? LaneSumsByQuads<true> : LaneSumsByQuads<false>)(block, size, sums, runs)
+                           : (mix ? LaneSums<true> : LaneSums<false>)(block, size, sums, runs);
 #else
-  std::size_t at = LaneSums(block, size, sums, runs);
+  std::size_t at = (mix ? LaneSums<true> : LaneSums<false>)(block, size, sums, runs);
 #endif
   const std::uint64_t m = at / 32;
   std::uint64_t lanes[4];

@@ -49,10 +49,13 @@ namespace bt::journal {
 // and last changed bytes instead of storing its first and last words (kinds 6 and 7), and an undo
 // over the plaintext no longer keeps the 16 bytes before each sector. Version 11 names the lock the
 // run took by its identity and time as well as its path. Version 12 marks a main file shorter than
-// its blocks too; before, such a file took no mark.
-inline constexpr std::uint32_t kVersion = 12, kOldestVersion = 5;
+// its blocks too; before, such a file took no mark. Version 13 mixes each word of a block before
+// its fingerprint adds it up; a journal of an earlier version keeps the fingerprints it was written
+// with.
+inline constexpr std::uint32_t kVersion = 13, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::uint32_t kShortFilesMarkedVersion = 12;  // a main file shorter than its blocks too
+inline constexpr std::uint32_t kMixedFingerprintVersion = 13;
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
@@ -106,10 +109,10 @@ struct Header {
 };
 // Where the records begin: after the table of written blocks.
 std::uint64_t RecordsStart(const Header& header);
-// A block's entry in the table of written blocks: a sum over every word of the block, each
-// weighed by its place (so that any sector or byte of it as it was before the run shows, not only
-// its header), mixed and folded to 2 bytes, never 0.
-std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size);
+// A block's entry in the table of written blocks, in a journal of version: a sum over every word
+// of the block (mixed), each weighed by its place (so that any sector or byte of it as it was
+// before the run shows, not only its header), mixed and folded to 2 bytes, never 0.
+std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size, std::uint32_t version);
 std::vector<std::uint8_t> EncodeHeader(const Header& header);
 // False with why set when the bytes are not a whole header of this version.
 bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, std::string& why);

@@ -252,7 +252,8 @@ void WriteFlight(Flight& f) {
   }
   if (ApplyWrites(f) && !StampGroup(f.number)) Stopped(f.outcome, Stop::kMarkWriting);
   for (TableEntry& e : f.table)
-    if (e.offset != TableEntry::kKept) e.fingerprint = journal::Fingerprint(f.group.arena.data() + e.offset, blockSize);
+    if (e.offset != TableEntry::kKept)
+      e.fingerprint = journal::Fingerprint(f.group.arena.data() + e.offset, blockSize, j.header.version);
 }
 
 // The oldest flight in stage, under the handover's lock; nullptr where there is none.
