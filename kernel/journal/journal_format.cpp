@@ -132,16 +132,25 @@ std::uint64_t RecordsStart(const Header& header) {
 namespace {
 
 constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15u;
-constexpr std::uint32_t kMixFactor = 0x85EBCA77u;  // odd
+constexpr std::uint32_t kMixFactors[2] = {0x85EBCA6Bu, 0xC2B2AE35u};
 
-// A word of a block as the fingerprint adds it: from version 13, mixed by a bijection that is not
-// linear (the halves folded together, the lower multiplied and the product's upper half added to
-// the upper, folded again), so that no pattern of changes in a block cancels out in the sum
-// (before, the top bits of any two words changed together added 2^64 to it, which is nothing).
+// A word of a block as the fingerprint adds it, from version 13: its halves folded together,
+// then each half mixed by a bijection that is not linear (two rounds of a shift folded in and a
+// multiplication), so that a change of any bits of a word gives the sum a change that looks
+// random, and no pattern of changes in a block cancels out but by chance. Before, the words were
+// added as they were: the top bits of two words of a lane changed together added 2^64 to the sum,
+// that is nothing. (With one multiplication, a change of only the top bit before it still came out
+// as one of two values, and four words of a lane could cancel out.)
+inline std::uint32_t MixedHalf(std::uint32_t h) {
+  h ^= h >> 16;
+  h *= kMixFactors[0];
+  h ^= h >> 13;
+  h *= kMixFactors[1];
+  return h ^ h >> 16;
+}
 inline std::uint64_t Mixed(std::uint64_t w) {
   const std::uint64_t x = w ^ w >> 32;
-  const std::uint64_t y = (x & 0xFFFFFFFFu) * kMixFactor + (x & ~std::uint64_t{0xFFFFFFFFu});
-  return y ^ y >> 32;
+  return std::uint64_t{MixedHalf(static_cast<std::uint32_t>(x >> 32))} << 32 | MixedHalf(static_cast<std::uint32_t>(x));
 }
 
 // Fingerprint's sums over the words of each lane, and of their running sums, from the block's
@@ -164,15 +173,17 @@ std::size_t LaneSums(const std::uint8_t* block, std::size_t size, std::uint64_t 
 template <bool kMix>
 __attribute__((target("avx2"))) std::size_t LaneSumsByQuads(const std::uint8_t* block, std::size_t size,
                                                             std::uint64_t sums[4], std::uint64_t runs[4]) {
-  const __m256i factor = _mm256_set1_epi64x(kMixFactor), upper = _mm256_set1_epi64x(~std::int64_t{0xFFFFFFFF});
   __m256i s = _mm256_setzero_si256(), r = _mm256_setzero_si256();
   std::size_t at = 0;
   for (; at + 32 <= size; at += 32) {
     __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + at));
     if constexpr (kMix) {
-      const __m256i x = _mm256_xor_si256(w, _mm256_srli_epi64(w, 32));
-      const __m256i y = _mm256_add_epi64(_mm256_mul_epu32(x, factor), _mm256_and_si256(x, upper));
-      w = _mm256_xor_si256(y, _mm256_srli_epi64(y, 32));
+      w = _mm256_xor_si256(w, _mm256_srli_epi64(w, 32));
+      w = _mm256_xor_si256(w, _mm256_srli_epi32(w, 16));
+      w = _mm256_mullo_epi32(w, _mm256_set1_epi32(static_cast<int>(kMixFactors[0])));
+      w = _mm256_xor_si256(w, _mm256_srli_epi32(w, 13));
+      w = _mm256_mullo_epi32(w, _mm256_set1_epi32(static_cast<int>(kMixFactors[1])));
+      w = _mm256_xor_si256(w, _mm256_srli_epi32(w, 16));
     }
     s = _mm256_add_epi64(s, w);
     r = _mm256_add_epi64(r, s);
