@@ -141,7 +141,9 @@ std::uint64_t GroupsToSettle(std::uint64_t number) {
 // the two commit sectors out of their order: this group then waits for the one before to land.
 void Commit() {
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
-  if (!j.created) CreateJournal();
+  // The files' handles first: once the journal and the mark are made, a file moved or renamed
+  // since the run opened it is still written where it now lies, and one the first commit cannot
+  // open leaves neither.
   for (const HeldWrite& w : j.group.held) {
     if (OpenVolumeHandle(w.volume)) continue;
     const int error = platform::LastError();
@@ -151,6 +153,7 @@ void Commit() {
     platform::SetLastError(error);
     FailOpeningVolume(w.volume);
   }
+  if (!j.created) CreateJournal();
   const std::uint64_t number = j.nextNumber;
   // The flight is free once the group that used it landed; what that group leaves for its
   // settling is kept until then.
