@@ -132,15 +132,17 @@ std::uint64_t RecordsStart(const Header& header) {
 namespace {
 
 constexpr std::uint64_t kStep = 0x9E3779B97F4A7C15u;
+constexpr std::uint64_t kPlace = 0xD6E8FEB86659FD93u;  // odd
 constexpr std::uint32_t kMixFactors[2] = {0x85EBCA6Bu, 0xC2B2AE35u};
 
-// A word of a block as the fingerprint adds it, from version 13: its halves folded together,
-// then each half mixed by a bijection that is not linear (two rounds of a shift folded in and a
-// multiplication), so that a change of any bits of a word gives the sum a change that looks
-// random, and no pattern of changes in a block cancels out but by chance. Before, the words were
-// added as they were: the top bits of two words of a lane changed together added 2^64 to the sum,
-// that is nothing. (With one multiplication, a change of only the top bit before it still came out
-// as one of two values, and four words of a lane could cancel out.)
+// Word i of a block as the fingerprint adds it, from version 13: its place folded in, its halves
+// folded together, then each half mixed by a bijection that is not linear (two rounds of a shift
+// folded in and a multiplication). So a change of any bits of a word gives the sum a change that
+// looks random, and equal words in other places count as unrelated values: no pattern of changes
+// in a block cancels out but by chance. Before, words were added as they were: the top bits of
+// two words of a lane changed together added 2^64 to the sum, that is nothing, and equal words
+// moved by as many places either way left it as it was. (With one multiplication, a change of the
+// top bit alone before it came out as one of two values, and four words of a lane could cancel.)
 inline std::uint32_t MixedHalf(std::uint32_t h) {
   h ^= h >> 16;
   h *= kMixFactors[0];
@@ -148,36 +150,44 @@ inline std::uint32_t MixedHalf(std::uint32_t h) {
   h *= kMixFactors[1];
   return h ^ h >> 16;
 }
-inline std::uint64_t Mixed(std::uint64_t w) {
-  const std::uint64_t x = w ^ w >> 32;
-  return std::uint64_t{MixedHalf(static_cast<std::uint32_t>(x >> 32))} << 32 | MixedHalf(static_cast<std::uint32_t>(x));
+inline std::uint64_t Mixed(std::uint64_t w, std::uint64_t i) {
+  w ^= (i + 1) * kPlace;
+  w ^= w >> 32;
+  return std::uint64_t{MixedHalf(static_cast<std::uint32_t>(w >> 32))} << 32 | MixedHalf(static_cast<std::uint32_t>(w));
 }
 
-// Fingerprint's sums over the words of each lane, and of their running sums, from the block's
-// start in steps of 32 bytes (word i goes to lane i % 4), each word mixed or not; returns the bytes
-// taken.
+// Fingerprint's sums over the words of each lane, and of their running sums, in steps of 32 bytes
+// from the block's start (word i goes to lane i % 4), each word mixed or not, the first being word
+// first of the block; returns the bytes taken.
 template <bool kMix>
-std::size_t LaneSums(const std::uint8_t* block, std::size_t size, std::uint64_t sums[4], std::uint64_t runs[4]) {
+std::size_t LaneSums(const std::uint8_t* block, std::size_t size, std::uint64_t sums[4], std::uint64_t runs[4],
+                     std::uint64_t first) {
   std::size_t at = 0;
   for (; at + 32 <= size; at += 32)
     for (std::size_t l = 0; l < 4; ++l) {
       const std::uint64_t w = LoadLE64(block + at + 8 * l);
-      sums[l] += kMix ? Mixed(w) : w;
+      sums[l] += kMix ? Mixed(w, first + at / 8 + l) : w;
       runs[l] += sums[l];
     }
   return at;
 }
 
 #if defined(__x86_64__)
-// The same, the four lanes in one register (little-endian words: the processor's own order here).
+// The same from the block's first word, the four lanes in one register (little-endian words: the
+// processor's own order here).
 template <bool kMix>
 __attribute__((target("avx2"))) std::size_t LaneSumsByQuads(const std::uint8_t* block, std::size_t size,
                                                             std::uint64_t sums[4], std::uint64_t runs[4]) {
   __m256i s = _mm256_setzero_si256(), r = _mm256_setzero_si256();
+  __m256i place = _mm256_setr_epi64x(static_cast<long long>(kPlace), static_cast<long long>(2 * kPlace),
+                                     static_cast<long long>(3 * kPlace), static_cast<long long>(4 * kPlace));
+  const __m256i step = _mm256_set1_epi64x(static_cast<long long>(4 * kPlace));
   std::size_t at = 0;
   for (; at + 32 <= size; at += 32) {
     __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + at));
     if constexpr (kMix) {
+      w = _mm256_xor_si256(w, place);
+      place = _mm256_add_epi64(place, step);
       w = _mm256_xor_si256(w, _mm256_srli_epi64(w, 32));
       w = _mm256_xor_si256(w, _mm256_srli_epi32(w, 16));
       w = _mm256_mullo_epi32(w, _mm256_set1_epi32(static_cast<int>(kMixFactors[0])));
@@ -198,20 +208,28 @@ __attribute__((target("avx2"))) std::size_t LaneSumsByQuads(const std::uint8_t* 
 
 std::uint16_t Fingerprint(const std::uint8_t* block, std::size_t size, std::uint32_t version) {
   // Each word i (mixed) times a multiplier of its own place, kStep * (2i + 1) (odd, so no change of
-  // a word is lost), summed in four lanes (word i in lane i % 4); the bytes after the last whole 32
-  // are taken one at a time. Over the words 4j + l of lane l, j < m, that sum is kStep times
-  // 8 * sum(j * w) + (2l + 1) * sum(w), and sum(j * w) = m * sum(w) - (the sum of the running sums
-  // of w): the words are only added up (sums modulo 2^64 are exact).
+  // a word is lost), summed in four lanes (word i in lane i % 4). The bytes after the last whole 32
+  // are taken as one more line, with zeros after them (the size, mixed in at the end, tells them
+  // apart); before version 13, one at a time. Over the words 4j + l of lane l, j < m, that sum is
+  // kStep times 8 * sum(j * w) + (2l + 1) * sum(w), and sum(j * w) = m * sum(w) - (the sum of the
+  // running sums of w): the words are only added up (sums modulo 2^64 are exact).
   std::uint64_t sums[4] = {0, 0, 0, 0}, runs[4] = {0, 0, 0, 0};
   const bool mix = version >= kMixedFingerprintVersion;
 #if defined(__x86_64__)
   static const bool byQuads = __builtin_cpu_supports("avx2");
   std::size_t at = byQuads ? (mix ? LaneSumsByQuads<true> : LaneSumsByQuads<false>)(block, size, sums, runs)
-                           : (mix ? LaneSums<true> : LaneSums<false>)(block, size, sums, runs);
+                           : (mix ? LaneSums<true> : LaneSums<false>)(block, size, sums, runs, 0);
 #else
-  std::size_t at = (mix ? LaneSums<true> : LaneSums<false>)(block, size, sums, runs);
+  std::size_t at = (mix ? LaneSums<true> : LaneSums<false>)(block, size, sums, runs, 0);
 #endif
-  const std::uint64_t m = at / 32;
+  std::uint64_t m = at / 32;
+  if (mix && at < size) {
+    std::uint8_t last[32] = {};
+    std::memcpy(last, block + at, size - at);
+    LaneSums<true>(last, sizeof last, sums, runs, at / 8);
+    at = size;
+    ++m;
+  }
   std::uint64_t lanes[4];
   for (std::size_t l = 0; l < 4; ++l) lanes[l] = kStep * (8 * (m * sums[l] - runs[l]) + (2 * l + 1) * sums[l]);
   for (; at < size; ++at) lanes[at % 4] += std::uint64_t{block[at]} * (kStep * (2 * at + 1));
