@@ -339,6 +339,15 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why));
     EXPECT_EQ(why, "it was written by an earlier version of byteturn (journal version 4): finish the run with the "
                    "byteturn-recover of that version");
+    // One of a later version (an older build put back after a newer one failed), and one whose
+    // version is no version.
+    bt::StoreLE32(bytes.data() + 8, j::kVersion + 1);
+    EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why));
+    EXPECT_EQ(why, "it was written by a later version of byteturn (journal version " + std::to_string(j::kVersion + 1) +
+                       "): finish the run with the byteturn-recover of that version");
+    bt::StoreLE32(bytes.data() + 8, 0xFFFFFFFFu);
+    EXPECT_FALSE(j::DecodeHeader(bytes.data(), bytes.size(), back, why));
+    EXPECT_EQ(why, "it was written by another version of byteturn");
   }
   {
     // One of version 5, before the key check, the volumes' sizes and the table of written blocks:

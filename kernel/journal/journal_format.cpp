@@ -283,10 +283,12 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
   }
   const std::uint32_t version = r.U32();
   if (version < kOldestVersion || version > kVersion) {
-    why = version < kOldestVersion && version != 0
-              ? "it was written by an earlier version of byteturn (journal version " + std::to_string(version) +
-                    "): finish the run with the byteturn-recover of that version"
-              : "it was written by another version of byteturn";
+    // A version far past this one is no version at all: a damaged header.
+    const bool known = version != 0 && version <= kVersion + 1000;
+    why = known ? std::string("it was written by ") + (version < kOldestVersion ? "an earlier" : "a later") +
+                      " version of byteturn (journal version " + std::to_string(version) +
+                      "): finish the run with the byteturn-recover of that version"
+                : "it was written by another version of byteturn";
     return false;
   }
   header.version = version;
