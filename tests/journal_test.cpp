@@ -1615,6 +1615,20 @@ TEST(Journal, AShortMainFileBearsTheMarkToo) {
   EXPECT_EQ(fs::file_size(c.files[0]), size);
 }
 
+// A run of c's database started from the directory above it, its writes to the main file slowed
+// from byte slowFrom on, once it has marked its file (of size bytes before): its journal and its
+// lock are taken, its writes not done.
+std::future<RunResult> RunFromAboveAndAwaitMark(const Scratch& s, const Case& c, std::uintmax_t size,
+                                                std::uint64_t slowFrom) {
+  std::future<RunResult> run = std::async(std::launch::async, [&s, &c, slowFrom] {
+    return RunByteturn({std::string("db") + Sep() + "ORVA.DAT"}, c.answers, s.dir, UnderTest().faultsExe,
+                       "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(slowFrom) + ":slow'");
+  });
+  for (int wait = 0; wait < 3000 && fs::file_size(c.files[0]) == size; ++wait)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  return run;
+}
+
 // A run whose database's directory is moved away while it goes on (the operator took it for dead
 // and put the backup back in its place), started from the directory above, leaves the journal and the lock now under their names, another run's,
 // as they are: its own went with the directory, where its database is converted and unmarked.
@@ -1627,13 +1641,7 @@ TEST(Journal, ARunMovedAwayLeavesWhatWasPutInItsPlace) {
   for (const bool put : {true, false}) {
     SCOPED_TRACE(put ? "another run's files put in its place" : "nothing put in its place");
     Reset(c);
-    auto run = std::async(std::launch::async, [&] {
-      return RunByteturn({std::string("db") + Sep() + "ORVA.DAT"}, c.answers, s.dir, UnderTest().faultsExe,
-                         "BYTETURN_FAULTS='write:ORVA.DAT:" + std::to_string(300 * 4096) + ":slow'");
-    });
-    // Once the run has marked its file: its journal and its lock are taken, its writes not done.
-    for (int wait = 0; wait < 3000 && fs::file_size(c.files[0]) == size; ++wait)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::future<RunResult> run = RunFromAboveAndAwaitMark(s, c, size, 300 * 4096);
     fs::rename(c.dir, s.Path("moved"));
     fs::create_directories(c.dir);
     if (put) {
@@ -1654,6 +1662,32 @@ TEST(Journal, ARunMovedAwayLeavesWhatWasPutInItsPlace) {
     fs::remove_all(c.dir);
     fs::rename(s.Path("moved"), c.dir);
   }
+}
+
+// The same for a volume set, whose further volumes the run opens when it comes to them: the copy
+// put in its place is not the run's, so the run ends before it reads or writes it, the copy as it
+// was, and the recovery finishes the files the run began with, where they now lie.
+TEST(Journal, ARunMovedAwayDoesNotGoOnInTheCopyPutInItsPlace) {
+  if (UnderTest().windows) GTEST_SKIP() << "a directory whose files are open cannot be moved";
+  Scratch s;
+  gendb::Params p = SmallSet();  // every volume beside the main file
+  p.volumeSet.directories.clear();
+  p.volumeSet.storedList.clear();
+  p.volumeSet.placement = {0, 0};
+  const Case c = Prepare(s, p);
+  const std::uintmax_t size = fs::file_size(c.files[0]);
+  std::future<RunResult> run = RunFromAboveAndAwaitMark(s, c, size, 100 * 4096);
+  fs::rename(c.dir, s.Path("moved"));
+  for (const std::string& file : c.files) fs::create_directories(fs::path(file).parent_path());
+  CopyFiles(c.pristine, c.files);
+  const RunResult r = run.get();
+  EXPECT_EQ(r.status, 1) << r.out << r.err;
+  EXPECT_NE(r.out.find(std::string("is not the file this run began with: db") + Sep()), std::string::npos) << r.out;
+  EXPECT_TRUE(FilesEqual(c.files, c.pristine));
+  EXPECT_FALSE(Exists(c.journal));
+  fs::remove_all(c.dir);
+  fs::rename(s.Path("moved"), c.dir);
+  FinishAndExpectTwin(c);
 }
 
 namespace {

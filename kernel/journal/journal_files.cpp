@@ -57,6 +57,17 @@ journal::Mark MarkAt(std::uint64_t runId, std::uint64_t originalSize, std::uint6
   return mark;
 }
 
+// The main file, opened to bear the mark: the file the run began with, never one put in its place.
+platform::File OpenMarkFile() {
+  const platform::File file = platform::OpenReadWrite(databaseFileName);
+  if (file == platform::kInvalidFile) MarkFailed("writing");
+  if (!IsVolumeFound(0, file)) {
+    platform::Close(file);
+    FailVolumeReplaced(0);
+  }
+  return file;
+}
+
 // The mark goes to the end of the main file, and is flushed, before the run writes anything: the
 // group of the commit in effect in its sector, the other sector empty.
 void MarkMainFile() {
@@ -65,8 +76,7 @@ void MarkMainFile() {
   j.mark = MarkAt(j.header.runId, j.header.mainFileSize, j.nextNumber - 1);
   if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) MarkFailed("writing");
   platform::ClearLastError();
-  j.markFile = platform::OpenReadWrite(databaseFileName);
-  if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+  j.markFile = OpenMarkFile();
   if (!WriteThrough(j.markFile, j.mark.originalSize, bytes, sizeof bytes)) MarkFailed("writing");
   platform::ClearLastError();
   if (!platform::Sync(j.markFile)) MarkFailed("flushing");
@@ -166,8 +176,7 @@ void ResumeMark() {
   journal::Mark mark;
   if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
     j.mark = MarkAt(mark.runId, mark.originalSize, mark.group);
-    j.markFile = platform::OpenReadWrite(databaseFileName);
-    if (j.markFile == platform::kInvalidFile) MarkFailed("writing");
+    j.markFile = OpenMarkFile();
     platform::ClearLastError();
     if (!platform::Sync(j.markFile)) MarkFailed("flushing");  // a killed run may have left it unflushed
   } else {
@@ -217,17 +226,28 @@ void UnmarkMainFile() {
   j.markFile = platform::kInvalidFile;
 }
 
-// Opened by the run, never by the writer: the writer only writes and flushes.
+namespace {
+bool volumeReplaced = false;  // the last handle OpenVolumeHandle could not give
+}
+
+// Opened by the run, never by the writer: the writer only writes and flushes. Only the file the run
+// began with: one put in its place since is not written.
 bool OpenVolumeHandle(std::uint32_t v) {
   JournalFile& f = j.files[v];
   if (f.handle == platform::kInvalidFile) {
     platform::ClearLastError();
     f.handle = platform::OpenReadWrite(VolumePath(v));
+    volumeReplaced = f.handle != platform::kInvalidFile && !IsVolumeFound(v, f.handle);
+    if (volumeReplaced) {
+      platform::Close(f.handle);
+      f.handle = platform::kInvalidFile;
+    }
   }
   return f.handle != platform::kInvalidFile;
 }
 
 [[noreturn]] void FailOpeningVolume(std::uint32_t v) {
+  if (volumeReplaced) FailVolumeReplaced(v);
   Fail("\r\nError opening volume #%d for writing. %s\r\n", static_cast<int>(v), ErrorText());
 }
 

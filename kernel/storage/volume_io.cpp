@@ -90,11 +90,28 @@ platform::FileIdentity VolumeIdentity(std::uint32_t volume) {
 }
 std::uint64_t VolumeSize(std::uint32_t volume) { return volume <= kMaxVolumes ? volumeSizes[volume] : 0; }
 
+bool IsVolumeFound(std::uint32_t volume, platform::File file) {
+  const platform::FileIdentity noted = VolumeIdentity(volume);
+  return noted == platform::FileIdentity{} || platform::IdentityOf(file) == noted;
+}
+
+void FailVolumeReplaced(std::uint32_t volume) {
+  const std::string path = VolumePath(volume);
+  Fail("\r\nVolume #%d is not the file this run began with: %s was moved or replaced while the run went "
+       "on.\r\n",
+       static_cast<int>(volume), path.c_str());
+}
+
 platform::File OpenVolumeFile(std::uint32_t volume) {
   std::string path = VolumePath(volume);
   if (path.empty()) return platform::kInvalidFile;
   const platform::File file = OpenDatabaseFile(path);
-  if (file != platform::kInvalidFile) NoteVolumeOfFile(file, volume);
+  if (file == platform::kInvalidFile) return file;
+  if (!IsVolumeFound(volume, file)) {
+    platform::Close(file);
+    FailVolumeReplaced(volume);
+  }
+  NoteVolumeOfFile(file, volume);
   return file;
 }
 

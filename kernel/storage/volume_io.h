@@ -18,7 +18,14 @@ std::string VolumePath(std::uint32_t volume);
 platform::File OpenDatabaseFile(const std::string& path);
 // The identity of a file opened by OpenDatabaseFile (asked of the system for any other handle).
 platform::FileIdentity IdentityOfDatabaseFile(platform::File file);
+// Opens volume's file by its path; a file there that is not the one the run found when it began
+// (the files were moved away, or another put in their place, while the run went on) ends the run
+// (FailVolumeReplaced), before the run reads or writes it.
 platform::File OpenVolumeFile(std::uint32_t volume);
+// Whether file, opened by volume's path, is the file noted for it when the run began (true where
+// none was noted); the message that ends the run where it is not.
+bool IsVolumeFound(std::uint32_t volume, platform::File file);
+[[noreturn]] void FailVolumeReplaced(std::uint32_t volume);
 // The identity and size of volume's file as its check before the run found them (the main file is
 // volume 0; size 0 where it could not be told).
 void NoteVolumeIdentity(std::uint32_t volume, platform::File file);
