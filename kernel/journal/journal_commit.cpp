@@ -141,9 +141,9 @@ std::uint64_t GroupsToSettle(std::uint64_t number) {
 // the two commit sectors out of their order: this group then waits for the one before to land.
 void Commit() {
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
-  // The files' handles first: once the journal and the mark are made, a file moved or renamed
-  // since the run opened it is still written where it now lies, and one the first commit cannot
-  // open leaves neither.
+  // The files' handles first, so that the run holds them once the mark is made: files moved away
+  // after it are written where they now lie. A first commit that cannot open a file leaves neither
+  // journal nor mark.
   for (const HeldWrite& w : j.group.held) {
     if (OpenVolumeHandle(w.volume)) continue;
     const int error = platform::LastError();
