@@ -688,6 +688,34 @@ TEST(Journal, AJournalThatFailsEndsTheRunWhichTheRecoveryFinishes) {
     }
 }
 
+// A run whose mark cannot be made (the main file not opened again for it) ends before its first
+// write, and takes away the journal it made for it, wherever the journal lies: nothing refuses
+// the next run, which converts the database.
+TEST(Journal, ARunThatCannotMarkItsFileLeavesNoJournal) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  for (const std::string& where : {std::string(), "BYTETURN_JOURNAL='" + Shown(s.Path("elsewhere")) + "' "}) {
+    SCOPED_TRACE(where);
+    bool marking = false;  // which of the main file's opens for writing is the mark's: the first that says so
+    for (int n = 1; n <= 12 && !marking; ++n) {
+      Reset(c);
+      fs::remove_all(s.Path("elsewhere"));  // a journal an earlier failure left there
+      fs::create_directories(s.Path("elsewhere"));
+      const RunResult r =
+          Convert(c, UnderTest().faultsExe, where + "BYTETURN_FAULTS='openrw:ORVA.DAT:" + std::to_string(n) + ":EACCES'");
+      marking = r.out.find("\r\nError writing the mark of this run in ORVA.DAT. ") != std::string::npos;
+      if (!marking) continue;
+      EXPECT_EQ(r.status, 1) << r.out << r.err;
+      EXPECT_TRUE(FilesEqual(c.files, c.pristine));
+      EXPECT_FALSE(Exists(c.journal));
+      EXPECT_TRUE(fs::is_empty(s.Path("elsewhere")));
+      fs::remove(c.lock);
+      FinishAndExpectTwin(c);
+    }
+    EXPECT_TRUE(marking) << "no open of the main file was the mark's";
+  }
+}
+
 // Journals that are not whole, or not this run's or this database's, are refused before anything
 // is written: status 1, the files and the journal as they were.
 TEST(Journal, DamagedOrForeignJournalsAreRefused) {

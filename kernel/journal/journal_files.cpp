@@ -57,26 +57,41 @@ journal::Mark MarkAt(std::uint64_t runId, std::uint64_t originalSize, std::uint6
   return mark;
 }
 
+// The journal this run has just made, on which nothing relies yet (no file was written, and the
+// main file bears no mark), removed where it lies now: left, it would have the next run refused
+// and its recovery convert the whole database.
+void RemoveUnusedJournal() {
+  const int error = platform::LastError();
+  const std::string path = platform::PathToRemove(j.path, j.file);
+  platform::Close(j.file);
+  j.file = platform::kInvalidFile;
+  j.created = false;
+  if (!path.empty() && platform::RemoveFile(path)) platform::SyncDirectory(DirectoryOf(path));
+  platform::SetLastError(error);
+}
+
 // The main file, opened to bear the mark: the file the run began with, never one put in its place.
-platform::File OpenMarkFile() {
+// Where it cannot be, a journal made for this mark (fresh) is removed before the run ends.
+platform::File OpenMarkFile(bool freshJournal) {
   const platform::File file = platform::OpenReadWrite(databaseFileName);
-  if (file == platform::kInvalidFile) MarkFailed("writing");
-  if (!IsVolumeFound(0, file)) {
-    platform::Close(file);
-    FailVolumeReplaced(0);
-  }
-  return file;
+  const bool opened = file != platform::kInvalidFile;
+  if (opened && IsVolumeFound(0, file)) return file;
+  if (opened) platform::Close(file);
+  if (freshJournal) RemoveUnusedJournal();
+  if (!opened) MarkFailed("writing");
+  FailVolumeReplaced(0);
 }
 
 // The mark goes to the end of the main file, and is flushed, before the run writes anything: the
-// group of the commit in effect in its sector, the other sector empty.
-void MarkMainFile() {
+// group of the commit in effect in its sector, the other sector empty. A mark whose write or flush
+// failed may be on the disk, and keeps its journal.
+void MarkMainFile(bool freshJournal) {
   if (!j.marking) return;
   std::uint8_t bytes[journal::kMarkBytes] = {};
   j.mark = MarkAt(j.header.runId, j.header.mainFileSize, j.nextNumber - 1);
   if (!journal::EncodeMark(j.mark, bytes + journal::kSectorBytes * (j.mark.group % 2))) MarkFailed("writing");
   platform::ClearLastError();
-  j.markFile = OpenMarkFile();
+  j.markFile = OpenMarkFile(freshJournal);
   if (!WriteThrough(j.markFile, j.mark.originalSize, bytes, sizeof bytes)) MarkFailed("writing");
   platform::ClearLastError();
   if (!platform::Sync(j.markFile)) MarkFailed("flushing");
@@ -135,7 +150,7 @@ void CreateJournal() {
   j.file = platform::OpenReadWrite(j.path);
   if (j.file == platform::kInvalidFile || !platform::TryLockExclusive(j.file)) JournalFailed("opening");
   j.created = true;
-  MarkMainFile();
+  MarkMainFile(true);
 }
 
 // Whether the main file of a run whose journal is of version takes a mark: every one now; before
@@ -176,11 +191,11 @@ void ResumeMark() {
   journal::Mark mark;
   if (j.marking && ReadMarkOf(databaseFileName, mark) && mark.runId == j.header.runId) {
     j.mark = MarkAt(mark.runId, mark.originalSize, mark.group);
-    j.markFile = OpenMarkFile();
+    j.markFile = OpenMarkFile(false);
     platform::ClearLastError();
     if (!platform::Sync(j.markFile)) MarkFailed("flushing");  // a killed run may have left it unflushed
   } else {
-    MarkMainFile();
+    MarkMainFile(false);
   }
 }
 
