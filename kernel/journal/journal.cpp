@@ -43,6 +43,7 @@ void StartKeys(const std::vector<journal::VolumeRecord>& volumes) {
 // messages made before the write that failed are shown, then the run's message.
 [[noreturn]] void FailAsTheWriterStopped(const Outcome& o, const Group& g) {
   SetFailureHook(nullptr);
+  AwaitLandings();
   platform::SetLastError(o.error);
   if (o.stop == Stop::kJournalWriting) JournalFailed("writing");
   if (o.stop == Stop::kJournalFlushing) JournalFailed("flushing");

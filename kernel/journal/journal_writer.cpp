@@ -462,4 +462,25 @@ void AwaitFlightsThrough(std::uint64_t n) {
 
 void AwaitFlights() { AwaitFlightsThrough(UINT64_MAX); }
 
+void AwaitLandings() {
+  if (!ThreadsRunning()) return;  // the run recorded and wrote its flights itself
+  // Flights held back for the tests start, so that a commit sector waiting for one goes on.
+  for (std::uint64_t k = j.oldestBusy; k < j.nextNumber; ++k) {
+    Flight& f = FlightOf(k);
+    bool lagging = false;
+    {
+      const std::lock_guard<std::mutex> hold(state.handover.lock);
+      lagging = f.busy && f.stage == Stage::kHeld;
+    }
+    if (lagging) Start(f);
+  }
+  Handover& h = state.handover;
+  std::unique_lock<std::mutex> hold(h.lock);
+  h.runWake.wait(hold, [&] {
+    return std::none_of(std::begin(j.flights), std::end(j.flights), [](const Flight& f) {
+      return f.busy && (f.stage == Stage::kToRecord || f.stage == Stage::kCommitting || f.stage == Stage::kToWrite);
+    });
+  });
+}
+
 }  // namespace bt::journaling

@@ -19,6 +19,10 @@ bool SyncWrittenFiles(Outcome& outcome);
 void HandToWriter(Flight& f);
 void AwaitFlightsThrough(std::uint64_t n);
 void AwaitFlights();
+// After a flight stopped: waits until the threads have let go of every flight on its way (those
+// after the one that stopped land neither recorded nor written), so that nothing they do outlives
+// the run's end.
+void AwaitLandings();
 // The flight group number n travels in.
 inline Flight& FlightOf(std::uint64_t n) { return TheJournalState().journal.flights[n % kFlights]; }
 
