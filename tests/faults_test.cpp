@@ -446,6 +446,30 @@ TEST(LockFaults, LockTextLostAtItsCloseEndsTheRun) {
 // Of two runs started together exactly one converts; the other finds the lock. The one that
 // takes it holds it open three seconds before writing it, so that the other surely looks for it
 // meanwhile, and must find it (on Windows a lock opened without sharing could not be read).
+// A run held up between the check of the label and its lock, while another run converts the file
+// through another name (a link in another directory, with a lock of its own), finds the file
+// changed once it holds it, and leaves it as the other run left it.
+TEST(LockFaults, AFileConvertedWhileTheRunTookItsLockIsLeftAlone) {
+  Scratch s;
+  const gendb::Params p = SparseDatabase(2000, 0.5);
+  Generate(p, s.Path("ORVA.DAT"));
+  Generate(TwinOf(p), s.Path("twin.dat"));
+  // The other run's work, done while this one holds its new lock three seconds before it writes
+  // it (the lock appears once the label is checked): the file as that run leaves it, written over
+  // this one's in place.
+  const std::string run = ShellCommand(UnderTest().faultsExe) + " -t ORVA.DAT";
+  const std::string script = "cd '" + s.dir + "' && { BYTETURN_FAULTS='create:orva.lck::slow' " + run +
+                             " > a.out 2> a.err; echo $? > a.status; } & cd '" + s.dir +
+                             "' && for i in $(seq 400); do [ -e orva.lck ] && break; sleep 0.05; done && " +
+                             "cat twin.dat > ORVA.DAT && wait";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  EXPECT_EQ(ReadText(s.Path("a.status")), "1\n") << ReadText(s.Path("a.out"));
+  EXPECT_EQ(ReadText(s.Path("a.err")),
+            "ORVA.DAT changed while this run was starting (another run may have converted it): nothing was written.\n");
+  EXPECT_EQ(gendb::CompareFiles(s.Path("ORVA.DAT"), s.Path("twin.dat"), 4096), "");
+  EXPECT_FALSE(Exists(s.Path("orva.lck")));
+}
+
 TEST(LockFaults, TwoRunsStartedTogether) {
   Scratch s;
   const gendb::Params p = SparseDatabase(2000000, 0.999);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "block_batch.h"
 #include "block_cipher.h"
@@ -43,6 +44,21 @@ void ReadLabelCopy(std::uint8_t* labelCopy) {
   if (!ReadBlockAt(file, 0, labelCopy, kLabelCopySize))
     Fail("\r\nerror reading map block of database file. %s\r\n", ErrorText());
   platform::Close(file);
+}
+
+// Another run may have converted the file between the check of its label and this run's lock,
+// through another name (whose lock is another file): once the file is held, its label must still
+// be the one checked, in the file the run began with.
+void RefuseWhenChangedMeanwhile(const std::string& lockPath) {
+  std::uint8_t now[kLabelCopySize];
+  const platform::File file = OpenDatabaseFile(databaseFileName);
+  const bool same = file != platform::kInvalidFile && IsVolumeFound(0, file) && ReadBlockAt(file, 0, now, kLabelCopySize) &&
+                    std::memcmp(now, labelCopyAtStart, kLabelCopySize) == 0;
+  platform::Close(file);
+  if (same) return;
+  TheStore().Unlock(lockPath);
+  FailTo(stderr, "%s changed while this run was starting (another run may have converted it): nothing was written.\n",
+         databaseFileName.c_str());
 }
 
 struct Volume {
@@ -177,6 +193,7 @@ std::string PrepareRun(int argc, const char* const* argv, CommandLine& commandLi
 
   const std::string lockPath = LockPathFor(databaseFileName);
   TheStore().Lock(lockPath, databaseFileName);
+  RefuseWhenChangedMeanwhile(lockPath);
   return lockPath;
 }
 
