@@ -167,6 +167,7 @@ void EndJournal() {
   if (!SyncWrittenFiles(outcome)) FailAsTheWriterStopped(outcome, j.group);
   for (JournalFile& f : j.files) platform::Close(f.handle);
   j.files.clear();
+  CommitCompletion();
   UnmarkMainFile();
   // Where the journal's directory was moved away while the run went on, it is removed where it
   // lies now; a journal put under its old name since is another run's, and stays.

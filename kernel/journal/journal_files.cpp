@@ -224,6 +224,26 @@ void StampResumedGroup() {
   j.markUnflushed = false;
 }
 
+// The last commit written again, saying so, and flushed: a main file that bears no mark beside a
+// journal whose run did not complete had the mark cut off otherwise (a copy of its blocks alone,
+// the file cut back to them), and is not taken for complete. A journal of an earlier version,
+// continued by a recovery, keeps its commits as they were; a commit not as it was written is left
+// to the recovery's checks.
+void CommitCompletion() {
+  const std::uint64_t number = j.nextNumber - 1;
+  if (number == 0 || j.header.version < journal::kCompletionVersion) return;
+  std::uint8_t sector[journal::kCommitBytes];
+  const std::uint64_t at = journal::kCommitOffset + journal::kCommitBytes * (number % 2);
+  journal::Commit commit;
+  platform::ClearLastError();
+  if (!ReadThrough(j.file, at, sector, sizeof sector)) JournalFailed("reading");
+  if (!journal::DecodeCommit(sector, commit, j.header.version) || commit.number != number) return;
+  commit.complete = true;
+  journal::EncodeCommit(commit, sector);
+  WriteJournalOrFail(sector, sizeof sector, at);
+  SyncJournalOrFail();
+}
+
 // Once every file is flushed: the mark is cut off (only where the file still ends with it).
 void UnmarkMainFile() {
   if (j.markFile == platform::kInvalidFile) return;

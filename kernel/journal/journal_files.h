@@ -31,6 +31,8 @@ bool MarkInside(const journal::Header& header);
 void ResumeMark();
 bool StampGroup(std::uint64_t number);
 void StampResumedGroup();
+// Once every file is flushed, before the mark is cut off: the last commit says the run completed.
+void CommitCompletion();
 void UnmarkMainFile();
 
 // The journal's own handle of volume v, which the run opens (false where it cannot).

@@ -328,6 +328,8 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
   return true;
 }
 
+constexpr std::uint32_t kCompleteBit = 0x80000000u;
+
 void EncodeCommit(const Commit& commit, std::uint8_t* sector) {
   Writer w;
   w.Raw(kCommitMagic, 8);
@@ -338,7 +340,7 @@ void EncodeCommit(const Commit& commit, std::uint8_t* sector) {
     w.U64(r.size);
     w.U64(r.checksum);
   }
-  w.U32(commit.open);
+  w.U32(commit.open | (commit.complete ? kCompleteBit : 0));
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   w.bytes.resize(kCommitBytes);
   std::memcpy(sector, w.bytes.data(), kCommitBytes);
@@ -356,6 +358,10 @@ bool DecodeCommit(const std::uint8_t* sector, Commit& commit, std::uint32_t vers
     commit.records[k].checksum = r.U64();
   }
   if (version >= 9) commit.open = r.U32();
+  if (version >= kCompletionVersion) {
+    commit.complete = (commit.open & kCompleteBit) != 0;
+    commit.open &= ~kCompleteBit;
+  }
   const std::size_t content = r.at;
   return r.U64() == ChecksumOf(sector, content) && r.ok && commit.open >= 1 && commit.open <= kMostOpenRecords &&
          commit.open <= std::max<std::uint64_t>(commit.number, 1);

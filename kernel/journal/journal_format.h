@@ -51,11 +51,13 @@ namespace bt::journal {
 // run took by its identity and time as well as its path. Version 12 marks a main file shorter than
 // its blocks too; before, such a file took no mark. Version 13 mixes each word of a block before
 // its fingerprint adds it up; a journal of an earlier version keeps the fingerprints it was written
-// with.
-inline constexpr std::uint32_t kVersion = 13, kOldestVersion = 5;
+// with. Version 14 says in the last commit that the run completed, before the run cuts its mark off:
+// a main file without the mark beside a journal whose run did not complete had it cut off otherwise.
+inline constexpr std::uint32_t kVersion = 14, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::uint32_t kShortFilesMarkedVersion = 12;  // a main file shorter than its blocks too
 inline constexpr std::uint32_t kMixedFingerprintVersion = 13;
+inline constexpr std::uint32_t kCompletionVersion = 14;  // the last commit tells a run completed
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
@@ -127,6 +129,9 @@ struct Commit {
   // those after the last group whose files were flushed before this commit.
   std::uint32_t open = 1;
   RecordPlace records[kMostOpenRecords];
+  // The run completed: every file is flushed, and the mark is about to be cut off (version 14;
+  // the top bit of the word that holds open).
+  bool complete = false;
 };
 void EncodeCommit(const Commit& commit, std::uint8_t* sector);
 // version: the journal's (a commit of a version before 9 names one record).
