@@ -227,8 +227,7 @@ void StampResumedGroup() {
 // The last commit written again, saying so, and flushed: a main file that bears no mark beside a
 // journal whose run did not complete had the mark cut off otherwise (a copy of its blocks alone,
 // the file cut back to them), and is not taken for complete. A journal of an earlier version,
-// continued by a recovery, keeps its commits as they were; a commit not as it was written is left
-// to the recovery's checks.
+// continued by a recovery, keeps its commits as they were.
 void CommitCompletion() {
   const std::uint64_t number = j.nextNumber - 1;
   if (number == 0 || j.header.version < journal::kCompletionVersion) return;
@@ -237,7 +236,10 @@ void CommitCompletion() {
   journal::Commit commit;
   platform::ClearLastError();
   if (!ReadThrough(j.file, at, sector, sizeof sector)) JournalFailed("reading");
-  if (!journal::DecodeCommit(sector, commit, j.header.version) || commit.number != number) return;
+  // Not as written (changed by something else since): the mark stays, and the recovery's checks
+  // meet the journal as it is.
+  if (!journal::DecodeCommit(sector, commit, j.header.version) || commit.number != number)
+    Fail("\r\nThe journal %s does not hold the commit this run wrote last.\r\n", j.path.c_str());
   commit.complete = true;
   journal::EncodeCommit(commit, sector);
   WriteJournalOrFail(sector, sizeof sector, at);
