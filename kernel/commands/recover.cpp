@@ -58,7 +58,9 @@ namespace {
                            databaseFileName + " bears no mark of an interrupted conversion: there is nothing to finish.";
   if (removed.empty() && !lock.empty() && platform::FileExists(lock))
     Refuse(text + " The lock " + lock + " stays: where the run that left it had not written yet, or had finished, "
-           "remove it; where its journal lies elsewhere, name its directory in BYTETURN_JOURNAL.");
+           "remove it; where its journal lies elsewhere, name its directory in BYTETURN_JOURNAL; where it ran with "
+           "BYTETURN_JOURNAL=off and was interrupted, the database is part converted, and only a backup taken "
+           "before that run gives it back.");
   if (removed.empty()) Refuse(text);
   PrintTo(stderr, "byteturn-recover: %s The run before stopped while it made its journal, before it wrote anything; "
           "removed what it left: %s.\n", text.c_str(), removed.c_str());
