@@ -381,22 +381,6 @@ bool BeginsWithLabel(const std::uint8_t* label, const journal::Found& found, con
   return false;
 }
 
-// Whether the lock the run took still stands, where it took it or beside the main file where the
-// directory went, the very file unchanged since (an earlier version's journal does not know it so):
-// the run ended without removing it, so it did not complete.
-bool RunsLockStands(const journal::Header& h) {
-  if (h.lockPath.empty() || h.lockIdentity == platform::FileIdentity{}) return false;
-  const LockStamp stamp{h.lockIdentity, h.lockChanged};
-  for (const std::string& lock : {h.lockPath, LockBeside(databaseFileName)}) {
-    const platform::File file = platform::OpenReadOnly(lock);
-    if (file == platform::kInvalidFile) continue;
-    const bool stands = LockStamp{platform::IdentityOf(file), platform::ChangedTimeOf(file)} == stamp;
-    platform::Close(file);
-    if (stands) return true;
-  }
-  return false;
-}
-
 // The files of the database must be those the interrupted run converted, wherever they are now:
 // linked to each other as they were, the main file beginning with its label block as the run found
 // it or converts it, and every block the journal names as the run left it.
@@ -496,9 +480,9 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   // the journal has a commit, was converted to its end where that commit says the run completed (a
   // cut before the journal was removed, or a journal put back since), and where the journal is of
   // a version before it could say so. Its last record would convert again the blocks that followed
-  // it. Where the run did not complete, the mark was cut off otherwise: the file is finished (and
-  // marked again) where the run's own lock still stands, which a run that completed removed;
-  // otherwise it may be a journal put back beside a database converted to its end since.
+  // it. Where the run did not complete, the mark was cut off otherwise, and the file is part
+  // converted; or the journal is a copy from earlier put back, beside files converted further since
+  // (to their end, even), which without the mark nothing tells: refused either way, naming both.
   std::uint8_t sector[journal::kSectorBytes];
   if (!marked && found.commit.number != 0 && journaling::MarkExpected(h) &&
       journal::EncodeMark({h.runId, h.mainFileSize, 0, FullPath(journalPath)}, sector)) {
@@ -509,13 +493,13 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
              ", which cuts the mark off only once its files are complete: if " + databaseFileName +
              " is the database that run converted, its conversion is complete; remove the journal" + andLock + "." +
              caution + " Nothing was changed.");
-    if (!RunsLockStands(h))
-      Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +
-             ", and the run did not complete: either the mark was cut off " + databaseFileName +
-             " (by a copy of its blocks alone, or the file cut back to them), and it is part converted (put it back "
-             "as the run left it, mark and all, or restore the database from a backup taken before the run), or the "
-             "journal is an older copy put back beside a database whose conversion completed since (remove the "
-             "journal" + andLock + ")." + caution + " Nothing was changed.");
+    Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +
+           ", and the run did not complete: either the mark was cut off " + databaseFileName +
+           " (by a copy of its blocks alone, or the file cut back to them), and it is part converted (put it back "
+           "as the run left it, mark and all, or restore the database from a backup taken before the run), or the "
+           "journal is a copy from earlier put back beside files converted further since (put back the journal as "
+           "the run left it, or remove it" + andLock + " if the conversion completed)." + caution +
+           " Nothing was changed.");
   }
   // The files were flushed after the writes of every group before those of the records in effect,
   // and the mark with them.

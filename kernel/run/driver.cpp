@@ -48,14 +48,15 @@ void ReadLabelCopy(std::uint8_t* labelCopy) {
 
 // Another run may have converted the file between the check of its label and this run's lock,
 // through another name (whose lock is another file): once the file is held, its label must still
-// be the one checked, in the file the run began with.
+// be the one checked. (A file that does not open or read now fails where the run opens it, with
+// the system's reason; one put in its place, where the run finds it is not the file it began with.)
 void RefuseWhenChangedMeanwhile(const std::string& lockPath) {
   std::uint8_t now[kLabelCopySize];
   const platform::File file = OpenDatabaseFile(databaseFileName);
-  const bool same = file != platform::kInvalidFile && IsVolumeFound(0, file) && ReadBlockAt(file, 0, now, kLabelCopySize) &&
-                    std::memcmp(now, labelCopyAtStart, kLabelCopySize) == 0;
+  const bool changed = file != platform::kInvalidFile && ReadBlockAt(file, 0, now, kLabelCopySize) &&
+                       std::memcmp(now, labelCopyAtStart, kLabelCopySize) != 0;
   platform::Close(file);
-  if (same) return;
+  if (!changed) return;
   TheStore().Unlock(lockPath);
   FailTo(stderr, "%s changed while this run was starting (another run may have converted it): nothing was written.\n",
          databaseFileName.c_str());
