@@ -488,13 +488,12 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
       journal::EncodeMark({h.runId, h.mainFileSize, 0, FullPath(journalPath)}, sector)) {
     const std::string lock = h.lockPath.empty() ? LockPathFor(databaseFileName) : h.lockPath;
     const std::string andLock = !lock.empty() && platform::FileExists(lock) ? " and the lock " + lock : std::string();
+    const std::string unmarked = databaseFileName + " bears no mark of the run that left the journal " + journalPath;
     if (h.version < journal::kCompletionVersion || found.commit.complete)
-      Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +
-             ", which cuts the mark off only once its files are complete: if " + databaseFileName +
+      Refuse(unmarked + ", which cuts the mark off only once its files are complete: if " + databaseFileName +
              " is the database that run converted, its conversion is complete; remove the journal" + andLock + "." +
              caution + " Nothing was changed.");
-    Refuse(databaseFileName + " bears no mark of the run that left the journal " + journalPath +
-           ", and the run did not complete: either the mark was cut off " + databaseFileName +
+    Refuse(unmarked + ", and the run did not complete: either the mark was cut off " + databaseFileName +
            " (by a copy of its blocks alone, or the file cut back to them), and it is part converted (put it back "
            "as the run left it, mark and all, or restore the database from a backup taken before the run), or the "
            "journal is a copy from earlier put back beside files converted further since (put back the journal as "

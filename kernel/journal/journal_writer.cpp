@@ -439,6 +439,16 @@ void HandToWriter(Flight& f) {
   Start(f);
 }
 
+// Starts flight k where the tests held it back (it starts once the run waits for it).
+void StartIfLagging(std::uint64_t k) {
+  Flight& f = FlightOf(k);
+  {
+    const std::lock_guard<std::mutex> hold(state.handover.lock);
+    if (!f.busy || f.stage != Stage::kHeld) return;
+  }
+  Start(f);
+}
+
 void AwaitFlightsThrough(std::uint64_t n) {
   while (j.oldestBusy <= n && j.oldestBusy < j.nextNumber) {
     Flight& f = FlightOf(j.oldestBusy);
@@ -449,12 +459,11 @@ void AwaitFlightsThrough(std::uint64_t n) {
     // Lagging flights start in their order, and with them the one whose record a commit sector
     // of theirs waits for.
     for (std::uint64_t k = j.oldestBusy; k < j.nextNumber; ++k) {
-      std::unique_lock<std::mutex> hold(state.handover.lock);
-      if (k > n && FlightOf(k - 1).commitWith != Flight::CommitWith::kNext) break;
-      Flight& lagging = FlightOf(k);
-      if (!lagging.busy || lagging.stage != Stage::kHeld) continue;
-      hold.unlock();
-      Start(lagging);
+      {
+        const std::lock_guard<std::mutex> hold(state.handover.lock);
+        if (k > n && FlightOf(k - 1).commitWith != Flight::CommitWith::kNext) break;
+      }
+      StartIfLagging(k);
     }
     AwaitOldest(f);
   }
@@ -465,15 +474,7 @@ void AwaitFlights() { AwaitFlightsThrough(UINT64_MAX); }
 void AwaitLandings() {
   if (!ThreadsRunning()) return;  // the run recorded and wrote its flights itself
   // Flights held back for the tests start, so that a commit sector waiting for one goes on.
-  for (std::uint64_t k = j.oldestBusy; k < j.nextNumber; ++k) {
-    Flight& f = FlightOf(k);
-    bool lagging = false;
-    {
-      const std::lock_guard<std::mutex> hold(state.handover.lock);
-      lagging = f.busy && f.stage == Stage::kHeld;
-    }
-    if (lagging) Start(f);
-  }
+  for (std::uint64_t k = j.oldestBusy; k < j.nextNumber; ++k) StartIfLagging(k);
   Handover& h = state.handover;
   std::unique_lock<std::mutex> hold(h.lock);
   h.runWake.wait(hold, [&] {
