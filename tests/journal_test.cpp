@@ -621,13 +621,18 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
   // A put-back that the system ends part way inside a sector (the first, the second) leaves it
   // holding part of the block as it was and part as the run wrote it: the next recovery writes
   // the block again, whole, from the record its put-back was given.
-  const auto cutWithBlockWritten = [&] {  // a block of the last record that the files hold as written
+  // A block of the last record that the files hold as written, its first sector changed before
+  // byte 256 and after it (so that half of the sector as it was makes a torn write).
+  const auto cutWithBlockWritten = [&] {
     const bt::journal::Found cut = FoundIn(CutHalfway(c));
     const std::vector<std::uint8_t> left = ReadBytes(c.files[0]), pristine = ReadBytes(c.pristine[0]);
+    const auto changed = [&](std::uint64_t from, std::uint64_t to) {
+      return !std::equal(left.begin() + from, left.begin() + to, pristine.begin() + from);
+    };
     for (const bt::journal::Entry& e : cut.Latest().entries)
       for (std::uint32_t k = 0; k < e.blocks && e.volume == 0; ++k) {
         const std::uint64_t at = e.position + std::uint64_t{k} * size;
-        if (at != 0 && !std::equal(left.begin() + at, left.begin() + at + size, pristine.begin() + at)) return at;
+        if (at != 0 && changed(at, at + 256) && changed(at + 256, at + 512)) return at;
       }
     return std::uint64_t{0};
   };
@@ -848,6 +853,50 @@ TEST(Journal, AMarkCutOffByHandIsNotTakenForACompleteRun) {
     EXPECT_EQ(refused.err.find("its conversion is complete"), std::string::npos) << refused.err;
     ExpectUnchanged(c, before);
   }
+}
+
+// A run killed late, a copy of its main file's blocks alone taken, a recovery that completed and
+// was cut after it took the mark off, before it removed the journal, then the copy put back: the
+// copy differs only in the blocks of the records still in effect, which a completed run's table
+// names too. The recovery calls the files as the recovery left them complete, and refuses the copy
+// as not as the run left it.
+TEST(Journal, ACopyFromBeforeACompletedRecoveryIsNotTakenForComplete) {
+  Scratch s;
+  const Case c = Prepare(s, Rich());
+  const std::string flushes = kSmallGroups + "BYTETURN_POWERCUT_COUNTS=flushes ";
+  Reset(c);
+  const std::uint64_t runFlushes = OperationsOf(Convert(c, UnderTest().faultsExe, flushes + "BYTETURN_POWERCUT=1000000"));
+  ASSERT_GT(runFlushes, 20u);
+  const std::string killRun = flushes + "BYTETURN_POWERCUT=" + std::to_string(runFlushes - 8) + ":1:kill";
+  Reset(c);
+  ASSERT_EQ(Convert(c, UnderTest().faultsExe, killRun).status, 98);
+  const std::uint64_t recoveryFlushes = OperationsOf(Recover(c, flushes + "BYTETURN_POWERCUT=1000000"));
+  ASSERT_TRUE(FilesEqual(c.files, c.twin));
+  const std::uintmax_t blocksOnly = fs::file_size(c.pristine[0]);
+  bool met = false;
+  for (std::uint64_t m = recoveryFlushes; m + 6 > recoveryFlushes && m > 0 && !met; --m) {
+    Reset(c);
+    ASSERT_EQ(Convert(c, UnderTest().faultsExe, killRun).status, 98);
+    const std::vector<std::uint8_t> older = ReadBytes(c.files[0], 0, blocksOnly);
+    const RunResult cut = Recover(c, flushes + "BYTETURN_POWERCUT=" + std::to_string(m) + ":1:kill");
+    ASSERT_EQ(cut.status, 98) << cut.out << cut.err;
+    if (!Exists(c.journal) || fs::file_size(c.files[0]) != blocksOnly) continue;
+    SCOPED_TRACE("recovery killed at flush " + std::to_string(m) + " of " + std::to_string(recoveryFlushes));
+    met = true;
+    ASSERT_TRUE(FilesEqual(c.files, c.twin));
+    const RunResult complete = Recover(c);
+    EXPECT_EQ(complete.status, 1);
+    EXPECT_NE(complete.err.find("its conversion is complete"), std::string::npos) << complete.err;
+    ASSERT_NE(older, ReadBytes(c.files[0]));
+    WriteBytes(c.files[0], 0, older);
+    const Snapshot before = Take(c);
+    const RunResult refused = Recover(c);
+    EXPECT_EQ(refused.status, 1) << refused.out << refused.err;
+    EXPECT_NE(refused.err.find("ORVA.DAT is not as the interrupted run left it"), std::string::npos) << refused.err;
+    EXPECT_EQ(refused.err.find("its conversion is complete"), std::string::npos) << refused.err;
+    ExpectUnchanged(c, before);
+  }
+  EXPECT_TRUE(met) << "no cut left the journal beside the main file without its mark";
 }
 
 // After a cut, an encrypted database's journal holds neither its key nor the password; the

@@ -252,10 +252,16 @@ void CheckWrittenBlocksOrRefuse(const journal::Found& found, platform::File jour
   const journal::Header& h = found.header;
   if (found.commit.number == 0 || h.tableBlocks == 0) return;
   const std::uint32_t size = found.Latest().blockSize;
-  std::vector<std::uint64_t> written = WrittenByOpenRecords(found, keys);
-  for (const journal::Record& r : found.records)
-    for (const journal::Check& c : r.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
-  std::sort(written.begin(), written.end());
+  // A run that completed had every file flushed and the table name every block it wrote before
+  // its last commit said so: each block then holds what the table says, those of the records in
+  // effect too. Otherwise a sector of theirs may hold either write, and their entries wait.
+  std::vector<std::uint64_t> written;
+  if (!(found.commit.complete && h.version >= journal::kWholeTableVersion)) {
+    written = WrittenByOpenRecords(found, keys);
+    for (const journal::Record& r : found.records)
+      for (const journal::Check& c : r.head.landed) written.push_back(BlockKey(c.volume, c.position / size));
+    std::sort(written.begin(), written.end());
+  }
   constexpr std::uint32_t kRun = 128;
   std::vector<std::uint8_t> entries(2 * kRun), blocks(std::size_t{kRun} * size);
   for (std::uint32_t v = 0; v <= furtherVolumeCount; ++v) {

@@ -165,6 +165,12 @@ void EndJournal() {
   if (!j.created) return;
   Outcome outcome;
   if (!SyncWrittenFiles(outcome)) FailAsTheWriterStopped(outcome, j.group);
+  // The table then names every block the run wrote, as the last commit, saying the run completed,
+  // tells the recovery: it checks them all.
+  if (j.header.version >= journal::kWholeTableVersion) {
+    std::vector<TableEntry> table = SettleEveryGroup();
+    if (!WriteTableAndSync(outcome, table)) FailAsTheWriterStopped(outcome, j.group);
+  }
   for (JournalFile& f : j.files) platform::Close(f.handle);
   j.files.clear();
   CommitCompletion();

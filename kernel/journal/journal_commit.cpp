@@ -93,27 +93,35 @@ bool WritesAgain(const std::vector<journal::Check>& landed) {
   return false;
 }
 
-// The groups after j.settled up to settled (all landed) are flushed before the commit of flight f:
-// it takes their volumes and table entries and, for its record, their blocks as written.
-void SettleGroups(std::uint64_t settled, Flight& f, std::vector<journal::Check>& landed) {
-  std::vector<std::uint32_t> volumes;
-  std::vector<TableEntry> table;
+// What the groups after j.settled up to settled (all landed) leave for their settling, together:
+// the volumes they wrote (each once), their table entries and their blocks as written, appended
+// to landed. From here on they count as settled.
+Unsettled TakeUnsettled(std::uint64_t settled, std::vector<journal::Check>& landed) {
+  Unsettled all;
   for (std::uint64_t n = j.settled + 1; n <= settled; ++n) {
     const bool kept = !j.unsettled.empty() && j.unsettled.front().number == n;
     Unsettled u = kept ? std::move(j.unsettled.front()) : Leftover(FlightOf(n));
     if (kept) j.unsettled.pop_front();
-    volumes.insert(volumes.end(), u.volumes.begin(), u.volumes.end());
-    table.insert(table.end(), u.table.begin(), u.table.end());
+    all.volumes.insert(all.volumes.end(), u.volumes.begin(), u.volumes.end());
+    all.table.insert(all.table.end(), u.table.begin(), u.table.end());
     landed.insert(landed.end(), u.landed.begin(), u.landed.end());
   }
-  std::sort(volumes.begin(), volumes.end());
-  volumes.erase(std::unique(volumes.begin(), volumes.end()), volumes.end());
+  std::sort(all.volumes.begin(), all.volumes.end());
+  all.volumes.erase(std::unique(all.volumes.begin(), all.volumes.end()), all.volumes.end());
+  all.number = settled;
+  j.settled = std::max(j.settled, settled);
+  return all;
+}
+
+// The groups after j.settled up to settled (all landed) are flushed before the commit of flight f:
+// it takes their volumes and table entries and, for its record, their blocks as written.
+void SettleGroups(std::uint64_t settled, Flight& f, std::vector<journal::Check>& landed) {
+  const bool any = settled > j.settled;
+  Unsettled u = TakeUnsettled(settled, landed);
   // A flush takes the whole file, whichever handle it is made through: the main file's takes the mark.
-  f.settleMark = j.markFile != platform::kInvalidFile && settled > j.settled &&
-                 !std::binary_search(volumes.begin(), volumes.end(), 0u);
-  f.settleVolumes = std::move(volumes);
-  f.settleTable = std::move(table);
-  j.settled = settled;
+  f.settleMark = j.markFile != platform::kInvalidFile && any && !std::binary_search(u.volumes.begin(), u.volumes.end(), 0u);
+  f.settleVolumes = std::move(u.volumes);
+  f.settleTable = std::move(u.table);
 }
 
 // The groups up to which the commit of the group being gathered is to have the files flushed:
@@ -289,6 +297,11 @@ void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position
 void CapOutput() {
   const Flight& oldest = FlightOf(j.oldestBusy);
   CapHeldOutput(j.oldestBusy < j.nextNumber && oldest.busy ? oldest.group.cap : j.group.cap);
+}
+
+std::vector<TableEntry> SettleEveryGroup() {
+  std::vector<journal::Check> landed;
+  return TakeUnsettled(j.nextNumber - 1, landed).table;
 }
 
 }  // namespace journaling

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "journal_state.h"
 
@@ -19,5 +20,8 @@ void SampleWrite(std::uint64_t key, std::uint32_t volume, std::uint64_t position
                  const std::uint8_t* written);
 // Keeps back the messages that wait for the groups held.
 void CapOutput();
+// At the run's end, every group landed and every file flushed: the table entries of the groups
+// not settled yet, which count as settled from here on.
+std::vector<TableEntry> SettleEveryGroup();
 
 }  // namespace bt::journaling

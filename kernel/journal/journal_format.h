@@ -53,11 +53,14 @@ namespace bt::journal {
 // its fingerprint adds it up; a journal of an earlier version keeps the fingerprints it was written
 // with. Version 14 says in the last commit that the run completed, before the run cuts its mark off:
 // a main file without the mark beside a journal whose run did not complete had it cut off otherwise.
-inline constexpr std::uint32_t kVersion = 14, kOldestVersion = 5;
+// Version 15 writes the table entries of the records still in effect before that last commit, so
+// that the table of a completed run names every block it wrote.
+inline constexpr std::uint32_t kVersion = 15, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::uint32_t kShortFilesMarkedVersion = 12;  // a main file shorter than its blocks too
 inline constexpr std::uint32_t kMixedFingerprintVersion = 13;
 inline constexpr std::uint32_t kCompletionVersion = 14;  // the last commit tells a run completed
+inline constexpr std::uint32_t kWholeTableVersion = 15;  // and the table then names every block written
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;

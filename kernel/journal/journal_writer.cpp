@@ -169,6 +169,14 @@ bool WriteTable(Outcome& outcome, std::vector<TableEntry>& due) {
   return true;
 }
 
+}  // namespace
+
+bool WriteTableAndSync(Outcome& outcome, std::vector<TableEntry>& due) {
+  return WriteTable(outcome, due) && SyncJournal(outcome);
+}
+
+namespace {
+
 // Writes flight f's record, not flushed: its head, then the undo of its blocks, in pieces that are
 // each sent on their way to the disk while the next is written. The commits that name it find its
 // place here.

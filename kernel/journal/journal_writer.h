@@ -14,6 +14,9 @@ namespace bt::journaling {
 
 // Flushes the files written since their last flush; false, with outcome set, where one fails.
 bool SyncWrittenFiles(Outcome& outcome);
+// Writes the table entries due (of groups whose files are flushed) and flushes the journal;
+// false, with outcome set, where that fails.
+bool WriteTableAndSync(Outcome& outcome, std::vector<TableEntry>& due);
 // The flight of a group committed goes on its way; the run waits for the flights, oldest first,
 // up to group number n, or all of them.
 void HandToWriter(Flight& f);
