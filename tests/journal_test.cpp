@@ -1333,10 +1333,16 @@ TEST(Journal, FilesOrAJournalPutBackFromAnotherTimeAreRefused) {
   ASSERT_EQ(cut.status, 99) << cut.out << cut.err;
   const Snapshot b = Take(c);
   const auto mixed = [](const Snapshot& files, const Snapshot& journal) { return Snapshot{files.files, journal.journal}; };
+  // The journal as it was before the run's first commit: its commit sectors name none.
+  Snapshot uncommitted = a;
+  const bt::journal::Commit none{FoundIn(a.journal).header.runId, 0, 1, {}};
+  for (std::size_t k = 0; k < 2; ++k)
+    bt::journal::EncodeCommit(none, uncommitted.journal.data() + bt::journal::kCommitOffset + k * bt::journal::kCommitBytes);
+  const std::string older = "byteturn-recover: the journal ORVA.DAT.journal is older than ORVA.DAT: the run went on past it";
   for (const auto& [name, snapshot, told] :
        {std::tuple{"the files rolled back", mixed(a, b), std::string(" is not as the interrupted run left it")},
-        std::tuple{"the journal rolled back", mixed(b, a), std::string("byteturn-recover: the journal ORVA.DAT.journal is "
-                                                                       "older than ORVA.DAT: the run went on past it")}}) {
+        std::tuple{"the journal rolled back", mixed(b, a), older},
+        std::tuple{"the journal from before the first commit", uncommitted, older + " (its files hold group #"}}) {
     SCOPED_TRACE(name);
     Restore(c, snapshot);
     const RunResult r = Recover(c);

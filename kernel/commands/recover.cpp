@@ -414,6 +414,15 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
            ", where the file ended then, with bytes added after it since: the recovery would take the mark for " +
            "blocks. Cut " + databaseFileName + " back to " + std::to_string(h.mainFileSize + journal::kMarkBytes) +
            " bytes, then put its missing blocks back at their places, over the mark. Nothing was changed.");
+  // A file its own run marked is not another's copy, whatever the journal beside it; and the mark
+  // tells a journal older than the files, whose label block it would otherwise find converted.
+  if (marked && mark.runId != h.runId)
+    Refuse("the journal " + journalPath + " is not the journal of the run that marked " + databaseFileName +
+           " (another database's, or an earlier run's). Nothing was changed.");
+  if (marked && mark.group > found.commit.number)
+    Refuse("the journal " + journalPath + " is older than " + databaseFileName + ": the run went on past it (its files "
+           "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
+           std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
   const std::string caution = !marked && found.commit.number != 0 && journaling::MarkExpected(h)
                                   ? " If the database that run converted was moved or copied elsewhere, it bears the "
                                     "run's mark: finish it there with byteturn-recover before removing anything, as "
@@ -458,10 +467,6 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
   if (FileKeys(identities) != keys)
     Refuse("the files of " + databaseFileName +
            " are not linked to each other as they were when the run was interrupted. Nothing was changed.");
-  // A file its own run marked is not another's copy, whatever the journal beside it.
-  if (marked && mark.runId != h.runId)
-    Refuse("the journal " + journalPath + " is not the journal of the run that marked " + databaseFileName +
-           " (another database's, or an earlier run's). Nothing was changed.");
   // A copy of the main file, its original still there and marked by the same run: finishing the
   // copy would take the original's journal.
   if (FullPath(databaseFileName) != h.mainFile && platform::FileExists(h.mainFile)) {
@@ -474,10 +479,6 @@ void CheckFilesOrRefuse(const journal::Found& found, platform::File journalFile,
              " belongs to: finish that file's run (byteturn-recover " + h.mainFile + ") and copy it then, or move it "
              "away first. Nothing was changed.");
   }
-  if (marked && mark.group > found.commit.number)
-    Refuse("the journal " + journalPath + " is older than " + databaseFileName + ": the run went on past it (its files "
-           "hold group #" + std::to_string(mark.group) + ", the journal ends at group #" +
-           std::to_string(found.commit.number) + "). Put back the journal as the run left it. Nothing was changed.");
   CheckContentsOrRefuse(found, journalPath, keys, caution);
   if (furtherVolumeCount != 0) CheckVolumeInfoOrRefuse(found, keys);
   CheckWrittenBlocksOrRefuse(found, journalFile, journalPath, keys, caution);
