@@ -1081,6 +1081,13 @@ TEST(Journal, AVolumeSetIsFinishedWhereItsVolumesAre) {
   Scratch s;
   const Case c = Prepare(s, SmallSet());
   CutHalfway(c);
+  // A volume given instead of the main file has nothing to finish, and is told so.
+  const RunResult given = RunByteturn({Shown(c.files[2])}, "", c.dir, UnderTest().recoverExe);
+  EXPECT_EQ(given.status, 1);
+  EXPECT_NE(given.err.find("ORVA-0002.VOL begins as a volume file does: to finish a database's run, give byteturn-recover "
+                           "its main file."),
+            std::string::npos)
+      << given.err;
   // byteturn refuses it as interrupted, without asking about its volumes (in either order now).
   const RunResult again = Convert(c, UnderTest().exe, "");
   EXPECT_EQ(again.status, 1);

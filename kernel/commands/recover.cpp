@@ -34,6 +34,16 @@ namespace {
   FailTo(stderr, "byteturn-recover: %s\n", text.c_str());
 }
 
+// Whether the file begins as a further volume does (a volume info block of a volume past the first),
+// where a main file has its label block: a volume given instead of its main file.
+bool BeginsAsAVolume(const std::string& path) {
+  std::uint8_t head[volinfo::kVolumeNumber + 4] = {};
+  const platform::File file = platform::OpenReadOnly(path);
+  const bool read = file != platform::kInvalidFile && ReadThrough(file, 0, head, sizeof head);
+  platform::Close(file);
+  return read && IsVolumeInfoType(head) && LoadLE32(head + volinfo::kVolumeNumber) != 0;
+}
+
 // No journal where the file's names or mark lead. A run interrupted while it made its journal
 // leaves it under its temporary name, and its lock: both are removed, and said so.
 [[noreturn]] void NoJournal(const JournalFound& where) {
@@ -55,7 +65,11 @@ namespace {
   if (!removed.empty() && RemoveLeftLock(lock)) removed += ", " + lock;
   const std::string looked = names[0] + (names.size() > 1 ? " and " + names[1] : std::string());
   const std::string text = "no journal of " + databaseFileName + " was found (it looked for " + looked + "), and " +
-                           databaseFileName + " bears no mark of an interrupted conversion: there is nothing to finish.";
+                           databaseFileName + " bears no mark of an interrupted conversion: there is nothing to finish." +
+                           (BeginsAsAVolume(databaseFileName)
+                                ? " " + databaseFileName + " begins as a volume file does: to finish a database's run, give "
+                                  "byteturn-recover its main file."
+                                : std::string());
   if (removed.empty() && !lock.empty() && platform::FileExists(lock))
     Refuse(text + " The lock " + lock + " stays: where the run that left it had not written yet, or had finished, "
            "remove it; where its journal lies elsewhere, name its directory in BYTETURN_JOURNAL; where it ran with "
@@ -319,8 +333,7 @@ struct Checkpoint {
 // Whether p, read in the order big, is the volume info block of volume v (0: the primary, which
 // gives the checkpoint) of this database, starting at block start, at the primary's checkpoint.
 bool IsVolumeInfo(const std::uint8_t* p, bool big, std::uint32_t v, std::uint64_t start, Checkpoint& checkpoint) {
-  constexpr std::uint8_t kVolumeInfoType = 18;
-  if (p[4] != kVolumeInfoType || Load32(p + volinfo::kVolumeNumber, big) != v ||
+  if (!IsVolumeInfoType(p) || Load32(p + volinfo::kVolumeNumber, big) != v ||
       Load64(p + volinfo::kStartingBlock, big) != start)
     return false;
   if (v == 0) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "block_header.h"
 #include "byteorder.h"
 
 namespace bt {
@@ -17,6 +18,9 @@ inline constexpr std::size_t kNextStartingBlock = 64;
 inline constexpr std::size_t kDirListLength = 1024;
 inline constexpr std::size_t kDirList = 1028;
 }  // namespace volinfo
+
+// Whether the block's type is that of a volume info block (in either byte order: a single byte).
+inline bool IsVolumeInfoType(const std::uint8_t* block) { return block[header::kType] == kTypeVolumeInfo; }
 
 // Converts the volume info block of volume number volume (0 = primary, with its directory list).
 void CvVolInfo(Bytes block, std::int32_t volume);

@@ -18,7 +18,6 @@ namespace {
 
 constexpr std::size_t kMarkerBytes = 909;
 constexpr std::size_t kDirectoryLine = 910;
-constexpr std::uint8_t kVolumeInfoType = 18;
 // The volume info block being read: the primary volume's, then each further volume's in turn.
 alignas(16) std::uint8_t infoBlock[kMaxBlockSize];
 Bytes InfoBlock() { return Bytes(infoBlock, blockSize); }
@@ -184,7 +183,7 @@ std::uint32_t FindVolume(std::uint32_t v, std::uint32_t expectedStart, std::uint
     Bytes block = InfoBlock();
     if (swapFlag) CvVolInfo(block, static_cast<std::int32_t>(v));
     const std::uint8_t* p = block.data();
-    if (p[4] != kVolumeInfoType || LoadLE32(p + volinfo::kVolumeNumber) != v)
+    if (!IsVolumeInfoType(p) || LoadLE32(p + volinfo::kVolumeNumber) != v)
       Fail("\r\nBad volume info block in %s.\r\n", path.c_str());
     if (LoadLE32(p + volinfo::kSetFieldA) != volumeSetFieldA || LoadLE32(p + volinfo::kSetFieldB) != volumeSetFieldB)
       Fail("\r\nMismatched volume information in %s: volume appears to be from the wrong database.\r\n", path.c_str());
@@ -209,7 +208,7 @@ std::uint32_t FindVolume(std::uint32_t v, std::uint32_t expectedStart, std::uint
 // Checks the primary volume info block and reads its stored directory list (at most 20 entries).
 void ReadVolumeDirectoryList(Bytes block, std::uint32_t* checkpoint) {
   if (swapFlag) CvVolInfo(block, 0);
-  if (block[4] != kVolumeInfoType || LoadLE32(block.data() + volinfo::kVolumeNumber) != 0 ||
+  if (!IsVolumeInfoType(block.data()) || LoadLE32(block.data() + volinfo::kVolumeNumber) != 0 ||
       LoadLE64(block.data() + volinfo::kStartingBlock) != 1)
     Fail("\r\nBad volume info block in primary volume.\r\n");
   *checkpoint = LoadLE32(block.data() + volinfo::kCheckpoint);
