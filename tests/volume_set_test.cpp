@@ -248,6 +248,13 @@ TEST(VolumeSets, EveryFailureEndsBeforeAnythingIsWritten) {
     EXPECT_TRUE(r.out.ends_with(f.message)) << f.name << ": " << r.out << r.err;
     EXPECT_EQ(ReadBytes(s.Path("src/ORVA.DAT")), before) << f.name;
     EXPECT_FALSE(Exists(s.Path("src/orva.lck"))) << f.name;
+    // byteturn-check's verdict quotes the failure, on one line.
+    const std::size_t text = f.message.find_first_not_of("\r\n");
+    const std::string quoted = f.message.substr(text, f.message.find("\r\n", text) - text);
+    r = RunByteturn({"-t", "ORVA.DAT"}, "yes\n", s.Path("src"), UnderTest().checkExe);
+    const std::size_t verdict = r.out.find("\r\nbyteturn-check: byteturn would not start the conversion (");
+    EXPECT_TRUE(verdict != std::string::npos && r.out.find(quoted + ")", verdict) != std::string::npos)
+        << f.name << ": " << r.out;
   }
 }
 

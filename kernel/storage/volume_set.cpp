@@ -142,12 +142,14 @@ std::vector<bool> ConfirmDirectories() {
     std::string named = n > 0 ? std::string(reinterpret_cast<const char*>(decoded), static_cast<std::size_t>(n)) : "";
     if (!named.empty() && named.back() != platform::kSeparator) named += platform::kSeparator;
     if (n <= 0 || !SameIgnoringCase(named, resolved)) {
-      Print("\r\nThe orva.dbdir file in %.*s indicates it is a volume directory of another database.\r\n",
-            static_cast<int>(dir.size()), dir.c_str());
-      if (!resolveError.empty())
-        Print("This may have occurred due to an error resolving the absolute path of the primary directory: %s.\r\n",
-              resolveError.c_str());
-      EndRun(1);
+      // One failure, whose text byteturn-check's verdict quotes.
+      const std::string cause =
+          resolveError.empty()
+              ? std::string()
+              : "This may have occurred due to an error resolving the absolute path of the primary directory: " +
+                    resolveError + ".\r\n";
+      Fail("\r\nThe orva.dbdir file in %.*s indicates it is a volume directory of another database.\r\n%s",
+           static_cast<int>(dir.size()), dir.c_str(), cause.c_str());
     }
     confirmed[k] = true;
   }
