@@ -128,9 +128,9 @@ TEST(Conversion, ProgressLinesOnlyAtThousandsAndNeverTerse) {
 // The percentage is worked out in unsigned 32 bits: from block 42949673 on, b * 100 wraps and the
 // figure starts again from 0 (printed as no digit at all).
 TEST(Conversion, ProgressPercentWrapsPastTheThirtyTwoBitRange) {
-  // Arithmetic alone, which byte order does not touch: 43 million blocks passed over take half a
-  // minute under the emulator, and the other platforms run it.
-  if (Emulated()) GTEST_SKIP() << "the other platforms run it";
+  // Arithmetic alone, which the host's byte order does not touch: 43 million blocks passed over take
+  // half a minute under the big-endian emulator; Linux x86-64 and Windows run it.
+  if (std::endian::native == std::endian::big) GTEST_SKIP() << "Linux x86-64 and Windows run it";
   Scratch s;
   const std::string db = s.Path("db.dat");
   gendb::Params p = SparseDatabase(42960000, 1.0);
