@@ -548,6 +548,23 @@ TEST(Journal, TheChecksumTakesEveryByteAndAChangedJournalIsRefused) {
     std::string why;
     ASSERT_TRUE(j::ReadJournal(read, journal.size(), found, why)) << why;
     EXPECT_EQ(found.Latest().resumeBlock, 2u);
+    // A commit sector changed (part written): refused, unless the other one says its write failed,
+    // in the bit below the completion's.
+    journal[j::kCommitOffset + 40] ^= 1;
+    EXPECT_FALSE(j::ReadJournal(read, journal.size(), found, why));
+    EXPECT_EQ(why, "a commit sector is damaged");
+    if (maps == 0) {
+      std::uint8_t* other = journal.data() + j::kCommitOffset + j::kCommitBytes;
+      j::Commit inEffect;
+      ASSERT_TRUE(j::DecodeCommit(other, inEffect));
+      inEffect.otherFailed = true;
+      j::EncodeCommit(inEffect, other);
+      EXPECT_EQ(bt::LoadLE32(other + 120), 0x40000001u);
+      ASSERT_TRUE(j::ReadJournal(read, journal.size(), found, why)) << why;
+      EXPECT_EQ(found.commit.number, 1u);
+      EXPECT_FALSE(j::DecodeCommit(other, inEffect, 14)) << "read as a commit of version 14";
+    }
+    journal[j::kCommitOffset + 40] ^= 1;
     journal.back() ^= 1;
     EXPECT_FALSE(j::ReadJournal(read, journal.size(), found, why)) << "a record of " << record.size() << " bytes";
     EXPECT_EQ(why, "its last record is damaged");

@@ -671,16 +671,20 @@ TEST(Journal, RunsThatStopAreFinishedOnceTheCauseIsGone) {
 }
 
 // A journal that cannot be written or flushed ends the run with its message, whichever thread
-// writes the records, and the recovery finishes the run.
+// writes the records and commits, and the recovery finishes the run.
 TEST(Journal, AJournalThatFailsEndsTheRunWhichTheRecoveryFinishes) {
   Scratch s;
   const Case c = Prepare(s, Rich());
   bt::journal::Header header;  // the records begin after the table of written blocks
   header.tableBlocks = c.params.lastBlock + 1;
   const std::string inRecord = std::to_string(bt::journal::RecordsStart(header) + 3136);
+  // A commit sector's write ended part way, past the commit's number (the journal's making wrote
+  // the sector first): the other sector says so, and the recovery takes it.
+  const std::string inCommit = std::to_string(bt::journal::kCommitOffset + bt::journal::kCommitBytes + 40) + "/2";
   for (const std::string& byRun : {std::string(), kRecordByRun})
     for (const auto& [plan, message] :
          {std::pair{"write:ORVA.DAT.journal:" + inRecord + ":EIO", "\r\nError writing journal "},
+          std::pair{"write:ORVA.DAT.journal:" + inCommit + ":short", "\r\nError writing journal "},
           std::pair{std::string("sync:ORVA.DAT.journal:4:EIO"), "\r\nError flushing journal "}}) {
       SCOPED_TRACE(byRun + plan);
       Reset(c);

@@ -240,10 +240,32 @@ void CommitCompletion() {
   // meet the journal as it is.
   if (!journal::DecodeCommit(sector, commit, j.header.version) || commit.number != number)
     Fail("\r\nThe journal %s does not hold the commit this run wrote last.\r\n", j.path.c_str());
+  const journal::Commit inEffect = commit;
   commit.complete = true;
   journal::EncodeCommit(commit, sector);
-  WriteJournalOrFail(sector, sizeof sector, at);
+  if (!WriteThrough(j.file, at, sector, sizeof sector)) {
+    WriteCommitAfterFailure(number, &inEffect);
+    JournalFailed("writing");
+  }
   SyncJournalOrFail();
+}
+
+void WriteCommitAfterFailure(std::uint64_t number, const journal::Commit* inEffect) {
+  if (j.header.version < journal::kFailedCommitVersion) return;
+  const int error = platform::LastError();
+  const std::uint64_t other = journal::kCommitOffset + journal::kCommitBytes * ((number + 1) % 2);
+  std::uint8_t sector[journal::kCommitBytes];
+  journal::Commit commit;
+  if (inEffect != nullptr)
+    commit = *inEffect;
+  else if (!ReadThrough(j.file, other, sector, sizeof sector) || !journal::DecodeCommit(sector, commit, j.header.version))
+    commit.runId = 0;
+  if (commit.runId == j.header.runId) {
+    commit.otherFailed = true;
+    journal::EncodeCommit(commit, sector);
+    if (WriteThrough(j.file, other, sector, sizeof sector)) (void)platform::Sync(j.file);
+  }
+  platform::SetLastError(error);
 }
 
 // Once every file is flushed: the mark is cut off (only where the file still ends with it).

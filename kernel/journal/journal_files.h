@@ -33,6 +33,11 @@ bool StampGroup(std::uint64_t number);
 void StampResumedGroup();
 // Once every file is flushed, before the mark is cut off: the last commit says the run completed.
 void CommitCompletion();
+// The write of the commit sector of number failed, and may have left it part written: the commit
+// in effect (inEffect, or else the other sector's as it stands) is written in the other sector,
+// saying so, and flushed. As far as it goes: the run ends on the first failure either way, and
+// the system's error stays that of the failed write.
+void WriteCommitAfterFailure(std::uint64_t number, const journal::Commit* inEffect);
 void UnmarkMainFile();
 
 // The journal's own handle of volume v, which the run opens (false where it cannot).

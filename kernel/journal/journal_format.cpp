@@ -328,7 +328,7 @@ bool DecodeHeader(const std::uint8_t* bytes, std::size_t size, Header& header, s
   return true;
 }
 
-constexpr std::uint32_t kCompleteBit = 0x80000000u;
+constexpr std::uint32_t kCompleteBit = 0x80000000u, kOtherFailedBit = 0x40000000u;
 
 void EncodeCommit(const Commit& commit, std::uint8_t* sector) {
   Writer w;
@@ -340,7 +340,7 @@ void EncodeCommit(const Commit& commit, std::uint8_t* sector) {
     w.U64(r.size);
     w.U64(r.checksum);
   }
-  w.U32(commit.open | (commit.complete ? kCompleteBit : 0));
+  w.U32(commit.open | (commit.complete ? kCompleteBit : 0) | (commit.otherFailed ? kOtherFailedBit : 0));
   w.U64(ChecksumOf(w.bytes.data(), w.bytes.size()));
   w.bytes.resize(kCommitBytes);
   std::memcpy(sector, w.bytes.data(), kCommitBytes);
@@ -361,6 +361,10 @@ bool DecodeCommit(const std::uint8_t* sector, Commit& commit, std::uint32_t vers
   if (version >= kCompletionVersion) {
     commit.complete = (commit.open & kCompleteBit) != 0;
     commit.open &= ~kCompleteBit;
+  }
+  if (version >= kFailedCommitVersion) {
+    commit.otherFailed = (commit.open & kOtherFailedBit) != 0;
+    commit.open &= ~kOtherFailedBit;
   }
   const std::size_t content = r.at;
   return r.U64() == ChecksumOf(sector, content) && r.ok && commit.open >= 1 && commit.open <= kMostOpenRecords &&
@@ -484,15 +488,21 @@ bool ReadJournal(const ReadFunction& read, std::uint64_t fileSize, Found& found,
     return false;
   }
   Commit commits[2];
+  bool whole[2];
   for (int s = 0; s < 2; ++s) {
     std::uint8_t sector[kCommitBytes];
-    if (fileSize < kCommitOffset + kCommitBytes * (s + 1) || !read(kCommitOffset + kCommitBytes * s, sector, kCommitBytes) ||
-        !DecodeCommit(sector, commits[s], found.header.version) || commits[s].runId != found.header.runId) {
-      why = "a commit sector is damaged";
-      return false;
-    }
+    whole[s] = fileSize >= kCommitOffset + kCommitBytes * (s + 1) && read(kCommitOffset + kCommitBytes * s, sector, kCommitBytes) &&
+               DecodeCommit(sector, commits[s], found.header.version) && commits[s].runId == found.header.runId;
   }
-  found.commit = commits[0].number >= commits[1].number ? commits[0] : commits[1];
+  // A damaged sector is taken for one whose write failed only where the other says so.
+  if (whole[0] && whole[1])
+    found.commit = commits[0].number >= commits[1].number ? commits[0] : commits[1];
+  else if (whole[0] != whole[1] && commits[whole[0] ? 0 : 1].otherFailed)
+    found.commit = commits[whole[0] ? 0 : 1];
+  else {
+    why = "a commit sector is damaged";
+    return false;
+  }
   found.records.clear();
   if (found.commit.number == 0) return true;
   const Commit& c = found.commit;

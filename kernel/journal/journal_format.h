@@ -54,13 +54,16 @@ namespace bt::journal {
 // with. Version 14 says in the last commit that the run completed, before the run cuts its mark off:
 // a main file without the mark beside a journal whose run did not complete had it cut off otherwise.
 // Version 15 writes the table entries of the records still in effect before that last commit, so
-// that the table of a completed run names every block it wrote.
+// that the table of a completed run names every block it wrote; and where a commit sector's write
+// fails, the commit in effect is written again in the other sector, saying that the failed one may
+// be damaged (before, a sector part written left the journal unusable).
 inline constexpr std::uint32_t kVersion = 15, kOldestVersion = 5;
 inline constexpr std::uint32_t kMarkVersion = 4;  // the mark has not changed since version 4
 inline constexpr std::uint32_t kShortFilesMarkedVersion = 12;  // a main file shorter than its blocks too
 inline constexpr std::uint32_t kMixedFingerprintVersion = 13;
 inline constexpr std::uint32_t kCompletionVersion = 14;  // the last commit tells a run completed
 inline constexpr std::uint32_t kWholeTableVersion = 15;  // and the table then names every block written
+inline constexpr std::uint32_t kFailedCommitVersion = 15;  // a commit may say the other sector failed
 inline constexpr std::size_t kLabelCopyBytes = 4096;
 inline constexpr std::uint64_t kHeaderBytes = 32768;
 inline constexpr std::uint64_t kCommitOffset = kHeaderBytes;
@@ -135,6 +138,9 @@ struct Commit {
   // The run completed: every file is flushed, and the mark is about to be cut off (version 14;
   // the top bit of the word that holds open).
   bool complete = false;
+  // The other commit sector's last write failed and may have left it part written: this commit is
+  // the one in effect (version 15; the next bit down).
+  bool otherFailed = false;
 };
 void EncodeCommit(const Commit& commit, std::uint8_t* sector);
 // version: the journal's (a commit of a version before 9 names one record).

@@ -236,7 +236,10 @@ bool WriteCommitSector(Flight& f) {
   }
   std::uint8_t sector[journal::kCommitBytes];
   journal::EncodeCommit(commit, sector);
-  return WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2));
+  if (WriteJournal(f.outcome, sector, sizeof sector, journal::kCommitOffset + journal::kCommitBytes * (f.number % 2)))
+    return true;
+  WriteCommitAfterFailure(f.number, nullptr);
+  return false;
 }
 
 // Commits flight f on its own: its record written and flushed, the groups it settles flushed,

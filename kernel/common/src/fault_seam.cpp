@@ -34,7 +34,8 @@ struct Entry {
   std::uint64_t arg = 0;
   Fault fault = Fault::kNone;
   bool slow = false, appears = false;
-  std::uint64_t calls = 0;  // matching opens or syncs seen so far
+  std::uint64_t calls = 0;  // matching opens, syncs or transfers seen so far
+  std::uint64_t from = 1;   // read, write: the first matching transfer that fails
 };
 
 std::vector<std::string> Split(const std::string& text, char by) {
@@ -56,7 +57,9 @@ std::vector<Entry>& Plan() {
     for (const std::string& item : Split(text, ';')) {
       const std::vector<std::string> f = Split(item, ':');
       if (f.size() != 4) continue;
-      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, false, false, 0};
+      Entry e{f[0], f[1], std::strtoull(f[2].c_str(), nullptr, 10), Fault::kNone, false, false, 0, 1};
+      if (const std::size_t slash = f[2].find('/'); slash != std::string::npos)
+        e.from = std::strtoull(f[2].c_str() + slash + 1, nullptr, 10);
       if (f[3] == "EIO") e.fault = Fault::kIo;
       if (f[3] == "ENOSPC") e.fault = Fault::kNoSpace;
       if (f[3] == "EACCES") e.fault = Fault::kAccess;
@@ -123,8 +126,9 @@ void NoteClosed(File file) {
 Fault BeforeTransfer(bool writing, File file, std::uint64_t position, std::size_t size, std::uint64_t* stop) {
   Held serial(SeamLock());
   const std::string path = PathOf(file);
-  for (const Entry& e : Plan()) {
+  for (Entry& e : Plan()) {
     if (!Matches(e, writing ? "write" : "read", path) || e.arg < position || e.arg >= position + size) continue;
+    if (++e.calls < e.from) continue;
     if (e.slow) {
       WaitSlowly(serial);
       continue;

@@ -8,8 +8,9 @@
 //          exclusive create of a new file, the lock)
 //   name   the end of the file's path ("ORVA.DAT", "ORVA-0002.VOL"); empty for any file
 //   arg    open, openrw, sync: which matching call fails (1 = the first; 0 = every one); read, write: a
-//          byte position: every transfer that covers it fails, as a bad place on a disk does;
-//          create: unused
+//          byte position: every transfer that covers it fails, as a bad place on a disk does, or
+//          POSITION/N: the Nth transfer that covers it and every one after (a place gone bad during
+//          the run); create: unused
 //   fault  EIO, ENOSPC or EACCES (the platform's own code for it is recorded); short: the
 //          transfer moves the bytes before the position and stops, as at the end of a file;
 //          slow: the transfer waits three seconds, then goes through (a run that is sure to
