@@ -108,7 +108,6 @@ Unsettled TakeUnsettled(std::uint64_t settled, std::vector<journal::Check>& land
   }
   std::sort(all.volumes.begin(), all.volumes.end());
   all.volumes.erase(std::unique(all.volumes.begin(), all.volumes.end()), all.volumes.end());
-  all.number = settled;
   j.settled = std::max(j.settled, settled);
   return all;
 }
