@@ -89,7 +89,7 @@ TEST(Crypto, AesCbcVectorsInPlace) {
 
 // Several independent chains encrypted together give what each gives alone: 1 to 35 messages
 // (beyond two groups of sixteen), taken in the reverse of the buffer's order, every key size,
-// every AES path.
+// every AES path; messages of a block's size, and messages shorter than the chains' stagger.
 TEST(Crypto, CbcEncryptionOfManyMessagesEqualsOneByOne) {
   OnEveryAesPath([] {
     for (std::size_t keySize : {16u, 24u, 32u}) {
@@ -97,23 +97,23 @@ TEST(Crypto, CbcEncryptionOfManyMessagesEqualsOneByOne) {
       for (std::size_t i = 0; i < keySize; ++i) key[i] = static_cast<unsigned char>(i * 11 + 5);
       crypto::AesKeySchedule enc{};
       ASSERT_EQ(crypto::AesSetEncryptKey(key.data(), static_cast<int>(keySize), enc), 0);
-      for (std::size_t count = 1; count <= 35; ++count) {
-        const std::size_t length = 4096;
-        Bytes data(count * length), expected;
-        std::uint8_t ivs[35][16];
-        for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + i / 4096);
-        for (std::size_t i = 0; i < sizeof ivs; ++i) ivs[i / 16][i % 16] = static_cast<std::uint8_t>(i * 3 + 1);
-        expected = data;
-        std::uint8_t* messages[35];
-        for (std::size_t m = 0; m < count; ++m) {
-          const std::size_t at = count - 1 - m;  // the last message in the buffer comes first
-          messages[m] = data.data() + at * length;
-          Bytes iv(ivs[m], ivs[m] + 16);
-          crypto::AesCbcEncrypt(expected.data() + at * length, expected.data() + at * length, length, iv.data(), enc);
+      for (const std::size_t length : {4096u, 16u, 48u, 112u})
+        for (std::size_t count = 1; count <= 35; ++count) {
+          Bytes data(count * length), expected;
+          std::uint8_t ivs[35][16];
+          for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + i / 4096);
+          for (std::size_t i = 0; i < sizeof ivs; ++i) ivs[i / 16][i % 16] = static_cast<std::uint8_t>(i * 3 + 1);
+          expected = data;
+          std::uint8_t* messages[35];
+          for (std::size_t m = 0; m < count; ++m) {
+            const std::size_t at = count - 1 - m;  // the last message in the buffer comes first
+            messages[m] = data.data() + at * length;
+            Bytes iv(ivs[m], ivs[m] + 16);
+            crypto::AesCbcEncrypt(expected.data() + at * length, expected.data() + at * length, length, iv.data(), enc);
+          }
+          ASSERT_EQ(crypto::AesCbcEncryptMany(messages, count, length, ivs, enc), 0);
+          EXPECT_EQ(data, expected) << keySize << "-byte key, " << count << " messages of " << length << " bytes";
         }
-        ASSERT_EQ(crypto::AesCbcEncryptMany(messages, count, length, ivs, enc), 0);
-        EXPECT_EQ(data, expected) << keySize << "-byte key, " << count << " messages";
-      }
     }
   });
 }

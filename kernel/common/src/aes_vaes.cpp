@@ -134,35 +134,63 @@ BT_VAES256_TARGET inline __m256i Key2(const AesKeySchedule& s, int r) {
   return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(s.roundKeyBytes + 16 * r)));
 }
 
-// CBC encryption of up to 2 * R chains together, in place, as EncryptChains does on 512-bit registers.
+// CBC encryption of up to 2 * R chains together, in place, as EncryptChains does on 512-bit
+// registers, but with register q's pair of chains kStagger pieces behind the pair before it.
+// The blocks of a batch lie a power of two apart, so chains taken in step would all touch one set
+// of the processor's first cache, which holds eight lines: sixteen in step ran at half the speed.
+// A register lane with no chain of its own works on a spare piece of its own.
+constexpr std::size_t kStagger = 4;  // pieces: a cache line
+
+// Piece t - kStagger * q of each register q's chains; where kChecked, a register outside its
+// chains (before their start, past their end) is idle: neither stored nor chained.
+template <int R, bool kChecked>
+BT_VAES256_TARGET inline void ChainStep(std::size_t t, std::size_t blocks, std::uint8_t* const* start,
+                                        const std::size_t* step, __m256i* chain, const __m256i* k, int rounds) {
+  __m256i x[R];
+  std::size_t at[R];
+  bool active[R];
+  for (std::size_t q = 0; q < R; ++q) {
+    active[q] = !kChecked || (t >= kStagger * q && t - kStagger * q < blocks);
+    at[q] = active[q] ? t - kStagger * q : 0;
+    const __m256i m = _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(start[2 * q] + step[2 * q] * at[q])),
+                                              Load128(start[2 * q + 1] + step[2 * q + 1] * at[q]), 1);
+    x[q] = _mm256_xor_si256(_mm256_xor_si256(m, chain[q]), k[0]);
+  }
+  for (int r = 1; r < rounds; ++r)
+    for (std::size_t q = 0; q < R; ++q) x[q] = _mm256_aesenc_epi128(x[q], k[r]);
+  for (std::size_t q = 0; q < R; ++q) {
+    if (!active[q]) continue;
+    chain[q] = _mm256_aesenclast_epi128(x[q], k[rounds]);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(start[2 * q] + step[2 * q] * at[q]), _mm256_castsi256_si128(chain[q]));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(start[2 * q + 1] + step[2 * q + 1] * at[q]),
+                     _mm256_extracti128_si256(chain[q], 1));
+  }
+}
+
 template <int R>
 BT_VAES256_TARGET void EncryptChains256(std::uint8_t* const* messages, std::size_t lanes, std::size_t blocks,
                                         const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
   const int rounds = s.rounds;
   __m256i k[15];
   for (int r = 0; r <= rounds; ++r) k[r] = Key2(s, r);
+  alignas(16) std::uint8_t spare[2 * R][16] = {};
   std::uint8_t* start[2 * R];
-  for (std::size_t l = 0; l < 2 * R; ++l) start[l] = messages[l < lanes ? l : lanes - 1];
+  std::size_t step[2 * R];
+  for (std::size_t l = 0; l < 2 * R; ++l) {
+    start[l] = l < lanes ? messages[l] : spare[l];
+    step[l] = l < lanes ? 16 : 0;
+  }
   __m256i chain[R];
   for (std::size_t q = 0; q < R; ++q) {
     const std::size_t first = 2 * q < lanes ? 2 * q : lanes - 1, second = 2 * q + 1 < lanes ? 2 * q + 1 : lanes - 1;
     chain[q] = _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(ivs[first])), Load128(ivs[second]), 1);
   }
-  for (std::size_t j = 0; j < blocks; ++j) {
-    __m256i x[R];
-    for (std::size_t q = 0; q < R; ++q) {
-      const __m256i m =
-          _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(start[2 * q] + 16 * j)), Load128(start[2 * q + 1] + 16 * j), 1);
-      x[q] = _mm256_xor_si256(_mm256_xor_si256(m, chain[q]), k[0]);
-    }
-    for (int r = 1; r < rounds; ++r)
-      for (std::size_t q = 0; q < R; ++q) x[q] = _mm256_aesenc_epi128(x[q], k[r]);
-    for (std::size_t q = 0; q < R; ++q) {
-      chain[q] = _mm256_aesenclast_epi128(x[q], k[rounds]);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(start[2 * q] + 16 * j), _mm256_castsi256_si128(chain[q]));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(start[2 * q + 1] + 16 * j), _mm256_extracti128_si256(chain[q], 1));
-    }
-  }
+  // The registers start one after the other, run together, and end one after the other.
+  const std::size_t lag = kStagger * (R - 1);
+  std::size_t t = 0;
+  for (; t < lag; ++t) ChainStep<R, true>(t, blocks, start, step, chain, k, rounds);
+  for (; t < blocks; ++t) ChainStep<R, false>(t, blocks, start, step, chain, k, rounds);
+  for (; t < blocks + lag; ++t) ChainStep<R, true>(t, blocks, start, step, chain, k, rounds);
 }
 }  // namespace
 
