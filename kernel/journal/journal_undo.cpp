@@ -88,13 +88,19 @@ Group& GatheringGroup(bool putBack = false) {
 // not.
 constexpr journal::Effort kRunsEffort = journal::Effort::kSmallest;
 
+// Whether the checksum of block k of a write of blocks as it was is wanted: for the sample, and for
+// the volume's tail, which the last block of a write in the volume's order moves to if any does.
+bool Summed(std::uint32_t volume, std::uint64_t position, std::uint32_t k, std::uint32_t blocks) {
+  return k + 1 == blocks || Sampled(KeyOf(volume, position + std::uint64_t{k} * blockSize), j.sampleModulus);
+}
+
 // Appends the undo of the write of size bytes at position of volume, or where the writer is to
 // make it the bytes the write replaces (beforeAt tells where they begin among the befores): those
 // the batch read or a read of the block alone kept, unless a write held earlier in the group lies
 // over them; then the undo names every word, for each sector may hold either write (true is
 // returned). A put-back (file invalid) takes for its undo the bytes it writes, every word named:
 // the record then writes them again over whatever the disk holds. beforeSums takes the checksum
-// of each block's first sector as it was.
+// of the first sector as it was of each block that the sample or the volume's tail may take (Summed).
 bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
               std::uint32_t size, std::uint32_t block, std::size_t& beforeAt, std::uint64_t* beforeSums) {
   Group& g = j.group;
@@ -109,7 +115,9 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
   if (batched && o.inBefores) {  // the writer finds them where the batch left them
     beforeAt = o.offset + (position - o.position);
     for (std::uint32_t k = 0; k < blocks; ++k)
-      beforeSums[k] = journal::ChecksumOf(g.befores.data() + beforeAt + std::size_t{k} * blockSize, journal::kCheckedBytes);
+      beforeSums[k] = Summed(volume, position, k, blocks)
+                          ? journal::ChecksumOf(g.befores.data() + beforeAt + std::size_t{k} * blockSize, journal::kCheckedBytes)
+                          : 0;
     return false;
   }
   beforeAt = g.befores.size();
@@ -124,7 +132,7 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
                                  : overlaid ? nullptr
                                             : ReadAsideFor(volume, position + at);
     if (before == nullptr) before = ReadReplacedBlock(volume, position + at, block + k);
-    beforeSums[k] = journal::ChecksumOf(before, journal::kCheckedBytes);
+    beforeSums[k] = Summed(volume, position, k, blocks) ? journal::ChecksumOf(before, journal::kCheckedBytes) : 0;
     if (g.byWriter)
       g.befores.insert(g.befores.end(), before, before + blockSize);
     else
