@@ -202,14 +202,6 @@ constexpr auto kPackBytes = [] {
   }
   return all;
 }();
-// The stored words' ends (kStoredWord) of a mask's set bits, a byte a word.
-constexpr auto kStoredBytes = [] {
-  std::array<std::uint32_t, 16> all{};
-  for (unsigned m = 0; m < 16; ++m)
-    for (unsigned i = 0; i < 4; ++i)
-      if ((m >> i & 1) != 0) all[m] |= std::uint32_t{kStoredWord} << 8 * i;
-  return all;
-}();
 // The 32-bit lanes that pack the words (of four) of a mask's set bits first.
 constexpr auto kPackWords = [] {
   std::array<std::array<std::uint32_t, 8>, 16> all{};
@@ -234,8 +226,9 @@ struct QuadCoder {
   }
 
   // The ends of the order that turns each word of now back into was, in the low byte of its lane
-  // (words unchanged or of no order: any); the words of no order (a bit each) in unordered.
-  BT_QUADS_TARGET __m256i Ends(__m256i was, __m256i now, unsigned& unordered) const {
+  // (words unchanged: any; words of no order: kStoredWord where stored, else any); the words of no
+  // order (a bit each) in unordered.
+  BT_QUADS_TARGET __m256i Ends(__m256i was, __m256i now, unsigned& unordered, bool stored = false) const {
     const __m256i none = _mm256_set1_epi32(kNoKind);
     // Each half's kind, the first that fits laid last.
     __m256i kinds = none;
@@ -252,7 +245,7 @@ struct QuadCoder {
     __m256i noKind = _mm256_cmpeq_epi32(kinds, none);
     noKind = _mm256_andnot_si256(whole, _mm256_or_si256(noKind, _mm256_shuffle_epi32(noKind, 0xB1)));
     unordered = static_cast<unsigned>(_mm256_movemask_pd(_mm256_castsi256_pd(noKind)));
-    return ends;
+    return stored ? _mm256_blendv_epi8(ends, _mm256_set1_epi64x(kStoredWord), noKind) : ends;
   }
 };
 
@@ -311,14 +304,13 @@ BT_QUADS_TARGET std::size_t EncodeStoredByQuads(const std::uint8_t* before, cons
       if (changed == 0) continue;
       const __m256i b = LoadQuad(was + 32 * q), a = LoadQuad(now + 32 * q);
       unsigned unordered = 0;
-      const __m256i ends = coder.Ends(b, a, unordered);
+      const __m256i ends = coder.Ends(b, a, unordered, true);
       const unsigned stored = unordered & changed;
-      const auto four = static_cast<std::uint32_t>(_mm_cvtsi128_si32(LowBytes(ends))) | kStoredBytes[stored];
       const __m128i pack = _mm_loadu_si128(reinterpret_cast<const __m128i*>(kPackBytes[changed].data()));
       // (four bytes stored whatever the count: the undo's room holds the words stored after the codes)
-      _mm_storeu_si32(codes, _mm_shuffle_epi8(_mm_cvtsi32_si128(static_cast<int>(four)), pack));
+      _mm_storeu_si32(codes, _mm_shuffle_epi8(LowBytes(ends), pack));
       codes += __builtin_popcount(changed);
-      if (stored == 0) continue;
+      // (all four words stored whatever the count, without a branch that the data would mispredict)
       const __m256i words = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kPackWords[stored].data()));
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(at.words), _mm256_permutevar8x32_epi32(b, words));
       at.words += 8 * __builtin_popcount(stored);
