@@ -253,6 +253,10 @@ int main(int argc, char** argv) {
     answers = dir + "/bench.answers";
     gendb::WriteKeyfile(keyfile, "1.0", p.keyId, "bench", "bench-password", p.databaseKey);
     std::FILE* f = std::fopen(answers.c_str(), "w");
+    if (f == nullptr) {
+      std::fprintf(stderr, "bench: cannot write %s\n", answers.c_str());
+      return 2;
+    }
     std::fprintf(f, "%s\nbench\nbench-password\n", keyfile.c_str());
     std::fclose(f);
   }
@@ -457,5 +461,7 @@ int main(int argc, char** argv) {
     if (openssl > 0) std::printf("encrypted conversion / openssl encryption: %.2f\n", mib / bestConvert / openssl);
   }
   platform::RemoveFile(db);
+  for (const std::string& file : {peakFile, offPeakFile, checkPeakFile, dir + "/bench.key", answers})
+    if (!file.empty()) platform::RemoveFile(file);
   return 0;
 }
