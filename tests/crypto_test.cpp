@@ -114,6 +114,10 @@ TEST(Crypto, CbcEncryptionOfManyMessagesEqualsOneByOne) {
           ASSERT_EQ(crypto::AesCbcEncryptMany(messages, count, length, ivs, enc), 0);
           EXPECT_EQ(data, expected) << keySize << "-byte key, " << count << " messages of " << length << " bytes";
         }
+      // Empty messages are read nowhere.
+      std::uint8_t* nowhere[16] = {};
+      std::uint8_t ivs[16][16] = {};
+      EXPECT_EQ(crypto::AesCbcEncryptMany(nowhere, 16, 0, ivs, enc), 0);
     }
   });
 }

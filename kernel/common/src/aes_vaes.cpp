@@ -170,6 +170,7 @@ BT_VAES256_TARGET inline void ChainStep(std::size_t t, std::size_t blocks, std::
 template <int R>
 BT_VAES256_TARGET void EncryptChains256(std::uint8_t* const* messages, std::size_t lanes, std::size_t blocks,
                                         const std::uint8_t (*ivs)[16], const AesKeySchedule& s) {
+  if (blocks == 0) return;  // an idle register reads its chain's first piece: there is none
   const int rounds = s.rounds;
   __m256i k[15];
   for (int r = 0; r <= rounds; ++r) k[r] = Key2(s, r);
