@@ -322,6 +322,9 @@ std::string GenerateDatabase(const Params& params, const std::string& path, Stat
   plan.setFieldB = static_cast<std::uint32_t>(ids.Next());
   plan.checkpoint = static_cast<std::uint32_t>(ids.Next());
   PlanVolumes(plan);
+  // Each volume holds a block at least: a volume starting past the last block would have a
+  // size below zero, taken for one of nearly 2^32 blocks.
+  if (plan.volumeFirst.back() > plan.p.lastBlock) return "too few blocks for the volumes asked";
   PlanKinds(plan);
   for (std::size_t v = 1; v < plan.volumeFirst.size(); ++v) plan.kind[plan.volumeFirst[v]] = kVolInfo;
   if (plan.furtherVolumes > 0) plan.kind[plan.volumeInfoBlock] = kVolInfo;
