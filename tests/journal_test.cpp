@@ -903,6 +903,63 @@ TEST(Journal, ACopyFromBeforeACompletedRecoveryIsNotTakenForComplete) {
   EXPECT_TRUE(met) << "no cut left the journal beside the main file without its mark";
 }
 
+// A node names, as a big vector block, the block just before its own, converted in its turn:
+// byteturn reads that block again and tells its type byte. An encrypted database's group holds its
+// blocks before their encryption for a while, and such a read must find the block as the disk will
+// hold it: the files and the lines are those of the run without the journal, whether the writer
+// or the run makes the records.
+TEST(Journal, ABlockReadAgainInItsGroupIsFoundAsWritten) {
+  gendb::Params p = Rich();
+  p.freeShare = 0;
+  p.databaseKey.assign(32, 0x3C);
+  p.keyId = "one";
+  gendb::Params clear = p;
+  clear.databaseKey.clear();
+  const std::uint32_t size = gendb::GeometryFor(p.sizeCode).blockSize;
+  Scratch s;
+  std::vector<std::uint32_t> early;
+  const auto prepare = [&](const std::string& dir) {
+    Generate(clear, s.Path("clear.DAT"));
+    const std::vector<std::uint8_t> plain = ReadBytes(s.Path("clear.DAT"));
+    const std::string file = dir + "/ORVA.DAT";
+    for (std::uint32_t b = 100; (b + 1) * std::uint64_t{size} <= plain.size() && early.size() < 2; ++b) {
+      const std::uint64_t at = std::uint64_t{b - 1} * size;
+      if (plain[at + 4] != 8 || plain[at + size + 4] != 8) continue;  // two data blocks
+      std::vector<std::uint8_t> block(plain.begin() + at, plain.begin() + at + size);
+      gendb::EncryptBlock(p.databaseKey, block.data(), size, b);
+      ASSERT_EQ(ReadBytes(file, at, size), block) << "the same blocks as the clear database, encrypted";
+      for (const std::uint32_t n : {b, b + 1}) {
+        std::vector<std::uint8_t> node(size, 0);
+        node[3] = 16;  // offset: one node of 16 bytes
+        node[4] = 8;
+        node[28] = 0x80, node[31] = 16;  // a typed node of 16 bytes
+        node[32] = 14;                   // a big vector: one carried word, one block number
+        for (int i = 0; i < 4; ++i) node[37 + i] = static_cast<std::uint8_t>(b >> (24 - 8 * i));
+        gendb::EncryptBlock(p.databaseKey, node.data(), size, n);
+        WriteBytes(file, std::uint64_t{n - 1} * size, node);
+      }
+      early.push_back(b);
+      b += 200;
+    }
+  };
+  const Case c = Prepare(s, p, prepare);
+  ASSERT_EQ(early.size(), 2u);
+  for (const std::uint32_t b : early) {
+    const std::string told = "CvBigVec: Block " + std::to_string(b) + " does not have the expected big string block type (8).";
+    const std::size_t first = c.out.find(told);
+    EXPECT_NE(first, std::string::npos) << c.out;
+    EXPECT_NE(c.out.find(told, first + 1), std::string::npos) << "read again after its turn\n" << c.out;
+  }
+  for (const std::string& way : {std::string("BYTETURN_JOURNAL=off "), kRecordByRun}) {
+    SCOPED_TRACE(way);
+    Reset(c);
+    const RunResult r = Convert(c, UnderTest().exe, way);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(WithoutAddresses(r.out), c.out);
+    ExpectTwin(c);
+  }
+}
+
 // After a cut, an encrypted database's journal holds neither its key nor the password; the
 // recovery asks for both again, and a wrong password, or a keyfile whose key of the same ID is
 // another, changes nothing.

@@ -51,6 +51,10 @@ int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b)
   return 1;
 }
 
+bool StoredEncrypted(std::uint64_t b, std::uint64_t first) {
+  return databaseEncrypted && b != volumeInfoBlockNumber && b != first;
+}
+
 int EncryptDataBlocks(std::uint8_t* const* blocks, const std::uint32_t* numbers, std::uint32_t count) {
   if (!databaseKeyLoaded) return 0;
   if (blockSize % 16 != 0 || blockSize < 16) return 1;

@@ -18,6 +18,11 @@ void BlockIv(std::uint32_t b, std::uint8_t iv[16]);
 void DecryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]);
 void EncryptFrom(const std::uint8_t* in, std::uint8_t* out, std::uint32_t length, const std::uint8_t iv[16]);
 
+// Whether block b of a volume whose first block is first is stored encrypted: in an encrypted
+// database every block but the volume's first (the label, or the volume's own info) and the
+// volume info block.
+bool StoredEncrypted(std::uint64_t b, std::uint64_t first);
+
 // In place when in == out. 0 when no database key is loaded.
 int DecryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b);
 int EncryptDataBlock(const std::uint8_t* in, std::uint8_t* out, std::uint32_t b);

@@ -96,9 +96,15 @@ bool JournalHoldsWrites();
 
 // A write held: size bytes (whole blocks) at position of a database file. failure and block give
 // the run's message when the write fails; without a failure text it is a run of blocks written
-// in their turn, block being the first.
+// in their turn, block being the first, and of an encrypted database before their encryption
+// (JournalEncryptsInTurn), which the journal makes.
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block);
+// Whether writes in turn come to HoldJournaledWrite before their encryption: in an encrypted
+// database (the key is loaded before anything is written). A group whose undo the writer makes
+// encrypts them many at a time, as many chains as the widest AES path takes at once, rather than
+// the few of each run of blocks the batch writes.
+bool JournalEncryptsInTurn();
 // A block the recovery puts back (bytes, at position of volume, block number block): its record
 // names it with the bytes it writes, whole, so that a recovery stopped while it wrote them, or
 // whose write the system ended part way inside a sector, writes them again whatever the disk holds.

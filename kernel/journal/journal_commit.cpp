@@ -61,6 +61,8 @@ void ClearGroup(Group& g) {
   g.held.clear();
   g.latest.clear();
   g.cap = UINT64_MAX;
+  g.unsealed.clear();
+  g.sealedFrom = 0;
 }
 
 void CommitBeforeFailure();
@@ -148,6 +150,7 @@ std::uint64_t GroupsToSettle(std::uint64_t number) {
 // the two commit sectors out of their order: this group then waits for the one before to land.
 void Commit() {
   SetFailureHook(nullptr);  // a failure in here ends the run as it is
+  SealGroup(j.group);
   // The files' handles first, so that the run holds them once the mark is made: files moved away
   // after it are written where they now lie. A first commit that cannot open a file leaves neither
   // journal nor mark.

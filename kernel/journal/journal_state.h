@@ -44,6 +44,18 @@ struct Group {
   std::vector<HeldWrite> held;
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
   std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
+  // Where the writer makes the undo, the blocks of an encrypted database written in their turn are
+  // held as they are before their encryption (from sealedFrom on in the arena), and encrypted
+  // together (SealGroup): once there are enough of them, when the group is committed, before a read
+  // sees them, and before a write of another kind is held (the sample then takes their writes in
+  // the order made).
+  struct Unsealed {
+    std::size_t offset;  // in the arena
+    std::uint32_t block, volume;
+    std::uint64_t position, key, beforeSum;
+  };
+  std::vector<Unsealed> unsealed;
+  std::size_t sealedFrom = 0;
 };
 
 // Where the writing of a group stopped, as the writer tells it: the run then fails with the
@@ -213,6 +225,9 @@ struct JournalState {
   BatchOriginals originals;
   std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
   std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
+  std::vector<std::uint8_t> encrypted;    // HoldJournaledWrite's: a write in turn, encrypted at once
+  std::vector<std::uint8_t*> sealBlocks;  // SealGroup's
+  std::vector<std::uint32_t> sealNumbers;
   // The committing thread's: the piece of the table of written blocks it rewrites, and the places
   // of the last records written, by number (a commit names them too, though their flights may be
   // reused by then).

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "block_cipher.h"
 #include "block_undo.h"
 #include "journal_commit.h"
 #include "journal_files.h"
@@ -41,6 +42,32 @@ void LayOver(const Group& g, std::uint32_t volume, std::uint64_t position, std::
     const std::uint64_t from = std::max(position, block * blockSize), to = std::min(position + size, (block + 1) * blockSize);
     std::memcpy(buffer + (from - position), g.arena.data() + it->second + (from - block * blockSize), to - from);
   }
+}
+
+// Whether group g holds, from offset from on in its arena, a write over any of size bytes at
+// position of volume.
+bool HoldsFrom(const Group& g, std::size_t from, std::uint32_t volume, std::uint64_t position, std::uint32_t size) {
+  for (std::uint64_t block = position / blockSize; block * blockSize < position + size; ++block)
+    if (const auto it = g.latest.find(KeyOf(volume, block * blockSize)); it != g.latest.end() && it->second >= from)
+      return true;
+  return false;
+}
+
+// Notes the bytes of block number block, at position of its volume, for EncryptNoted, where the
+// block is stored encrypted.
+void NoteToEncrypt(std::uint8_t* bytes, std::uint32_t block, std::uint64_t position) {
+  if (!StoredEncrypted(block, block - position / blockSize)) return;
+  state.sealBlocks.push_back(bytes);
+  state.sealNumbers.push_back(block);
+}
+// Encrypts the blocks noted, together. Writes come before their encryption only where the key is
+// loaded: this cannot fail.
+void EncryptNoted() {
+  std::vector<std::uint8_t*>& blocks = state.sealBlocks;
+  std::vector<std::uint32_t>& numbers = state.sealNumbers;
+  EncryptDataBlocks(blocks.data(), numbers.data(), static_cast<std::uint32_t>(blocks.size()));
+  blocks.clear();
+  numbers.clear();
 }
 
 // Lays the writes of the groups on their way over bytes just read, the oldest first.
@@ -144,6 +171,16 @@ bool HoldUndo(platform::File file, std::uint32_t volume, std::uint64_t position,
 
 }  // namespace
 
+void SealGroup(Group& g) {
+  if (g.unsealed.empty()) return;
+  for (const Group::Unsealed& u : g.unsealed) NoteToEncrypt(g.arena.data() + u.offset, u.block, u.position);
+  EncryptNoted();
+  for (const Group::Unsealed& u : g.unsealed)
+    if (Sampled(u.key, j.sampleModulus)) SampleWrite(u.key, u.volume, u.position, u.beforeSum, g.arena.data() + u.offset);
+  g.unsealed.clear();
+  g.sealedFrom = g.arena.size();
+}
+
 // How many blocks the group's writes hold.
 std::size_t HeldBlocks(const Group& g) {
   std::size_t blocks = 0;
@@ -169,9 +206,32 @@ using namespace journaling;
 
 namespace {
 
+// A write in turn of an encrypted database, encrypted.
+const std::uint8_t* EncryptedCopy(std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
+                                  std::uint32_t block) {
+  std::vector<std::uint8_t>& copy = state.encrypted;
+  copy.assign(bytes, bytes + size);
+  for (std::uint32_t k = 0; k < size / blockSize; ++k)
+    NoteToEncrypt(copy.data() + std::size_t{k} * blockSize, block + k, position + std::uint64_t{k} * blockSize);
+  EncryptNoted();
+  return copy.data();
+}
+
+// Blocks held before their encryption are encrypted this many at a time: as many chains as the
+// widest AES path takes at once, while the processor's cache still holds them.
+constexpr std::size_t kSealBlocks = 32;
+
+// plain: a write in turn of an encrypted database, before its encryption. The writer's groups
+// hold it so until they are sealed; the others encrypt it at once.
 void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
-               std::uint32_t size, const char* failure, std::uint32_t block, std::uint64_t cap) {
+               std::uint32_t size, const char* failure, std::uint32_t block, std::uint64_t cap, bool plain) {
   Group& g = GatheringGroup(file == platform::kInvalidFile);
+  if (!plain) {
+    SealGroup(g);
+  } else if (!g.byWriter) {
+    bytes = EncryptedCopy(position, bytes, size, block);
+    plain = false;
+  }
   std::size_t before = 0;
   std::vector<std::uint64_t>& beforeSums = state.beforeSums;
   beforeSums.resize(size / blockSize);
@@ -186,25 +246,32 @@ void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position
   for (std::uint32_t k = 0; k < size / blockSize; ++k) {
     const std::uint64_t at = position + std::uint64_t{k} * blockSize, key = KeyOf(volume, at);
     g.latest[key] = offset + std::size_t{k} * blockSize;
-    if (Sampled(key, j.sampleModulus)) SampleWrite(key, volume, at, beforeSums[k], bytes + std::size_t{k} * blockSize);
+    if (plain)
+      g.unsealed.push_back({offset + std::size_t{k} * blockSize, block + k, volume, at, key, beforeSums[k]});
+    else if (Sampled(key, j.sampleModulus))
+      SampleWrite(key, volume, at, beforeSums[k], bytes + std::size_t{k} * blockSize);
     Journal::Tail& t = j.tails[volume];
     if (t.set && at < t.check.position) continue;
     if (!t.set || at > t.check.position) t.check = journal::Check{j.fileKey[volume], at, beforeSums[k], 0};
     t.set = t.pending = true;
     t.offset = offset + std::size_t{k} * blockSize;
   }
+  if (g.unsealed.size() >= kSealBlocks) SealGroup(g);
 }
 
 }  // namespace
 
 void HoldJournaledWrite(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                         const char* failure, std::uint32_t block) {
+  const bool inTurn = failure == nullptr;
   HoldWrite(file, VolumeOfFile(file), position, bytes, size, failure, block,
-            failure == nullptr ? FirstHeldAfter(block) : MessagesMade());
+            inTurn ? FirstHeldAfter(block) : MessagesMade(), inTurn && JournalEncryptsInTurn());
 }
 
+bool JournalEncryptsInTurn() { return databaseEncrypted && databaseKeyLoaded; }
+
 void HoldPutBack(std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t block) {
-  HoldWrite(platform::kInvalidFile, volume, position, bytes, blockSize, nullptr, block, MessagesMade());
+  HoldWrite(platform::kInvalidFile, volume, position, bytes, blockSize, nullptr, block, MessagesMade(), false);
 }
 
 void KeepBatchOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size) {
@@ -227,6 +294,7 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   if (blockSize == 0) return;
   const std::uint32_t volume = VolumeOfFile(file);
   LayOverFlights(volume, position, buffer, size);
+  if (!j.group.unsealed.empty() && HoldsFrom(j.group, j.group.sealedFrom, volume, position, size)) SealGroup(j.group);
   LayOver(j.group, volume, position, buffer, size);
   if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
 }

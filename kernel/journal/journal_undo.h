@@ -10,6 +10,8 @@ namespace bt::journaling {
 
 // How many blocks the group's writes hold.
 std::size_t HeldBlocks(const Group& g);
+// Encrypts the blocks the group holds before their encryption, and takes their sample.
+void SealGroup(Group& g);
 // The writer's side: the undo of each block of a group of byWriter, from the bytes it replaces.
 void MakeUndo(Group& g);
 

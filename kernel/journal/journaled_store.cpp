@@ -31,6 +31,7 @@ class Journaled final : public WritingStore {
     HoldJournaledWrite(file, position, bytes, size, nullptr, block);
     return true;
   }
+  bool EncryptsInTurn() const override { return JournalEncryptsInTurn(); }
   void KeepOriginals(platform::File file, std::uint64_t position, const std::uint8_t* bytes,
                      std::uint32_t size) override {
     KeepBatchOriginals(file, position, bytes, size);

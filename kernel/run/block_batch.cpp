@@ -64,14 +64,14 @@ std::uint64_t ReadExtent(std::uint64_t b, bool throughFree) {
 }
 
 // An encrypted database's blocks are encrypted again before they are written, all of a run
-// together; its volume info blocks and the first block of each volume are not encrypted.
+// together, unless the store encrypts them itself.
 void EncryptRunOrFail(std::uint64_t from, std::uint64_t count) {
-  if (!databaseEncrypted) return;
+  if (!databaseEncrypted || TheStore().EncryptsInTurn()) return;
   std::uint8_t* blocks[kMaxSlots];
   std::uint32_t numbers[kMaxSlots];
   std::uint32_t n = 0;
   for (std::uint64_t b = from; b < from + count; ++b) {
-    if (b == volumeInfoBlockNumber || b == batch.first) continue;
+    if (!StoredEncrypted(b, batch.first)) continue;
     blocks[n] = Slot(b);
     numbers[n++] = static_cast<std::uint32_t>(b);
   }

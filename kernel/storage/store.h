@@ -39,6 +39,9 @@ class Store {
   // A run of blocks written in their turn, block being the first.
   virtual bool WriteInTurn(platform::File file, std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
                            std::uint32_t block) = 0;
+  // Whether WriteInTurn takes the blocks of an encrypted database before their encryption, which
+  // the store then makes itself (StoredEncrypted tells which blocks).
+  virtual bool EncryptsInTurn() const { return false; }
   // The bytes a batch read at position, before the run changes them.
   virtual void KeepOriginals(platform::File, std::uint64_t, const std::uint8_t*, std::uint32_t) {}
 
