@@ -168,13 +168,7 @@ TEST(Check, ABlockReadAgainAfterItsTurnIsSeenAsByteturnWroteIt) {
       while (late > 0 && last[late * size + 4] != 8) --late;
       ASSERT_NE(early, 0u);
       ASSERT_GT(late, 0u);
-      std::vector<std::uint8_t> block(size, 0);
-      block[3] = 16;  // offset: one node of 16 bytes
-      block[4] = 8;
-      block[28] = 0x80, block[31] = 16;  // a typed node of 16 bytes
-      block[32] = 14;                    // a big vector: one carried word, one block number
-      for (int i = 0; i < 4; ++i) block[37 + i] = static_cast<std::uint8_t>(early >> (24 - 8 * i));
-      WriteBytes(files.back(), late * size, block);
+      WriteBytes(files.back(), late * size, NodeNamingAsBigVector(size, early));
     };
     const Compared c = CheckBesideRun(s, params, {"-t"}, params.volumeSet.volumes != 0 ? "yes\n" : "", prepare, "", environment);
     ExpectSameRunAndFilesKept(c, "byteturn would complete the conversion to ", 0);

@@ -929,12 +929,7 @@ TEST(Journal, ABlockReadAgainInItsGroupIsFoundAsWritten) {
       gendb::EncryptBlock(p.databaseKey, block.data(), size, b);
       ASSERT_EQ(ReadBytes(file, at, size), block) << "the same blocks as the clear database, encrypted";
       for (const std::uint32_t n : {b, b + 1}) {
-        std::vector<std::uint8_t> node(size, 0);
-        node[3] = 16;  // offset: one node of 16 bytes
-        node[4] = 8;
-        node[28] = 0x80, node[31] = 16;  // a typed node of 16 bytes
-        node[32] = 14;                   // a big vector: one carried word, one block number
-        for (int i = 0; i < 4; ++i) node[37 + i] = static_cast<std::uint8_t>(b >> (24 - 8 * i));
+        std::vector<std::uint8_t> node = NodeNamingAsBigVector(size, b);
         gendb::EncryptBlock(p.databaseKey, node.data(), size, n);
         WriteBytes(file, std::uint64_t{n - 1} * size, node);
       }

@@ -288,6 +288,16 @@ void Generate(const gendb::Params& params, const std::string& path) {
   ASSERT_EQ(error, "") << path;
 }
 
+std::vector<std::uint8_t> NodeNamingAsBigVector(std::uint32_t size, std::uint32_t named) {
+  std::vector<std::uint8_t> block(size, 0);
+  block[3] = 16;  // offset: one node of 16 bytes
+  block[4] = 8;
+  block[28] = 0x80, block[31] = 16;  // a typed node of 16 bytes
+  block[32] = 14;                    // a big vector: one carried word, one block number
+  for (int i = 0; i < 4; ++i) block[37 + i] = static_cast<std::uint8_t>(named >> (24 - 8 * i));
+  return block;
+}
+
 void MakeNodeMalformed(const gendb::Params& p, const std::string& dir) {
   const std::string db = dir + "/ORVA.DAT";
   const std::uint32_t size = gendb::GeometryFor(p.sizeCode).blockSize;

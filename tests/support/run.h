@@ -141,6 +141,10 @@ inline std::function<void(const std::string&)> MalformedNode(const gendb::Params
   return [p](const std::string& dir) { MakeNodeMalformed(p, dir); };
 }
 
+// A big-endian data block of size bytes whose one node is a big vector naming block named, which
+// is no big string block: byteturn reads it and tells its type byte.
+std::vector<std::uint8_t> NodeNamingAsBigVector(std::uint32_t size, std::uint32_t named);
+
 // Cuts off the mark that a journaled run that stopped leaves at the end of the main file (until
 // byteturn-recover finishes the run); true when there was one.
 bool Unmark(const std::string& mainFile);
