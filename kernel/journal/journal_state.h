@@ -225,7 +225,6 @@ struct JournalState {
   BatchOriginals originals;
   std::vector<std::uint8_t> replaced = std::vector<std::uint8_t>(kMaxBlockSize);  // ReadReplacedBlock's
   std::vector<std::uint64_t> beforeSums;  // HoldJournaledWrite's: of the blocks of the write being held
-  std::vector<std::uint8_t> encrypted;    // HoldJournaledWrite's: a write in turn, encrypted at once
   std::vector<std::uint8_t*> sealBlocks;  // SealGroup's
   std::vector<std::uint32_t> sealNumbers;
   // The committing thread's: the piece of the table of written blocks it rewrites, and the places

@@ -206,30 +206,24 @@ using namespace journaling;
 
 namespace {
 
-// A write in turn of an encrypted database, encrypted.
-const std::uint8_t* EncryptedCopy(std::uint64_t position, const std::uint8_t* bytes, std::uint32_t size,
-                                  std::uint32_t block) {
-  std::vector<std::uint8_t>& copy = state.encrypted;
-  copy.assign(bytes, bytes + size);
-  for (std::uint32_t k = 0; k < size / blockSize; ++k)
-    NoteToEncrypt(copy.data() + std::size_t{k} * blockSize, block + k, position + std::uint64_t{k} * blockSize);
-  EncryptNoted();
-  return copy.data();
-}
-
 // Blocks held before their encryption are encrypted this many at a time: as many chains as the
 // widest AES path takes at once, while the processor's cache still holds them.
 constexpr std::size_t kSealBlocks = 32;
 
 // plain: a write in turn of an encrypted database, before its encryption. The writer's groups
-// hold it so until they are sealed; the others encrypt it at once.
-void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* bytes,
+// hold it so until they are sealed; the others encrypt it at once. Its bytes go to the arena
+// first: a write that fails while its undo is made lies past those of the writes held.
+void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position, const std::uint8_t* given,
                std::uint32_t size, const char* failure, std::uint32_t block, std::uint64_t cap, bool plain) {
   Group& g = GatheringGroup(file == platform::kInvalidFile);
-  if (!plain) {
-    SealGroup(g);
-  } else if (!g.byWriter) {
-    bytes = EncryptedCopy(position, bytes, size, block);
+  if (!plain) SealGroup(g);
+  const std::size_t offset = g.arena.size();
+  g.arena.insert(g.arena.end(), given, given + size);
+  const std::uint8_t* bytes = g.arena.data() + offset;
+  if (plain && !g.byWriter) {
+    for (std::uint32_t k = 0; k < size / blockSize; ++k)
+      NoteToEncrypt(g.arena.data() + offset + std::size_t{k} * blockSize, block + k, position + std::uint64_t{k} * blockSize);
+    EncryptNoted();
     plain = false;
   }
   std::size_t before = 0;
@@ -240,8 +234,6 @@ void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position
     g.cap = cap;
     CapOutput();
   }
-  const std::size_t offset = g.arena.size();
-  g.arena.insert(g.arena.end(), bytes, bytes + size);
   g.held.push_back({volume, size, block, position, offset, cap, failure, whole, before});
   for (std::uint32_t k = 0; k < size / blockSize; ++k) {
     const std::uint64_t at = position + std::uint64_t{k} * blockSize, key = KeyOf(volume, at);
