@@ -62,7 +62,6 @@ void ClearGroup(Group& g) {
   g.latest.clear();
   g.cap = UINT64_MAX;
   g.unsealed.clear();
-  g.sealedFrom = 0;
 }
 
 void CommitBeforeFailure();

@@ -45,17 +45,16 @@ struct Group {
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
   std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
   // Where the writer makes the undo, the blocks of an encrypted database written in their turn are
-  // held as they are before their encryption (from sealedFrom on in the arena), and encrypted
+  // held as they are before their encryption (the first of them and every write after it in the arena), and encrypted
   // together (SealGroup): once there are enough of them, when the group is committed, before a read
   // sees them, and before a write of another kind is held (the sample then takes their writes in
   // the order made).
   struct Unsealed {
     std::size_t offset;  // in the arena
     std::uint32_t block, volume;
-    std::uint64_t position, key, beforeSum;
+    std::uint64_t position, beforeSum;
   };
   std::vector<Unsealed> unsealed;
-  std::size_t sealedFrom = 0;
 };
 
 // Where the writing of a group stopped, as the writer tells it: the run then fails with the

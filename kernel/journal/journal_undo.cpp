@@ -176,9 +176,9 @@ void SealGroup(Group& g) {
   for (const Group::Unsealed& u : g.unsealed) NoteToEncrypt(g.arena.data() + u.offset, u.block, u.position);
   EncryptNoted();
   for (const Group::Unsealed& u : g.unsealed)
-    if (Sampled(u.key, j.sampleModulus)) SampleWrite(u.key, u.volume, u.position, u.beforeSum, g.arena.data() + u.offset);
+    if (const std::uint64_t key = KeyOf(u.volume, u.position); Sampled(key, j.sampleModulus))
+      SampleWrite(key, u.volume, u.position, u.beforeSum, g.arena.data() + u.offset);
   g.unsealed.clear();
-  g.sealedFrom = g.arena.size();
 }
 
 // How many blocks the group's writes hold.
@@ -239,7 +239,7 @@ void HoldWrite(platform::File file, std::uint32_t volume, std::uint64_t position
     const std::uint64_t at = position + std::uint64_t{k} * blockSize, key = KeyOf(volume, at);
     g.latest[key] = offset + std::size_t{k} * blockSize;
     if (plain)
-      g.unsealed.push_back({offset + std::size_t{k} * blockSize, block + k, volume, at, key, beforeSums[k]});
+      g.unsealed.push_back({offset + std::size_t{k} * blockSize, block + k, volume, at, beforeSums[k]});
     else if (Sampled(key, j.sampleModulus))
       SampleWrite(key, volume, at, beforeSums[k], bytes + std::size_t{k} * blockSize);
     Journal::Tail& t = j.tails[volume];
@@ -286,7 +286,7 @@ void SeeJournaledWrites(platform::File file, std::uint64_t position, std::uint8_
   if (blockSize == 0) return;
   const std::uint32_t volume = VolumeOfFile(file);
   LayOverFlights(volume, position, buffer, size);
-  if (!j.group.unsealed.empty() && HoldsFrom(j.group, j.group.sealedFrom, volume, position, size)) SealGroup(j.group);
+  if (!j.group.unsealed.empty() && HoldsFrom(j.group, j.group.unsealed.front().offset, volume, position, size)) SealGroup(j.group);
   LayOver(j.group, volume, position, buffer, size);
   if (size == blockSize && position % blockSize == 0) KeepReadAside(volume, position, buffer);
 }
