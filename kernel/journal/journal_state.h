@@ -45,10 +45,10 @@ struct Group {
   std::unordered_map<std::uint64_t, std::size_t> latest;  // by volume and block: arena offset
   std::uint64_t cap = UINT64_MAX;                         // the messages from this number on wait for it
   // Where the writer makes the undo, the blocks of an encrypted database written in their turn are
-  // held as they are before their encryption (the first of them and every write after it in the arena), and encrypted
-  // together (SealGroup): once there are enough of them, when the group is committed, before a read
-  // sees them, and before a write of another kind is held (the sample then takes their writes in
-  // the order made).
+  // held as they are before their encryption (the first of them and every write after it in the
+  // arena), and encrypted together (SealGroup): once there are enough of them, when the group is
+  // committed, before a read sees them, and before a write of another kind is held (the sample
+  // then takes their writes in the order made).
   struct Unsealed {
     std::size_t offset;  // in the arena
     std::uint32_t block, volume;
